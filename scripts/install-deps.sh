@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs every Debian 12 package that the library, its tests, benchmarks and
+# example need. Safe to run again: apt-get skips what is already there.
+set -euo pipefail
+
+if [[ $(id -u) -ne 0 ]]; then
+    SUDO=sudo
+else
+    SUDO=
+fi
+
+packages=(
+    # toolchain
+    build-essential cmake ninja-build ccache pkg-config git clang-format
+    # Qt 5.15 with the private Gui headers (QZipWriter)
+    qtbase5-dev qtbase5-private-dev qtmultimedia5-dev libqt5multimedia5-plugins
+    # computation libraries
+    libopencv-core-dev libopencv-imgproc-dev libavutil-dev libswresample-dev
+    # benchmarks
+    libbenchmark-dev
+    # audio: PulseAudio client API and a server for the tests
+    libpulse-dev pulseaudio pulseaudio-utils
+    # displays: XCB with RandR, SHM, DAMAGE, an X server for the tests
+    libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-damage0-dev
+    libxcb-xfixes0-dev libxcb-image0-dev xvfb x11-xserver-utils x11-utils
+    # GPU scaling: EGL + OpenGL ES with Mesa's software rasteriser
+    libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
+    # machine information: PCI ID database
+    libpci-dev pci.ids
+    # local HTTP server for the network tests
+    python3
+)
+
+export DEBIAN_FRONTEND=noninteractive
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+    $SUDO apt-get update -qq
+    $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,492 @@
+#include "ConfigurationManager.h"
+#include "ConfigurationManager_p.h"
+
+#include <QtCore/QDebug>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonParseError>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QStandardPaths>
+#include <QtCore/QTextStream>
+
+#include <algorithm>
+
+QString ConfigurationManager::gsConfigPath;
+
+namespace {
+
+ConfigurationManager* s_instance = nullptr;
+
+// Deletes the singleton at process exit. It is defined after gsConfigPath, so
+// it is destroyed before it.
+struct SingletonReaper
+{
+    ~SingletonReaper()
+    {
+        delete s_instance;
+        s_instance = nullptr;
+    }
+} s_reaper;
+
+// Deletes what lies below path, sparing every folder named "logs" or "dumps"
+// at any depth, then path itself. Stops at the first failure.
+bool removeDirectory(const QString& path)
+{
+    QDir dir(path);
+    if (!dir.exists()) {
+        qWarning() << "Directory does not exist:" << path;
+        return false;
+    }
+    const QFileInfoList entries
+        = dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::NoSort);
+    for (const QFileInfo& entry : entries) {
+        // A link to a folder is removed as a link: its target lies outside.
+        if (entry.isDir() && !entry.isSymLink()) {
+            if (entry.fileName() == QLatin1String("dumps") || entry.fileName() == QLatin1String("logs")) {
+                continue;
+            }
+            if (!removeDirectory(entry.absoluteFilePath())) {
+                return false;
+            }
+        } else if (!QFile::remove(entry.absoluteFilePath())) {
+            qWarning() << "Failed to remove file:" << entry.absoluteFilePath();
+            return false;
+        }
+    }
+    if (!dir.rmdir(path)) {
+        qWarning() << "Failed to remove directory:" << path;
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+namespace Orvanta {
+
+bool parseArrayIndex(const QString& component, int* index)
+{
+    const QRegularExpression pattern(QStringLiteral("\\[(\\d+)\\]"));
+    const QRegularExpressionMatch match = pattern.match(component);
+    if (!match.hasMatch()) {
+        return false;
+    }
+    bool ok = false;
+    *index = match.captured(1).toInt(&ok, 10);
+    return ok;
+}
+
+} // namespace Orvanta
+
+ConfigurationManager* ConfigurationManager::instance()
+{
+    if (!s_instance) {
+        s_instance = new ConfigurationManager;
+    }
+    return s_instance;
+}
+
+void ConfigurationManager::setConfigPath(const QString& path)
+{
+    gsConfigPath = path;
+}
+
+ConfigurationManager::ConfigurationManager()
+    : configDir(
+        gsConfigPath.isEmpty() ? QStandardPaths::writableLocation(QStandardPaths::AppConfigLocation) : gsConfigPath)
+{
+    makeDefaultDir();
+}
+
+ConfigurationManager::~ConfigurationManager()
+{
+    if (s_instance == this) {
+        s_instance = nullptr;
+    }
+}
+
+QString ConfigurationManager::configPath() const
+{
+    return configDir;
+}
+
+QString ConfigurationManager::logsPath() const
+{
+    return configDir + QStringLiteral("/logs");
+}
+
+QString ConfigurationManager::resourcesPath() const
+{
+    return configDir + QStringLiteral("/resources");
+}
+
+void ConfigurationManager::makeDefaultDir()
+{
+    // One level only: a missing parent of the configuration directory is the
+    // application's mistake and is not papered over.
+    QDir().mkdir(configDir);
+    QDir dir(configDir);
+    for (const char* name : {"controllers", "logs", "effects", "dumps", "resources"}) {
+        dir.mkdir(QLatin1String(name));
+    }
+}
+
+void ConfigurationManager::reset()
+{
+    QString path = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
+    path.replace(QStringLiteral("Roaming"), QStringLiteral("Local"), Qt::CaseSensitive);
+    if (!removeDirectory(path)) {
+        qWarning() << "Failed to completely reset configuration directory:" << path;
+    }
+}
+
+void ConfigurationManager::EnableCleanStartup()
+{
+    setGlobalValue(QStringLiteral("cleanStartup"), QJsonValue(true));
+    saveGlobalValues();
+}
+
+void ConfigurationManager::save()
+{
+    const QStringList keys = documents.keys();
+    for (const QString& key : keys) {
+        saveJsonObject(key);
+    }
+}
+
+QJsonObject& ConfigurationManager::AppConfigJsonObj()
+{
+    return globalJsonObj();
+}
+
+void ConfigurationManager::saveAppConfigJsonObj()
+{
+    saveGlobalJsonObj();
+}
+
+void ConfigurationManager::saveGlobalValues()
+{
+    saveGlobalJsonObj();
+}
+
+QJsonObject& ConfigurationManager::controllerJsonObj(const QString& name)
+{
+    return jsonObject(QStringLiteral("controllers/") + name);
+}
+
+void ConfigurationManager::saveControllerJsonObj(const QString& name)
+{
+    saveJsonObject(QStringLiteral("controllers/") + name);
+}
+
+QJsonObject& ConfigurationManager::effectJsonObj(QString name)
+{
+    name.replace(QLatin1Char('.'), QLatin1Char('_'));
+    return jsonObject(QStringLiteral("effects/") + name);
+}
+
+void ConfigurationManager::saveEffectJsonObj(QString name)
+{
+    name.replace(QLatin1Char('.'), QLatin1Char('_'));
+    saveJsonObject(QStringLiteral("effects/") + name);
+}
+
+QJsonObject& ConfigurationManager::globalJsonObj()
+{
+    return jsonObject(QStringLiteral("global"));
+}
+
+void ConfigurationManager::saveGlobalJsonObj()
+{
+    saveJsonObject(QStringLiteral("global"));
+}
+
+QString ConfigurationManager::documentPath(const QString& key) const
+{
+    QString fileKey = key;
+    fileKey.replace(QLatin1Char(':'), QLatin1Char('_'));
+    return configDir + QLatin1Char('/') + fileKey + QStringLiteral(".json");
+}
+
+QJsonObject& ConfigurationManager::jsonObject(const QString& key)
+{
+    auto cached = documents.find(key);
+    if (cached != documents.end()) {
+        return cached.value();
+    }
+    // A failed load is cached as well: it is not retried, and a later save
+    // writes the empty document.
+    return documents.insert(key, loadJsonObjectFromFile(documentPath(key))).value();
+}
+
+QJsonObject ConfigurationManager::loadJsonObjectFromFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        qCritical() << "Failed to open" << path << " errStr:" << file.errorString();
+        return QJsonObject();
+    }
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
+    file.close();
+    if (error.error != QJsonParseError::NoError) {
+        qCritical() << "Failed to parse" << path << error.errorString();
+        return QJsonObject();
+    }
+    return document.object();
+}
+
+void ConfigurationManager::saveJsonObject(const QString& key)
+{
+    const QByteArray data = QJsonDocument(documents[key]).toJson();
+    const QString path = documentPath(key);
+
+    // The old file goes first and the new one is written in place: there is
+    // deliberately no temporary file and no rename.
+    QFile::remove(path);
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite)) {
+        qCritical() << "Failed to opened :" << file.fileName() << "errStr: " << file.errorString();
+        return;
+    }
+    qint64 offset = 0;
+    const qint64 size = data.size();
+    while (offset < size) {
+        const qint64 written = file.write(data.constData() + offset, size - offset);
+        if (written <= 0) {
+            // A full disk or a size limit: give up rather than spin on the same bytes.
+            qCritical() << "Failed to write :" << file.fileName() << "errStr: " << file.errorString();
+            break;
+        }
+        offset += written;
+    }
+    file.close();
+}
+
+QJsonValue ConfigurationManager::valWithXPath(const QJsonObject& object, QString path)
+{
+    if (path.isEmpty()) {
+        return object;
+    }
+    const QStringList components = path.split(QStringLiteral("."), Qt::SkipEmptyParts, Qt::CaseSensitive);
+    if (components.isEmpty()) {
+        return QJsonValue(QJsonValue::Undefined);
+    }
+    QJsonObject current = object;
+    for (int index = 0; index < components.size() - 1; ++index) {
+        const auto found = current.constFind(components.at(index));
+        if (found == current.constEnd() || !found.value().isObject()) {
+            return QJsonValue(QJsonValue::Null);
+        }
+        current = found.value().toObject();
+    }
+    return current.value(components.last());
+}
+
+void ConfigurationManager::setValWithXPath(QJsonObject& object, QString path, QJsonValue value)
+{
+    setValWithXPath(object, path.split(QStringLiteral("."), Qt::SkipEmptyParts, Qt::CaseSensitive), value);
+}
+
+QJsonValue ConfigurationManager::setValWithXPath(QJsonObject& object, QStringList path, QJsonValue value)
+{
+    if (path.isEmpty()) {
+        return object;
+    }
+    if (path.size() == 1) {
+        object[path.first()] = value;
+        return object;
+    }
+    const QString first = path.takeFirst();
+    if (!object[first].isObject()) {
+        object[first] = QJsonObject();
+    }
+    QJsonObject child = object[first].toObject();
+    object[first] = setValWithXPath(child, path, value);
+    return object;
+}
+
+QJsonValue ConfigurationManager::globalValue(const QString& path)
+{
+    return valWithXPath(globalJsonObj(), path);
+}
+
+QJsonValue ConfigurationManager::appConfig(const QString& path)
+{
+    return globalValue(path);
+}
+
+void ConfigurationManager::setGlobalValue(const QString& path, const QJsonValue& value)
+{
+    setValWithXPath(globalJsonObj(), path, value);
+}
+
+void ConfigurationManager::setGlobalValue(const QStringList& path, const QJsonValue& value)
+{
+    setValWithXPath(globalJsonObj(), path, value);
+}
+
+void ConfigurationManager::setAppConfig(const QString& path, const QJsonValue& value)
+{
+    setGlobalValue(path, value);
+    saveGlobalValues();
+    emit appConfigChanged(path);
+}
+
+QJsonValue ConfigurationManager::effectJsonValue(QString effectName, QString section, QString key)
+{
+    QJsonObject& document = effectJsonObj(effectName);
+    // The non-const operator[] adds an absent section as null: reading
+    // changes the cached document, and the defaults fallback relies on that.
+    const QJsonValueRef sectionValue = document[section];
+    if (!key.isEmpty()) {
+        return QJsonValue(sectionValue).toObject().value(key);
+    }
+    return sectionValue;
+}
+
+QJsonValue ConfigurationManager::effectJsonValue(QString effectName, QString section, QString key, QString defaultFile)
+{
+    const QJsonValue value = effectJsonValue(effectName, section, key);
+    if (!value.isNull() && !value.isUndefined()) {
+        return value;
+    }
+    qInfo() << "Not found effect config object about" << effectName << section << key;
+    const QJsonObject defaults = loadJsonObjectFromFile(defaultFile);
+    setEffectJsonValue(effectName, section, QString(), defaults);
+    if (defaults.isEmpty()) {
+        qCritical() << "Failed to get config object from" << defaultFile;
+        return QJsonValue(QJsonValue::Null);
+    }
+    qDebug() << "Succeeded to get config object from" << defaultFile;
+    if (!key.isEmpty()) {
+        return defaults.value(key);
+    }
+    return defaults;
+}
+
+QVariant ConfigurationManager::effectVariant(QString effectName, QString section, QString key)
+{
+    return effectJsonValue(effectName, section, key).toVariant();
+}
+
+void ConfigurationManager::setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value)
+{
+    QJsonObject& document = effectJsonObj(effectName);
+    if (key.isEmpty()) {
+        document.insert(section, value);
+        return;
+    }
+    QJsonObject sectionObject = document.value(section).toObject();
+    sectionObject.insert(key, value);
+    document.insert(section, sectionObject);
+}
+
+void ConfigurationManager::setEffectVariant(QString effectName, QString section, QString key, QVariant value)
+{
+    QJsonObject& document = effectJsonObj(effectName);
+    QJsonObject sectionObject = document.value(section).toObject();
+    sectionObject.insert(key, QJsonValue::fromVariant(value));
+    document.insert(section, sectionObject);
+}
+
+void ConfigurationManager::generateControllerConfig(QString name, int height, int width, int bottom)
+{
+    const int count = 2 * height + width + bottom;
+    qDebug() << name << " count:" << count << " height:" << height << " width:" << width;
+
+    QJsonArray leds;
+    QJsonArray zones;
+    auto addZone = [&zones](int direction, int start, int stop) {
+        QJsonObject zone;
+        zone.insert(QStringLiteral("id"), zones.size());
+        zone.insert(QStringLiteral("direction"), direction);
+        zone.insert(QStringLiteral("start"), start);
+        zone.insert(QStringLiteral("stop"), stop);
+        zones.append(zone);
+    };
+
+    // One pass along the edges, clockwise with y growing downwards: up the
+    // left edge, along the top, down the right edge, back along the bottom.
+    // The last LED of each of the first three edges stops in place, so the
+    // first LED of the next edge shares its cell.
+    const int h = height;
+    const int w = width;
+    int x = 0;
+    int y = std::max(height - 1, 0);
+    for (int i = 1; i <= count; ++i) {
+        QJsonObject led;
+        led.insert(QStringLiteral("id"), i);
+        led.insert(QStringLiteral("x"), x);
+        led.insert(QStringLiteral("y"), y);
+
+        int dx = 0;
+        int dy = 0;
+        if (i <= h && h != 1) {
+            qDebug() << "<<L " << i;
+            dy = -1;
+            if (i == h) {
+                addZone(1, 1, h);
+                dy = 0;
+            }
+        } else if (i <= h + w) {
+            qDebug() << "<<T " << i;
+            dx = 1;
+            if (h == 1 && i == w) {
+                addZone(0, 1, w / 2);
+                addZone(1, w / 2 + 1, w);
+                dx = 0;
+            } else if (i == h + w) {
+                addZone(0, h + 1, h + w / 2);
+                addZone(1, h - w / 2 + 1 + w, h + w);
+                dx = 0;
+            }
+        } else if (i <= 2 * h + w) {
+            qDebug() << "<<R " << i;
+            dy = 1;
+            if (i == 2 * h + w) {
+                addZone(0, h + w + 1, 2 * h + w);
+                dy = 0;
+            }
+        } else {
+            dx = -1;
+            if (i == count) {
+                addZone(0, 2 * h + w + 1, w / 2 + 2 * h + w);
+                addZone(1, w / 2 + 2 * h + w + 1, count);
+            }
+        }
+        x += dx;
+        y += dy;
+        leds.append(led);
+    }
+
+    QJsonObject root;
+    root.insert(QStringLiteral("key_array"), leds);
+    root.insert(QStringLiteral("key_music"), zones);
+    root.insert(QStringLiteral("key_len"), width);
+    root.insert(QStringLiteral("key_wid"), height < 1 ? 1 : height);
+    root.insert(QStringLiteral("key_num"), count);
+    const QJsonDocument document(root);
+    qDebug() << document.toJson();
+    const QByteArray bytes = document.toJson(QJsonDocument::Indented);
+
+    name.replace(QLatin1Char(':'), QLatin1Char('_'));
+    const QString folder
+        = QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation) + QStringLiteral("/controler_config/");
+    QDir dir(folder);
+    if (!dir.exists()) {
+        dir.mkpath(QStringLiteral("."));
+    }
+    QFile file(folder + name + QStringLiteral(".json"));
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
+        return;
+    }
+    QTextStream stream(&file);
+    stream.setCodec("utf-8");
+    stream << bytes;
+    stream.flush();
+    file.close();
+}

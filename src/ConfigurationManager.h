@@ -1,0 +1,89 @@
+#pragma once
+
+#include "orvanta_global.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QJsonObject>
+#include <QtCore/QJsonValue>
+#include <QtCore/QObject>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+#include <QtCore/QVariant>
+
+/**
+ * The process-wide keeper of the application's JSON configuration.
+ *
+ * Documents ("global", "controllers/<name>", "effects/<name>") are loaded at
+ * their first use, cached for the life of the instance and written only by an
+ * explicit save. References returned by the document accessors point into
+ * the cache, so callers edit the cached document itself.
+ *
+ * The store never throws and never reports an error through its results: a
+ * document that cannot be read is empty, a write that fails is logged.
+ * It has no lock; call it from one thread.
+ */
+class LIBORVANTA_EXPORT ConfigurationManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// The directory that the next construction uses; empty means the
+    /// platform's per-user configuration location.
+    static QString gsConfigPath;
+
+    static ConfigurationManager* instance();
+    static void setConfigPath(const QString& path);
+
+    ConfigurationManager();
+    ~ConfigurationManager() override;
+
+    QString configPath() const;
+    QString logsPath() const;
+    QString resourcesPath() const;
+
+    void makeDefaultDir();
+    void reset();
+    void EnableCleanStartup();
+    void save();
+
+    QJsonObject& AppConfigJsonObj();
+    void saveAppConfigJsonObj();
+    void saveGlobalValues();
+    QJsonObject& controllerJsonObj(const QString& name);
+    void saveControllerJsonObj(const QString& name);
+    QJsonObject& effectJsonObj(QString name);
+    void saveEffectJsonObj(QString name);
+
+    // Dotted-path access to any object; see the implementation for the grammar.
+    static QJsonValue valWithXPath(const QJsonObject& object, QString path);
+    static void setValWithXPath(QJsonObject& object, QString path, QJsonValue value);
+    static QJsonValue setValWithXPath(QJsonObject& object, QStringList path, QJsonValue value);
+
+    QJsonValue globalValue(const QString& path);
+    QJsonValue appConfig(const QString& path);
+    void setGlobalValue(const QString& path, const QJsonValue& value);
+    void setGlobalValue(const QStringList& path, const QJsonValue& value);
+    void setAppConfig(const QString& path, const QJsonValue& value);
+
+    QJsonValue effectJsonValue(QString effectName, QString section, QString key);
+    QJsonValue effectJsonValue(QString effectName, QString section, QString key, QString defaultFile);
+    QVariant effectVariant(QString effectName, QString section, QString key);
+    void setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value);
+    void setEffectVariant(QString effectName, QString section, QString key, QVariant value);
+
+    void generateControllerConfig(QString name, int height, int width, int bottom);
+
+signals:
+    void appConfigChanged(const QString& key);
+
+private:
+    QJsonObject& globalJsonObj();
+    void saveGlobalJsonObj();
+    QJsonObject& jsonObject(const QString& key);
+    QJsonObject loadJsonObjectFromFile(const QString& path);
+    void saveJsonObject(const QString& key);
+    QString documentPath(const QString& key) const;
+
+    QHash<QString, QJsonObject> documents;
+    QString configDir;
+};
