@@ -34,7 +34,13 @@ function(orvanta_add_test name)
         set(command ${CMAKE_SOURCE_DIR}/scripts/services/with-env.sh ${env_files} -- ${command})
     endif()
     add_test(NAME ${name} COMMAND ${command})
-    set(env "QT_QPA_PLATFORM=offscreen" "QT_FORCE_STDERR_LOGGING=1" ${ARG_ENVIRONMENT})
+    # Each test gets a home of its own in the build tree: nothing reaches the
+    # real home directory, and tests running in parallel do not meet.
+    set(home ${CMAKE_BINARY_DIR}/test-home/${name})
+    file(MAKE_DIRECTORY ${home})
+    set(env "HOME=${home}" "XDG_CONFIG_HOME=${home}/.config" "XDG_DATA_HOME=${home}/.local/share"
+            "XDG_CACHE_HOME=${home}/.cache" "QT_QPA_PLATFORM=offscreen" "QT_FORCE_STDERR_LOGGING=1"
+            ${ARG_ENVIRONMENT})
     set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABEL}" ENVIRONMENT "${env}")
     if(ARG_FIXTURES)
         set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED "${ARG_FIXTURES}")

@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Installs the dependencies, builds the library with its tests, and runs the
+# whole suite. On a fresh Debian 12 machine, as root:
+#
+#     bash scripts/test.sh
+#
+# Options:
+#   --sanitizers LIST   build with sanitizers, e.g. "address;undefined" or "thread"
+#   --label REGEX       run only the tests whose label matches (ctest -L)
+#   --build-dir DIR     where to build (default: build, or build-<sanitizers>)
+#   --no-install        skip the package installation step
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+sanitizers=""
+label=""
+build=""
+install=1
+while [[ $# -gt 0 ]]; do
+    case $1 in
+        --sanitizers) sanitizers=$2; shift 2 ;;
+        --label) label=$2; shift 2 ;;
+        --build-dir) build=$2; shift 2 ;;
+        --no-install) install=0; shift ;;
+        *) echo "unknown option: $1" >&2; exit 2 ;;
+    esac
+done
+
+if ((install)); then
+    bash "$root/scripts/install-deps.sh"
+fi
+
+if [[ -z $build ]]; then
+    if [[ -n $sanitizers ]]; then
+        build=$root/build-${sanitizers//;/-}
+    else
+        build=$root/build
+    fi
+fi
+
+# ccache keys on paths relative to the checkout, so a fresh clone reuses what
+# an earlier build on this machine compiled.
+export CCACHE_BASEDIR=$root
+export CCACHE_MAXSIZE=${CCACHE_MAXSIZE:-5G}
+
+build_type=RelWithDebInfo
+[[ -n $sanitizers ]] && build_type=Debug
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=$build_type \
+      -DORVANTA_SANITIZERS="$sanitizers" -DORVANTA_BUILD_BENCHMARKS=$([[ -z $sanitizers ]] && echo ON || echo OFF)
+cmake --build "$build" -j"$(nproc)"
+
+# Sanitizer reports fail the run; Qt's and the drivers' own process-lifetime
+# allocations are listed in the suppression files.
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=0}
+export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/sanitizers/tsan.supp}
+
+ctest_args=(--test-dir "$build" --output-on-failure --timeout 900)
+[[ -n $label ]] && ctest_args+=(-L "$label")
+ctest "${ctest_args[@]}"
