@@ -271,19 +271,37 @@ QJsonValue ConfigurationManager::valWithXPath(const QJsonObject& object, QString
     if (path.isEmpty()) {
         return object;
     }
-    const QStringList components = path.split(QStringLiteral("."), Qt::SkipEmptyParts, Qt::CaseSensitive);
-    if (components.isEmpty()) {
+    // Walks the components in place rather than splitting the path into a
+    // list: reads sit on settings paths that are called often. Empty
+    // components are skipped, as a split that drops empty parts would.
+    const QStringView whole(path);
+    QJsonObject current = object;
+    QStringView pending;
+    int start = 0;
+    while (start <= whole.size()) {
+        int end = whole.indexOf(QLatin1Char('.'), start);
+        if (end < 0) {
+            end = whole.size();
+        }
+        const QStringView component = whole.mid(start, end - start);
+        start = end + 1;
+        if (component.isEmpty()) {
+            continue;
+        }
+        if (!pending.isEmpty()) {
+            const QJsonValue next = current.value(pending);
+            if (!next.isObject()) {
+                // A missing key and a non-object both interrupt the walk.
+                return QJsonValue(QJsonValue::Null);
+            }
+            current = next.toObject();
+        }
+        pending = component;
+    }
+    if (pending.isEmpty()) {
         return QJsonValue(QJsonValue::Undefined);
     }
-    QJsonObject current = object;
-    for (int index = 0; index < components.size() - 1; ++index) {
-        const auto found = current.constFind(components.at(index));
-        if (found == current.constEnd() || !found.value().isObject()) {
-            return QJsonValue(QJsonValue::Null);
-        }
-        current = found.value().toObject();
-    }
-    return current.value(components.last());
+    return current.value(pending);
 }
 
 void ConfigurationManager::setValWithXPath(QJsonObject& object, QString path, QJsonValue value)
