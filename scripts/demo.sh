@@ -4,12 +4,15 @@
 #
 #     bash scripts/demo.sh
 #
-# Arguments after the script name go to the example (see --help).
+# Arguments after the script name go to the example (see --help). Where no X
+# display or no sound server is running, the demo starts its own.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/install-deps.sh"
 export CCACHE_BASEDIR=$root
 cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build "$root/build" -j"$(nproc)" --target orvanta_ambilight
+cmake --build "$root/build" -j"$(nproc)" --target orvanta_ambilight orvanta_testpattern
 export QT_LOGGING_RULES=${QT_LOGGING_RULES:-"*.debug=false"}
-exec "$root/build/examples/ambilight/orvanta_ambilight" "$@"
+# On a machine without a desktop, a virtual screen with a moving pattern and a
+# sound server playing a tone sweep stand in for the user's.
+exec "$root/scripts/demo-session.sh" "$root/build/examples/ambilight/orvanta_ambilight" "$@"

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# demo-session.sh COMMAND [ARG...]
+# Runs COMMAND with a screen and a sound server to look at and listen to.
+# Where the caller already has them (a real desktop), they are used as they
+# are. Otherwise an Xvfb with two side-by-side monitors showing the moving
+# test pattern, and a PulseAudio daemon with a null sink playing a tone sweep,
+# are started for the command's lifetime and stopped after it.
+#
+# ORVANTA_PATTERN_PROGRAM names the test-pattern program (built from examples/testpattern).
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+pattern=${ORVANTA_PATTERN_PROGRAM:-$root/build/examples/testpattern/orvanta_testpattern}
+state=$(mktemp -d /tmp/orvanta-demo.XXXXXX)
+pids=()
+
+stop_all() {
+    local pid
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null || true
+    done
+    if [[ -f $state/pulse/run/pid ]]; then
+        kill "$(cat "$state/pulse/run/pid")" 2>/dev/null || true
+    fi
+    for pid in "${pids[@]}"; do
+        wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$state"
+}
+trap stop_all EXIT
+
+if [[ -z ${DISPLAY:-} ]] || ! xdpyinfo >/dev/null 2>&1; then
+    Xvfb -displayfd 3 -screen 0 3840x1080x24 +extension RANDR +extension DAMAGE +extension MIT-SHM \
+         -nolisten tcp -noreset 3>"$state/display" 2>"$state/xvfb.log" &
+    pids+=($!)
+    for _ in $(seq 50); do [[ -s $state/display ]] && break; sleep 0.1; done
+    [[ -s $state/display ]] || { echo "demo-session: Xvfb did not start" >&2; cat "$state/xvfb.log" >&2; exit 1; }
+    export DISPLAY=:$(cat "$state/display")
+    xrandr --setmonitor LEFT 1920/508x1080/286+0+0 screen >/dev/null
+    xrandr --setmonitor RIGHT 1920/508x1080/286+1920+0 none >/dev/null
+    QT_QPA_PLATFORM=xcb "$pattern" >"$state/pattern.log" 2>&1 &
+    pids+=($!)
+    echo "demo-session: started Xvfb on $DISPLAY (two 1920x1080 monitors) with a moving test pattern"
+fi
+
+if ! pactl info >/dev/null 2>&1; then
+    export PULSE_RUNTIME_PATH=$state/pulse/run PULSE_STATE_PATH=$state/pulse/state
+    mkdir -p "$PULSE_RUNTIME_PATH" "$PULSE_STATE_PATH" "$state/pulse/home"
+    chmod 700 "$PULSE_RUNTIME_PATH"
+    cat >"$state/pulse/demo.pa" <<'PA'
+.fail
+load-module module-native-protocol-unix auth-anonymous=1
+load-module module-null-sink sink_name=demo rate=48000 channels=2 sink_properties=device.description=Demo
+set-default-sink demo
+PA
+    HOME=$state/pulse/home pulseaudio -n -F "$state/pulse/demo.pa" --daemonize=yes --exit-idle-time=-1 \
+        --disallow-exit --log-target=file:"$state/pulse/pa.log" 2>/dev/null
+    for _ in $(seq 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
+    pactl info >/dev/null 2>&1 || { echo "demo-session: PulseAudio did not start" >&2; exit 1; }
+    python3 "$root/scripts/tone-sweep.py" 48000 200 2000 5 |
+        pacat --raw --format=s16le --rate=48000 --channels=2 --latency-msec=20 -d demo &
+    pids+=($!)
+    echo "demo-session: started PulseAudio with the null sink 'demo' playing a 200-2000 Hz tone sweep"
+fi
+
+status=0
+"$@" || status=$?
+exit $status
