@@ -29,6 +29,8 @@ packages=(
     libpci-dev pci.ids
     # local HTTP server for the network tests
     python3
+    # feedback zips: independent readers for the tests, zip for the benchmark's reference
+    zip unzip
 )
 
 export DEBIAN_FRONTEND=noninteractive

@@ -118,7 +118,10 @@ void NetRCManager::checkVersion()
             // version makes the update pointless.
             qInfo() << "The new version has been made available";
             emit hasNewAppVersion();
-            reply->deleteLater();
+            // A receiver may have destroyed this object, and the reply with it.
+            if (reply) {
+                reply->deleteLater();
+            }
         },
         Qt::DirectConnection);
 

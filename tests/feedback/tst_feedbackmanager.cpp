@@ -399,5 +399,5 @@ void FeedbackManagerTest::zipPassesIndependentTest()
     QVERIFY2(output.contains(QStringLiteral("No errors detected")), qPrintable(output));
 }
 
-QTEST_MAIN(FeedbackManagerTest)
+QTEST_GUILESS_MAIN(FeedbackManagerTest)
 #include "tst_feedbackmanager.moc"

@@ -840,5 +840,5 @@ void NetRCManagerTest::destructionDuringBlockingReportEndsWait()
     QVERIFY(watch.isNull());
 }
 
-QTEST_MAIN(NetRCManagerTest)
+QTEST_GUILESS_MAIN(NetRCManagerTest)
 #include "tst_netrcmanager.moc"
