@@ -4,9 +4,9 @@
 #include "HardwareInfo.h"
 #include "Helpers.h"
 #include "NetworkErrorMetaType.h"
+#include "ifaces/Sha256Digest.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QCryptographicHash>
 #include <QtCore/QDebug>
 #include <QtCore/QEventLoop>
 #include <QtCore/QFile>
@@ -14,12 +14,15 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QReadWriteLock>
-#include <QtCore/QSharedPointer>
 #include <QtCore/QUrl>
 #include <QtNetwork/QHttpMultiPart>
 #include <QtNetwork/QNetworkRequest>
 
+#include <memory>
+
 namespace {
+
+constexpr qint64 kDownloadBufferBytes = 4 * 1024 * 1024;
 
 QReadWriteLock& serverUrlLock()
 {
@@ -144,16 +147,18 @@ void NetRCManager::downloadLatestApp()
         return;
     }
 
-    const QSharedPointer<QCryptographicHash> digest
-        = QSharedPointer<QCryptographicHash>::create(QCryptographicHash::Sha256);
+    const std::shared_ptr<Orvanta::Ifaces::Sha256Digest> digest = Orvanta::createSha256Digest();
     QPointer<QNetworkReply> reply = manager.get(QNetworkRequest(QUrl(latestPkgUrl, QUrl::TolerantMode)));
     reply->setParent(this);
+    // Bounds what the network layer holds for us while the digest and the
+    // disk keep up; without it a slow consumer lets the whole file pile up.
+    reply->setReadBufferSize(kDownloadBufferBytes);
 
     // Each chunk goes through the digest and to the disk as it arrives: the
     // installer is never held in memory as a whole.
     const auto storeAvailable = [reply, file, digest]() {
         const QByteArray data = reply->readAll();
-        digest->addData(data);
+        digest->addData(data.constData(), static_cast<std::size_t>(data.size()));
         file->write(data);
     };
 
@@ -182,7 +187,7 @@ void NetRCManager::downloadLatestApp()
         file->deleteLater();
         reply->deleteLater();
 
-        const QString computed = QString::fromLatin1(digest->result().toHex().toUpper());
+        const QString computed = QString::fromLatin1(QByteArray::fromStdString(digest->result()).toHex().toUpper());
         const QString expected = latestChecksum.toUpper();
         qDebug() << computed;
         qDebug() << expected;

@@ -5,6 +5,7 @@
 #include "MessageCapture.h"
 #include "ServerControl.h"
 #include "fakes/FakeMachineSources.h"
+#include "ifaces/Sha256Digest.h"
 
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QTimer>
@@ -71,6 +72,7 @@ private slots:
     void silentServerUntilClosedDuringCheck();
 
     // download
+    void digestGivesKnownValues();
     void largeInstallerStreamsAndVerifies();
     void lowerCaseDigestMatches();
     void wrongDigestRemovesInstaller();
@@ -318,6 +320,25 @@ void NetRCManagerTest::silentServerUntilClosedDuringCheck()
 }
 
 // ---- download -------------------------------------------------------------
+
+void NetRCManagerTest::digestGivesKnownValues()
+{
+    const auto hex = [](const std::string& bytes) {
+        return QByteArray::fromStdString(bytes).toHex();
+    };
+    const std::unique_ptr<Orvanta::Ifaces::Sha256Digest> empty = Orvanta::createSha256Digest();
+    QCOMPARE(hex(empty->result()), QByteArray("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"));
+
+    const std::unique_ptr<Orvanta::Ifaces::Sha256Digest> digest = Orvanta::createSha256Digest();
+    digest->addData("a", 1);
+    digest->addData("bc", 2);
+    QCOMPARE(hex(digest->result()), QByteArray("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+    // Asking for the value does not end the computation.
+    QCOMPARE(hex(digest->result()), QByteArray("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+    const QByteArray rest("dbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq");
+    digest->addData(rest.constData(), static_cast<std::size_t>(rest.size()));
+    QCOMPARE(hex(digest->result()), QCryptographicHash::hash("abc" + rest, QCryptographicHash::Sha256).toHex());
+}
 
 void NetRCManagerTest::largeInstallerStreamsAndVerifies()
 {
