@@ -154,12 +154,18 @@ void NetRCManager::downloadLatestApp()
     // disk keep up; without it a slow consumer lets the whole file pile up.
     reply->setReadBufferSize(kDownloadBufferBytes);
 
+    // A chunk that did not reach the disk (a full disk, say) leaves a file
+    // that the digest of the received bytes no longer describes.
+    const auto writeFailed = std::make_shared<bool>(false);
+
     // Each chunk goes through the digest and to the disk as it arrives: the
     // installer is never held in memory as a whole.
-    const auto storeAvailable = [reply, file, digest]() {
+    const auto storeAvailable = [reply, file, digest, writeFailed]() {
         const QByteArray data = reply->readAll();
         digest->addData(data.constData(), static_cast<std::size_t>(data.size()));
-        file->write(data);
+        if (file->write(data) != data.size()) {
+            *writeFailed = true;
+        }
     };
 
     connect(reply, &QIODevice::readyRead, this, [reply, file, storeAvailable]() {
@@ -174,7 +180,7 @@ void NetRCManager::downloadLatestApp()
         storeAvailable();
     });
 
-    connect(reply, &QNetworkReply::finished, this, [this, reply, file, digest, path, storeAvailable]() {
+    connect(reply, &QNetworkReply::finished, this, [this, reply, file, digest, path, storeAvailable, writeFailed]() {
         if (!reply || !file) {
             return;
         }
@@ -182,7 +188,9 @@ void NetRCManager::downloadLatestApp()
         if (reply->bytesAvailable() > 0) {
             storeAvailable();
         }
-        file->flush();
+        if (!file->flush()) {
+            *writeFailed = true;
+        }
         file->close();
         file->deleteLater();
         reply->deleteLater();
@@ -191,7 +199,7 @@ void NetRCManager::downloadLatestApp()
         const QString expected = latestChecksum.toUpper();
         qDebug() << computed;
         qDebug() << expected;
-        if (computed == expected) {
+        if (computed == expected && !*writeFailed) {
             qInfo() << "The new installation file has been downloaded";
             emit newInstallationFileDownloaded(path);
         } else {

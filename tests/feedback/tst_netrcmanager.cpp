@@ -82,6 +82,7 @@ private slots:
     void downloadBeforeAnyVersionReplyRemovesOldInstaller();
     void redirectIsNotFollowed();
     void installerThatCannotBeCreated();
+    void installerThatCannotBeWrittenIsNotAnnounced();
     void destructionDuringDownloadLeavesNoInstaller();
 
     // feedback upload
@@ -486,6 +487,24 @@ void NetRCManagerTest::installerThatCannotBeCreated()
                          .arg(probe.errorString())});
     QTest::qWait(100);
     QCOMPARE(m_server->requests().size(), 0);
+}
+
+void NetRCManagerTest::installerThatCannotBeWrittenIsNotAnnounced()
+{
+    // The installer's name leads to a device that is always full: the bytes
+    // arrive and match the digest, but never reach the disk.
+    QVERIFY(QFile::link(QStringLiteral("/dev/full"), installerPath()));
+    const qint64 size = 2 * 1024 * 1024;
+    NetRCManager net;
+    announceVersion(net, versionReply(kVersion, m_server->blobUrl(size, 8), m_server->blobDigest(size, 8)));
+    MessageCapture capture;
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    net.downloadLatestApp();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")), kWait);
+    QCOMPARE(downloaded.count(), 0);
+    QVERIFY(!QFileInfo(installerPath()).isSymLink());
+    QVERIFY(!QFile::exists(installerPath()));
 }
 
 void NetRCManagerTest::destructionDuringDownloadLeavesNoInstaller()
