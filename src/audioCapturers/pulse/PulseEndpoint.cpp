@@ -1,0 +1,86 @@
+#include "PulseEndpoint.h"
+
+#include "ResultCodes.h"
+#include "ServerConnection.h"
+
+namespace Orvanta {
+namespace Pulse {
+
+Endpoint::Endpoint(std::shared_ptr<ServerConnection> connection, std::string name, Ifaces::DataFlow flow)
+    : m_connection(std::move(connection))
+    , m_name(std::move(name))
+    , m_flow(flow)
+{
+}
+
+long Endpoint::id(std::string& id) const
+{
+    id = m_name;
+    return S_OK;
+}
+
+long Endpoint::state(unsigned long& state) const
+{
+    // Absent from the server, or no server at all, reads as "not present".
+    bool present = false;
+    if (m_flow == Ifaces::DataFlow::Capture) {
+        std::vector<SourceRecord> records;
+        present = m_connection->sources(m_name, records) >= 0 && !records.empty();
+    } else {
+        std::vector<SinkRecord> records;
+        present = m_connection->sinks(m_name, records) >= 0 && !records.empty();
+    }
+    state = present ? Ifaces::DeviceStateActive : Ifaces::DeviceStateNotPresent;
+    return S_OK;
+}
+
+long Endpoint::dataFlow(Ifaces::DataFlow& flow) const
+{
+    flow = m_flow;
+    return S_OK;
+}
+
+long Endpoint::friendlyName(std::string& name) const
+{
+    long hr = S_OK;
+    std::string description;
+    if (m_flow == Ifaces::DataFlow::Capture) {
+        std::vector<SourceRecord> records;
+        hr = m_connection->sources(m_name, records);
+        if (hr >= 0 && !records.empty()) {
+            description = records.front().description;
+        } else if (hr >= 0) {
+            hr = E_NOTFOUND;
+        }
+    } else {
+        std::vector<SinkRecord> records;
+        hr = m_connection->sinks(m_name, records);
+        if (hr >= 0 && !records.empty()) {
+            description = records.front().description;
+        } else if (hr >= 0) {
+            hr = E_NOTFOUND;
+        }
+    }
+    if (hr >= 0) {
+        name = description;
+    }
+    return hr;
+}
+
+long Endpoint::activateStream(std::unique_ptr<Ifaces::EndpointStream>&)
+{
+    return E_NOINTERFACE;
+}
+
+long Endpoint::activateVolume(std::unique_ptr<Ifaces::EndpointVolume>&)
+{
+    return E_NOINTERFACE;
+}
+
+long Endpoint::activateMeter(std::unique_ptr<Ifaces::EndpointMeter>&)
+{
+    return E_NOINTERFACE;
+}
+
+} // namespace Pulse
+} // namespace Orvanta
