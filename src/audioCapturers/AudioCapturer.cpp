@@ -2,11 +2,15 @@
 
 #include "AudioCapturer_p.h"
 #include "AudioFFT.h"
+#include "ConfigurationManager.h"
+#include "Helpers.h"
 #include "ResultCodes.h"
+#include "ifaces/EndpointWatcher.h"
 #include "SoundMetaTypes.h"
 #include "SpectrumMath.h"
 
 #include <QtCore/QDebug>
+#include <QtCore/QElapsedTimer>
 
 #include <cmath>
 #include <cstring>
@@ -28,12 +32,16 @@ AudioCapturer::AudioCapturer(int lowerBound, int upperBound, QObject* parent)
 {
     Orvanta::registerSpectrumListMetaType();
     Orvanta::registerSoundChannelListMetaType();
+    // Registered by name up front, so that a receiver on another thread with
+    // an automatic connection gets the very first peak signal queued.
+    qRegisterMetaType<QVector<QVector<QString>>>("QVector<QVector<QString> >");
 }
 
 AudioCapturer::~AudioCapturer()
 {
     requestInterruption();
     wait();
+    d->releaseStream();
 }
 
 // --- AudioCapturerPrivate ---------------------------------------------------
@@ -314,4 +322,184 @@ std::uint64_t AudioCapturerPrivate::convertToAvChannelLayout(const WaveFormatExt
     // bit 17 (top back right); higher speaker bits have no FFmpeg counterpart.
     constexpr std::uint64_t sharedSpeakerBits = (1u << 18) - 1;
     return format.dwChannelMask & sharedSpeakerBits;
+}
+
+// --- the endpoint shell -----------------------------------------------------
+
+long AudioCapturer::load(DeviceHandle device)
+{
+    return d->load(std::move(device));
+}
+
+WaveFormatExtensible AudioCapturer::Format()
+{
+    return d->waveFormat;
+}
+
+void AudioCapturer::run()
+{
+    d->run();
+}
+
+AudioCapturer::DeviceHandle AudioCapturer::DeviceSelect(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> enumerator)
+{
+    DeviceHandle device;
+    if (enumerator) {
+        enumerator->defaultEndpoint(Orvanta::Ifaces::DataFlow::Render, Orvanta::Ifaces::DeviceRole::Console, device);
+    }
+    enumerator.reset();
+    return device;
+}
+
+long AudioCapturerPrivate::load(std::shared_ptr<Orvanta::Ifaces::AudioEndpoint> device)
+{
+    using Orvanta::Ifaces::DataFlow;
+
+    prepareAnalysis();
+
+    if (!device) {
+        qCritical() << "Failed to query IMMEndpoint interface " << win32ErrorMsg(E_POINTER);
+        return E_POINTER;
+    }
+    DataFlow flow = DataFlow::Render;
+    long hr = device->dataFlow(flow);
+    if (hr < 0) {
+        qCritical() << "Failed to get data flow of IMMEndpoint " << win32ErrorMsg(hr);
+        return hr;
+    }
+
+    hr = device->activateStream(audioClient);
+    if (hr < 0) {
+        qCritical() << "Failed to active IAudioClient" << win32ErrorMsg(hr);
+        return hr;
+    }
+    hr = device->activateVolume(endpointVolume);
+    if (hr < 0) {
+        qCritical() << "Failed to active the IAudioEndpointVolume interface " << win32ErrorMsg(hr);
+        return hr;
+    }
+
+    // The meter is optional: without it only the peak signal is missing.
+    const bool meterActivated = device->activateMeter(meterInfo) >= 0 && meterInfo;
+    if (meterActivated) {
+        qInfo() << "[AudioCapturer]: Succeeded to activate IAudioMeterInformation interface";
+    }
+    std::uint32_t channels = 0;
+    if (!meterActivated) {
+        qWarning() << "[AudioCapturer]: Failed to activate IAudioMeterInformation interface";
+        qWarning() << "[AudioCapturer]: Effects that rely on peakValues will not be available";
+        meterInfo.reset();
+    } else if (meterInfo->meteringChannelCount(&channels) < 0) {
+        qWarning() << "[AudioCapturer]: Failed to get metering channel count";
+        qWarning() << "[AudioCapturer]: Effects that rely on peakValues will not be available";
+        meterInfo.reset();
+    } else {
+        meterChannelCount = channels;
+    }
+
+    WaveFormatExtensible mixFormat {};
+    hr = audioClient->mixFormat(mixFormat);
+    if (hr < 0) {
+        qCritical() << "Failed to get mix format of IAudioClient " << win32ErrorMsg(hr);
+        return hr;
+    }
+    waveFormat = WaveFormatExtensible {};
+    waveFormat.Format = mixFormat.Format;
+    if (mixFormat.Format.wFormatTag == WaveFormatTag::Extensible) {
+        waveFormat = mixFormat;
+    }
+
+    // A format the converter can't read is asked for as 16-bit PCM, which
+    // every endpoint converts to.
+    if (convertSampleFormat(waveFormat) == AV_SAMPLE_FMT_NONE) {
+        waveFormat.SubFormat = Orvanta::Ifaces::subFormatPcm();
+        waveFormat.Format.wFormatTag = WaveFormatTag::Pcm;
+        waveFormat.Format.wBitsPerSample = 16;
+        waveFormat.Format.cbSize = 0;
+        waveFormat.Format.nBlockAlign = static_cast<std::uint16_t>(2 * waveFormat.Format.nChannels);
+        waveFormat.Format.nAvgBytesPerSec = waveFormat.Format.nBlockAlign * waveFormat.Format.nSamplesPerSec;
+    }
+
+    const std::uint32_t flags = flow == DataFlow::Capture ? 0 : Orvanta::Ifaces::StreamFlagLoopback;
+    constexpr std::int64_t oneSecond = 10000000;
+    hr = audioClient->initialize(waveFormat, flags, oneSecond);
+    if (hr < 0) {
+        qCritical() << "Failed to init IAudioClient: " << win32ErrorMsg(hr);
+        return hr;
+    }
+
+    hr = audioClient->captureClient(captureClient);
+    if (hr < 0) {
+        qCritical() << "Failed to get AudioClient service " << win32ErrorMsg(hr);
+        return hr;
+    }
+
+    hr = createConverter();
+    if (hr < 0) {
+        return hr;
+    }
+
+    hr = audioClient->start();
+    if (hr < 0) {
+        qCritical() << "Failed to start audio client capture " << win32ErrorMsg(hr);
+    }
+    return hr;
+}
+
+void AudioCapturerPrivate::run()
+{
+    // Without a loaded stream there is nothing to poll.
+    if (!audioClient || !captureClient) {
+        return;
+    }
+    audioClient->initializeThread();
+
+    QVector<unsigned char> block(static_cast<int>(blockSizeInBytes()));
+    unsigned int fill = 0;
+    calculateBandLayout();
+
+    const int peakInterval = ConfigurationManager::instance()->appConfig(QStringLiteral("devUpdateInterval")).toInt(33);
+    QElapsedTimer peakTimer;
+    peakTimer.start();
+
+    const std::uint32_t channels = waveFormat.Format.nChannels;
+    const std::uint32_t bits = waveFormat.Format.wBitsPerSample;
+    while (!q->isInterruptionRequested()) {
+        if (peakTimer.hasExpired(peakInterval)) {
+            handlePeakValues();
+            peakTimer.restart();
+        }
+        std::uint32_t frames = 0;
+        captureClient->nextPacketSize(&frames);
+        if (frames == 0) {
+            QThread::msleep(150);
+            continue;
+        }
+        const std::uint8_t* data = nullptr;
+        std::uint32_t packetFlags = 0;
+        const long hr = captureClient->getBuffer(&data, &frames, &packetFlags);
+        if (hr < 0) {
+            qCritical() << "An error was happended. code: " << hr;
+            break;
+        }
+        fill = processSamples(data, channels * bits * frames / 8, block, fill);
+        captureClient->releaseBuffer(frames);
+        captureClient->nextPacketSize(&frames);
+    }
+
+    block = QVector<unsigned char>();
+    audioClient->uninitializeThread();
+}
+
+void AudioCapturerPrivate::releaseStream()
+{
+    if (audioClient) {
+        audioClient->stop();
+    }
+    swrContext.reset();
+    reusableFrame.reset();
+    meterInfo.reset();
+    endpointVolume.reset();
+    captureClient.reset();
+    audioClient.reset();
 }

@@ -11,6 +11,16 @@
 
 class AudioCapturerPrivate;
 
+namespace Orvanta {
+namespace Ifaces {
+class AudioEndpoint;
+class EndpointWatcher;
+#ifndef _WIN32
+struct WaveFormatExtensible;
+#endif
+} // namespace Ifaces
+} // namespace Orvanta
+
 /**
  * Captures one audio endpoint on its own thread and publishes what it plays
  * as band spectra and peak strings.
@@ -39,6 +49,22 @@ public:
     /// sample rate is known. Touches no device.
     explicit AudioCapturer(int lowerBound = 20, int upperBound = 20000, QObject* parent = nullptr);
     ~AudioCapturer() override;
+
+    /// Reference-counted handle of one endpoint of the platform.
+    using DeviceHandle = std::shared_ptr<Orvanta::Ifaces::AudioEndpoint>;
+
+    /// Opens and starts the endpoint's stream, in loopback for an output.
+    /// Call it once, before start(). Returns a negative code on failure.
+    long load(DeviceHandle device);
+    /// The stream's format, as the stream was opened with it.
+    Orvanta::Ifaces::WaveFormatExtensible Format();
+
+protected:
+    /// The capture loop.
+    void run() override;
+    /// The default output endpoint of @p enumerator. A hook for subclasses
+    /// that choose their own device; the library always passes one to load().
+    virtual DeviceHandle DeviceSelect(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> enumerator);
 
 signals:
     void spectrumsChanged(QVector<SoundChannel> spectrums);

@@ -8,7 +8,9 @@
 
 #include "AudioCapturer.h"
 #include "FFmpegHandles.h"
+#include "ifaces/AudioEndpoint.h"
 #include "ifaces/EndpointMeter.h"
+#include "ifaces/EndpointStream.h"
 #include "ifaces/WaveFormat.h"
 
 #include <QtCore/QElapsedTimer>
@@ -102,4 +104,15 @@ public:
     QVector<SoundChannel> channelsFront;
     QVector<SoundChannel> channelsBack;
     bool useFront = true;
+
+    // --- the endpoint's stream ----------------------------------------------
+    /// Opens the stream; the body of AudioCapturer::load().
+    long load(std::shared_ptr<Orvanta::Ifaces::AudioEndpoint> device);
+    /// The polling loop; the body of AudioCapturer::run().
+    void run();
+    /// Stops the stream and lets go of the endpoint, meter first, stream last.
+    void releaseStream();
+
+    std::unique_ptr<Orvanta::Ifaces::EndpointStream> audioClient;
+    std::unique_ptr<Orvanta::Ifaces::EndpointCapture> captureClient;
 };

@@ -67,6 +67,12 @@ AudioDeviceEnumerator::DeviceHandle AudioDeviceEnumerator::heldDevice(const QStr
     return it == devices.end() ? DeviceHandle() : it->second;
 }
 
+std::vector<std::pair<QString, AudioDeviceEnumerator::DeviceHandle>> AudioDeviceEnumerator::heldDevices() const
+{
+    QReadLocker locker(&devicesLock);
+    return std::vector<std::pair<QString, DeviceHandle>>(devices.begin(), devices.end());
+}
+
 std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> AudioDeviceEnumerator::watcher() const
 {
     return enumerator;

@@ -10,6 +10,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace Orvanta {
 namespace Ifaces {
@@ -65,6 +67,8 @@ protected:
     void stopNotifications();
     /// The held endpoint of @p id, or null.
     DeviceHandle heldDevice(const QString& id) const;
+    /// Every held endpoint, in identifier order.
+    std::vector<std::pair<QString, DeviceHandle>> heldDevices() const;
     std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher() const;
 
 private:

@@ -29,7 +29,6 @@ enum DeviceState : unsigned long {
 };
 
 class EndpointStream;
-class EndpointVolume;
 class EndpointMeter;
 
 /**
@@ -54,10 +53,10 @@ public:
 
     /// A capture stream of the endpoint, not yet initialised.
     virtual long activateStream(std::unique_ptr<EndpointStream>& stream) = 0;
-    /// The endpoint's master volume.
-    virtual long activateVolume(std::unique_ptr<EndpointVolume>& volume) = 0;
-    /// The endpoint's peak meter; platforms without one fail with E_NOINTERFACE.
-    virtual long activateMeter(std::unique_ptr<EndpointMeter>& meter) = 0;
+    /// The endpoint's master volume, through the meter port.
+    virtual long activateVolume(std::shared_ptr<EndpointMeter>& volume) = 0;
+    /// The endpoint's peak meter; endpoints without one fail with E_NOINTERFACE.
+    virtual long activateMeter(std::shared_ptr<EndpointMeter>& meter) = 0;
 };
 
 } // namespace Ifaces

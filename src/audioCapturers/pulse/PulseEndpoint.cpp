@@ -72,12 +72,12 @@ long Endpoint::activateStream(std::unique_ptr<Ifaces::EndpointStream>&)
     return E_NOINTERFACE;
 }
 
-long Endpoint::activateVolume(std::unique_ptr<Ifaces::EndpointVolume>&)
+long Endpoint::activateVolume(std::shared_ptr<Ifaces::EndpointMeter>&)
 {
     return E_NOINTERFACE;
 }
 
-long Endpoint::activateMeter(std::unique_ptr<Ifaces::EndpointMeter>&)
+long Endpoint::activateMeter(std::shared_ptr<Ifaces::EndpointMeter>&)
 {
     return E_NOINTERFACE;
 }

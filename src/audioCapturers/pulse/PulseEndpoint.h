@@ -25,8 +25,8 @@ public:
     long dataFlow(Ifaces::DataFlow& flow) const override;
     long friendlyName(std::string& name) const override;
     long activateStream(std::unique_ptr<Ifaces::EndpointStream>& stream) override;
-    long activateVolume(std::unique_ptr<Ifaces::EndpointVolume>& volume) override;
-    long activateMeter(std::unique_ptr<Ifaces::EndpointMeter>& meter) override;
+    long activateVolume(std::shared_ptr<Ifaces::EndpointMeter>& volume) override;
+    long activateMeter(std::shared_ptr<Ifaces::EndpointMeter>& meter) override;
 
 private:
     std::shared_ptr<ServerConnection> m_connection;

@@ -20,8 +20,8 @@ using namespace Orvanta::Ifaces;
 struct EndpointActivations
 {
     std::function<long(std::unique_ptr<EndpointStream>&)> stream;
-    std::function<long(std::unique_ptr<EndpointVolume>&)> volume;
-    std::function<long(std::unique_ptr<EndpointMeter>&)> meter;
+    std::function<long(std::shared_ptr<EndpointMeter>&)> volume;
+    std::function<long(std::shared_ptr<EndpointMeter>&)> meter;
 };
 
 /// A scripted endpoint: every answer is a field that the test sets.
@@ -68,11 +68,11 @@ public:
     {
         return activations.stream ? activations.stream(stream) : E_NOINTERFACE;
     }
-    long activateVolume(std::unique_ptr<EndpointVolume>& volume) override
+    long activateVolume(std::shared_ptr<EndpointMeter>& volume) override
     {
         return activations.volume ? activations.volume(volume) : E_NOINTERFACE;
     }
-    long activateMeter(std::unique_ptr<EndpointMeter>& meter) override
+    long activateMeter(std::shared_ptr<EndpointMeter>& meter) override
     {
         return activations.meter ? activations.meter(meter) : E_NOINTERFACE;
     }
