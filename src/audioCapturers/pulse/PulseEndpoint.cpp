@@ -1,5 +1,7 @@
 #include "PulseEndpoint.h"
 
+#include "PulseEndpointMeter.h"
+#include "PulseEndpointStream.h"
 #include "ResultCodes.h"
 #include "ServerConnection.h"
 
@@ -10,6 +12,7 @@ Endpoint::Endpoint(std::shared_ptr<ServerConnection> connection, std::string nam
     : m_connection(std::move(connection))
     , m_name(std::move(name))
     , m_flow(flow)
+    , m_levels(std::make_shared<PeakLevels>())
 {
 }
 
@@ -67,19 +70,23 @@ long Endpoint::friendlyName(std::string& name) const
     return hr;
 }
 
-long Endpoint::activateStream(std::unique_ptr<Ifaces::EndpointStream>&)
+long Endpoint::activateStream(std::unique_ptr<Ifaces::EndpointStream>& stream)
 {
-    return E_NOINTERFACE;
+    stream = std::make_unique<EndpointStream>(m_connection, m_name, m_flow, m_levels);
+    return S_OK;
 }
 
-long Endpoint::activateVolume(std::shared_ptr<Ifaces::EndpointMeter>&)
+long Endpoint::activateVolume(std::shared_ptr<Ifaces::EndpointMeter>& volume)
 {
-    return E_NOINTERFACE;
+    volume = std::make_shared<EndpointMeter>(m_connection, m_name, m_flow, m_levels);
+    return S_OK;
 }
 
-long Endpoint::activateMeter(std::shared_ptr<Ifaces::EndpointMeter>&)
+long Endpoint::activateMeter(std::shared_ptr<Ifaces::EndpointMeter>& meter)
 {
-    return E_NOINTERFACE;
+    // The peaks come from the samples of this endpoint's stream.
+    meter = std::make_shared<EndpointMeter>(m_connection, m_name, m_flow, m_levels);
+    return S_OK;
 }
 
 } // namespace Pulse

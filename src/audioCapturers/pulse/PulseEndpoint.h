@@ -8,6 +8,7 @@
 namespace Orvanta {
 namespace Pulse {
 
+class PeakLevels;
 class ServerConnection;
 
 /**
@@ -32,6 +33,7 @@ private:
     std::shared_ptr<ServerConnection> m_connection;
     std::string m_name;
     Ifaces::DataFlow m_flow;
+    std::shared_ptr<PeakLevels> m_levels;
 };
 
 } // namespace Pulse

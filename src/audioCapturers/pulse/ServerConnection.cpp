@@ -260,8 +260,17 @@ void ServerConnection::subscriptionEvent(
     }
 }
 
+namespace {
+void signalMainloop(pa_operation*, void* mainloop)
+{
+    pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(mainloop), 0);
+}
+} // namespace
+
 void ServerConnection::waitFor(pa_operation* operation)
 {
+    // Woken by the end of the operation, whether answered or cancelled.
+    pa_operation_set_state_callback(operation, &signalMainloop, m_mainloop);
     while (pa_operation_get_state(operation) == PA_OPERATION_RUNNING) {
         pa_threaded_mainloop_wait(m_mainloop);
     }
@@ -283,7 +292,6 @@ template <class Answer, class Start> long blockingQuery(ServerConnection& connec
     if (!operation) {
         return E_FAIL;
     }
-    pa_operation_set_state_callback(operation, &blockingStateCallback<Answer>, &request);
     connection.waitFor(operation);
     if (!request.answered) {
         return AUDCLNT_E_SERVICE_NOT_RUNNING;
