@@ -8,6 +8,7 @@
 #include <QtCore/QMetaMethod>
 #include <QtTest/QtTest>
 
+#include <atomic>
 #include <cmath>
 #include <random>
 
@@ -92,6 +93,7 @@ private slots:
     void failedConversionIsLoggedAndDropsBlock();
     void resultBuffersAlternate();
     void keptSpectraDoNotChange();
+    void queuedReceiverKeepsItsSnapshot();
 
     // Peaks.
     void peakStrings();
@@ -555,6 +557,64 @@ void AudioCapturerTest::keptSpectraDoNotChange()
     QVERIFY(kept[0].spectrums[43].amplitude > 1.0f);
     QCOMPARE(prepared.d->channelsFront[0].spectrums[43].amplitude, 0.0f);
     QCOMPARE(prepared.d->channelsBack[0].spectrums[43].amplitude, 0.0f);
+}
+
+void AudioCapturerTest::queuedReceiverKeepsItsSnapshot()
+{
+    PreparedCapturer prepared(waveFormat(SampleType::S16, 2, 48000, 0x3));
+    const QByteArray loud = sineFrames(SampleType::S16, 2, 48000, 1000, 0.5, 2048);
+    const QByteArray silence(int(prepared.d->blockSizeInBytes()), '\0');
+
+    // Start from a whole multiple of three, so that the first publication is the third loud block.
+    alignToPublication(prepared, silence);
+
+    // The receiver lives on this thread; the blocks are computed on another,
+    // as on a capture thread, so the spectra arrive queued.
+    QObject receiver;
+    QVector<SoundChannel> kept;
+    int received = 0;
+    connect(
+        prepared.capturer.get(), &AudioCapturer::spectrumsChanged, &receiver,
+        [&](const QVector<SoundChannel>& spectra) {
+            if (received++ == 0)
+                kept = spectra;
+        },
+        Qt::QueuedConnection);
+
+    std::atomic<bool> stop {false};
+    std::atomic<int> blocks {0};
+    std::unique_ptr<QThread> worker(QThread::create([&] {
+        // Loud blocks first, so that the kept spectrum is a loud one; silence after.
+        for (int i = 0; i < 3; ++i) {
+            prepared.feed(loud);
+            ++blocks;
+        }
+        while (!stop) {
+            prepared.feed(silence);
+            ++blocks;
+            QThread::msleep(2);
+        }
+    }));
+    worker->start();
+    // Stops the worker on every way out, failed checks included.
+    const auto stopWorkerOnExit = qScopeGuard([&] {
+        stop = true;
+        worker->wait();
+    });
+
+    QTRY_VERIFY_WITH_TIMEOUT(received >= 1, 10000);
+    const QVector<Spectrum> snapshot(kept[0].spectrums.cbegin(), kept[0].spectrums.cend());
+    QVERIFY(snapshot[43].amplitude > 1.0f);
+
+    // Held for a while, as a slow consumer would, while blocks go on.
+    QTest::qWait(1000);
+    QTRY_VERIFY_WITH_TIMEOUT(received >= 10, 20000);
+    stop = true;
+    worker->wait();
+    QVERIFY(blocks > 30);
+
+    QCOMPARE(kept[0].spectrums.size(), snapshot.size());
+    QVERIFY(std::memcmp(kept[0].spectrums.constData(), snapshot.constData(), sizeof(Spectrum) * 341) == 0);
 }
 
 void AudioCapturerTest::peakStrings()
