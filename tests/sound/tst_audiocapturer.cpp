@@ -265,6 +265,18 @@ void AudioCapturerTest::converterFailureIsLogged()
     QCOMPARE(prepared.converterResult, E_FAIL);
     QCOMPARE(messages.texts(QtCriticalMsg),
         QStringList {QStringLiteral("Failed to init swrContext: 0x \"%1\"").arg(QString::number(AVERROR(EINVAL), 16))});
+
+    // Blocks that reach a capturer without a working converter are dropped, not read.
+    const QString dropped = QStringLiteral("Failed to resample the input data, errCode: %1").arg(AVERROR(EINVAL));
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
+    const QByteArray block(int(prepared.d->blockSizeInBytes()), '\0');
+    for (int i = 0; i < 3; ++i)
+        prepared.feed(block);
+    prepared.d->swrContext.reset();
+    for (int i = 0; i < 3; ++i)
+        prepared.feed(block);
+    QCOMPARE(spy.size(), 0);
+    QCOMPARE(messages.count(QtCriticalMsg, dropped), 6);
 }
 
 void AudioCapturerTest::plainFormatWithoutMaskUsesDefaultLayout()
