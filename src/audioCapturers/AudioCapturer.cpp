@@ -17,6 +17,7 @@
 
 extern "C" {
 #include <libavutil/channel_layout.h>
+#include <libavutil/error.h>
 #include <libavutil/opt.h>
 }
 
@@ -192,9 +193,11 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
     }
     AVFrame* frame = reusableFrame.get();
 
-    const uint8_t* input[AV_NUM_DATA_POINTERS] = {buffer.constData()};
-    const int converted = swr_convert(
-        swrContext.get(), frame->data, frame->nb_samples, input, static_cast<int>(AudioCapturer::samplesSize));
+    const uint8_t* blockPlanes[AV_NUM_DATA_POINTERS] = {buffer.constData()};
+    // Without a converter (its set-up failed) the block cannot be read.
+    const int converted = swrContext ? swr_convert(swrContext.get(), frame->data, frame->nb_samples, blockPlanes,
+                              static_cast<int>(AudioCapturer::samplesSize))
+                                     : AVERROR(EINVAL);
     if (converted < 0) {
         qCritical() << "Failed to resample the input data, errCode:" << converted;
         return;
@@ -215,15 +218,15 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
     channels[0].spectrums.resize(bands);
     channels[1].spectrums.resize(bands);
 
-    float* const input0 = fftInput.data();
+    float* const input = fftInput.data();
     const int frames = std::min(frame->nb_samples, fftInput.size());
     for (int plane = 0; plane < 2; ++plane) {
         const float* samples = reinterpret_cast<const float*>(frame->extended_data[plane]);
-        std::copy(samples, samples + frames, input0);
+        std::copy(samples, samples + frames, input);
         const float* const windowValues = window.constData();
         for (int i = 0; i < fftInput.size(); ++i)
-            input0[i] *= windowValues[i];
-        fft->fft(input0, fftReal.data(), fftImag.data());
+            input[i] *= windowValues[i];
+        fft->fft(input, fftReal.data(), fftImag.data());
 
         const float* const real = fftReal.constData();
         const float* const imag = fftImag.constData();
