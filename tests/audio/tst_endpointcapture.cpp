@@ -82,7 +82,7 @@ public:
 
 } // namespace
 
-class TestAudioCapturer : public QObject
+class TestEndpointCapture : public QObject
 {
     Q_OBJECT
 
@@ -500,5 +500,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestAudioCapturer)
-#include "tst_audiocapturer.moc"
+QTEST_GUILESS_MAIN(TestEndpointCapture)
+#include "tst_endpointcapture.moc"
