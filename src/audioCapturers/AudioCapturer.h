@@ -11,11 +11,20 @@
 
 class AudioCapturerPrivate;
 
+#ifdef _WIN32
+#include <windows.h>
+
+#include <mmreg.h>
+#endif
+
 namespace Orvanta {
 namespace Ifaces {
 class AudioEndpoint;
 class EndpointWatcher;
-#ifndef _WIN32
+// The stream format record: the system's own on Windows.
+#ifdef _WIN32
+using WaveFormatExtensible = ::WAVEFORMATEXTENSIBLE;
+#else
 struct WaveFormatExtensible;
 #endif
 } // namespace Ifaces
