@@ -358,6 +358,11 @@ long AudioCapturerPrivate::load(std::shared_ptr<Orvanta::Ifaces::AudioEndpoint> 
 {
     using Orvanta::Ifaces::DataFlow;
 
+    // The capture thread reads its peak interval from the configuration
+    // store, whose creation isn't safe from several threads at once: make
+    // sure it exists before any capture thread starts.
+    ConfigurationManager::instance();
+
     prepareAnalysis();
 
     if (!device) {
