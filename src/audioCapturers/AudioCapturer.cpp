@@ -213,10 +213,13 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
     float* const input = fftInput.data();
     const int frames = std::min(frame->nb_samples, fftInput.size());
     for (int plane = 0; plane < 2; ++plane) {
+        // Copy and window in one pass; entries past the frame's samples keep
+        // their earlier values and are windowed in place.
         const float* samples = reinterpret_cast<const float*>(frame->extended_data[plane]);
-        std::copy(samples, samples + frames, input);
         const float* const windowValues = window.constData();
-        for (int i = 0; i < fftInput.size(); ++i)
+        for (int i = 0; i < frames; ++i)
+            input[i] = samples[i] * windowValues[i];
+        for (int i = frames; i < fftInput.size(); ++i)
             input[i] *= windowValues[i];
         fft->fft(input, fftReal.data(), fftImag.data());
 
