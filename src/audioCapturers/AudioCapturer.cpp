@@ -8,6 +8,7 @@
 
 #include <QtCore/QDebug>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
