@@ -196,7 +196,7 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
         return;
     }
 
-    if (!volumeTimer.isValid() || volumeTimer.elapsed() > AudioCapturer::VOLUME_UPDATE_INTERVAL_MS)
+    if (volumeCacheExpired(volumeTimer.isValid(), volumeTimer.isValid() ? volumeTimer.elapsed() : 0))
         updateVolumeCache();
     const float volume = cachedVolume.load(std::memory_order_relaxed);
     // Below 1 % the correction would blow noise up, so it stops there.

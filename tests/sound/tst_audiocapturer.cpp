@@ -90,6 +90,7 @@ private slots:
     void monoDeviceGivesTwoChannels();
     void volumeBelowOnePercentLeavesMagnitudesUndivided();
     void volumeIsReadAgainOnlyWhenOld();
+    void volumeOfExactlyTheIntervalIsKept();
     void failedVolumeReadKeepsLastVolume();
     void noVolumeSourceKeepsFullVolume();
     void failedConversionIsLoggedAndDropsBlock();
@@ -492,6 +493,14 @@ void AudioCapturerTest::volumeIsReadAgainOnlyWhenOld()
     prepared.d->volumeTimer.invalidate();
     prepared.feed(silence);
     QCOMPARE(meter->volumeReads, 2);
+}
+
+void AudioCapturerTest::volumeOfExactlyTheIntervalIsKept()
+{
+    QVERIFY(!AudioCapturerPrivate::volumeCacheExpired(true, 0));
+    QVERIFY(!AudioCapturerPrivate::volumeCacheExpired(true, 100));
+    QVERIFY(AudioCapturerPrivate::volumeCacheExpired(true, 101));
+    QVERIFY(AudioCapturerPrivate::volumeCacheExpired(false, 0));
 }
 
 void AudioCapturerTest::failedVolumeReadKeepsLastVolume()
