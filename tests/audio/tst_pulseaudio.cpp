@@ -8,6 +8,7 @@
 #include "ifaces/EndpointStream.h"
 #include "ifaces/EndpointWatcher.h"
 
+#include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
@@ -317,6 +318,57 @@ private slots:
         // Its removal reaches the state task, which holds nothing for it.
         QTest::qWait(0);
         QVERIFY(!registryEvents.ids().contains("ready micA"));
+    }
+
+    void failedStreamEndsItsThreadUntilTheSinkReturns()
+    {
+        QSharedPointer<AudioCapturer> capturer = manager->acquireCapturer("sinkB");
+        QVERIFY(capturer && capturer->isRunning());
+        registryEvents.clear();
+        MessageCapture capture;
+
+        // The server ends the capturer's stream while the sink stays.
+        QString monitorIndex;
+        for (const QString& line : pactl({"list", "short", "sources"}).split('\n')) {
+            const QStringList fields = line.split('\t');
+            if (fields.size() > 1 && fields[1] == QLatin1String("sinkB.monitor")) {
+                monitorIndex = fields[0];
+            }
+        }
+        QVERIFY(!monitorIndex.isEmpty());
+        int killed = 0;
+        for (const QString& line : pactl({"list", "short", "source-outputs"}).split('\n')) {
+            const QStringList fields = line.split('\t');
+            if (fields.size() > 1 && fields[1] == monitorIndex) {
+                QCOMPARE(QProcess::execute(QStringLiteral("pacmd"), {"kill-source-output", fields[0]}), 0);
+                ++killed;
+            }
+        }
+        QCOMPARE(killed, 1);
+        QTRY_VERIFY_WITH_TIMEOUT(capturer->isFinished(), 15000);
+        QVERIFY(capture.contains(
+            QtCriticalMsg, QStringLiteral("An error was happended. code:  %1").arg(AUDCLNT_E_DEVICE_INVALIDATED)));
+        // Still registered, silent, and not replaced.
+        QCOMPARE(manager->acquireCapturer("sinkB").data(), capturer.data());
+        QVERIFY(registryEvents.ids().isEmpty());
+
+        // Announced anew, the sink gets a new capturer.
+        QString module;
+        for (const QString& line : pactl({"list", "short", "modules"}).split('\n')) {
+            if (line.contains(QLatin1String("sink_name=sinkB"))) {
+                module = line.split('\t').first();
+            }
+        }
+        QVERIFY(!module.isEmpty());
+        QVERIFY(!pactl({"unload-module", module}).isNull());
+        QTRY_VERIFY_WITH_TIMEOUT(registryEvents.ids().contains("lost sinkB"), 15000);
+        QVERIFY(!pactl({"load-module", "module-null-sink", "sink_name=sinkB", "rate=44100", "channels=6",
+                           "channel_map=surround-51", "sink_properties=device.description=SinkB"})
+                     .isNull());
+        QTRY_VERIFY_WITH_TIMEOUT(registryEvents.ids().contains("ready sinkB"), 15000);
+        QSharedPointer<AudioCapturer> renewed = manager->acquireCapturer("sinkB");
+        QVERIFY(renewed && renewed.data() != capturer.data());
+        QVERIFY(renewed->isRunning());
     }
 
     void cleanupTestCase()
