@@ -13,6 +13,7 @@
 #include <QtCore/QTextStream>
 
 #include <algorithm>
+#include <mutex>
 
 QString ConfigurationManager::gsConfigPath;
 
@@ -83,6 +84,10 @@ bool parseArrayIndex(const QString& component, int* index)
 
 ConfigurationManager* ConfigurationManager::instance()
 {
+    // Capture threads may ask for the store at the same moment as the
+    // application; only one of them may create it.
+    static std::mutex creation;
+    const std::lock_guard<std::mutex> lock(creation);
     if (!s_instance) {
         s_instance = new ConfigurationManager;
     }
