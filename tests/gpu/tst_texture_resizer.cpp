@@ -2,9 +2,9 @@
 #include "Helpers.h"
 #include "ResultCodes.h"
 #include "cpu/SoftwareScaler.h"
+#include "egl/EglDevice.h"
 #include "egl/GlesScaler.h"
 
-#include "EglTestContext.h"
 #include "MessageCapture.h"
 #include "ScalerReference.h"
 #include "fakes/FakeGpuScaler.h"
@@ -19,10 +19,14 @@ using Orvanta::Ifaces::ScalerSource;
 
 namespace {
 
-EglTestContext& eglContext()
+std::shared_ptr<Orvanta::Egl::EglDevice> eglDevice()
 {
-    static EglTestContext context;
-    return context;
+    static std::shared_ptr<Orvanta::Egl::EglDevice> device = [] {
+        std::shared_ptr<Orvanta::Egl::EglDevice> made;
+        Orvanta::Egl::EglDevice::create(made);
+        return made;
+    }();
+    return device;
 }
 
 std::shared_ptr<Orvanta::Ifaces::GpuScaler> makeScaler(const QString& backend)
@@ -30,11 +34,11 @@ std::shared_ptr<Orvanta::Ifaces::GpuScaler> makeScaler(const QString& backend)
     if (backend == QLatin1String("cpu")) {
         return std::make_shared<Orvanta::Cpu::SoftwareScaler>();
     }
-    EglTestContext& egl = eglContext();
-    if (!egl.valid()) {
+    const auto device = eglDevice();
+    if (!device) {
         return nullptr;
     }
-    return std::make_shared<Orvanta::Egl::GlesScaler>(nullptr, egl.display, egl.context);
+    return std::make_shared<Orvanta::Egl::GlesScaler>(device, device->display(), device->context());
 }
 
 // A literal followed by the quoted text of a result code, as a QDebug chain prints it.
@@ -161,7 +165,7 @@ private slots:
 
 void TextureResizerTest::initTestCase()
 {
-    QVERIFY2(eglContext().valid(), "no surfaceless EGL context (Mesa's EGL and llvmpipe are required)");
+    QVERIFY2(eglDevice(), "no surfaceless EGL context (Mesa's EGL and llvmpipe are required)");
 }
 
 void TextureResizerTest::setContextBuildsThePipelineInOrder()
