@@ -187,8 +187,9 @@ long XcbDuplication::create(const char* displayName, std::shared_ptr<Ifaces::Dis
         return E_OUTOFMEMORY;
     }
     state->segment = xcb_generate_id(connection);
+    // Writable: the server puts the fetched pictures into it.
     Reply<xcb_generic_error_t> attachError(xcb_request_check(
-        connection, xcb_shm_attach_checked(connection, state->segment, std::uint32_t(state->memory.id()), 1)));
+        connection, xcb_shm_attach_checked(connection, state->segment, std::uint32_t(state->memory.id()), 0)));
     state->memory.removeWhenDetached();
     if (attachError) {
         state->segment = XCB_NONE;
