@@ -1,9 +1,6 @@
 #include "x11/XcbDuplication.h"
 
 #include "ResultCodes.h"
-#include "cpu/SoftwareScaler.h"
-#include "egl/EglDevice.h"
-#include "egl/GlesScaler.h"
 #include "ifaces/DisplayAdapter.h"
 
 #include <xcb/damage.h>
@@ -385,10 +382,7 @@ long XcbDuplicator::duplicateOutput(
 
 std::shared_ptr<Ifaces::GpuScaler> XcbDuplicator::deviceScaler()
 {
-    if (auto egl = std::dynamic_pointer_cast<Egl::EglDevice>(m_device)) {
-        return std::make_shared<Egl::GlesScaler>(egl, egl->display(), egl->context());
-    }
-    return std::make_shared<Cpu::SoftwareScaler>();
+    return Ifaces::createPlatformGpuScaler(m_device);
 }
 
 } // namespace X11
