@@ -5,8 +5,6 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
-#include <xcb/xcb.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -103,26 +101,6 @@ public:
         process.start(QStringLiteral("xrandr"), arguments);
         return process.waitForFinished(20000) && process.exitStatus() == QProcess::NormalExit
             && process.exitCode() == 0;
-    }
-
-    /// Fills a rectangle of the root window with @p rgb (0xRRGGBB), as another client would draw.
-    bool paint(int x, int y, int width, int height, quint32 rgb) const
-    {
-        xcb_connection_t* connection = xcb_connect(m_display.toLatin1().constData(), nullptr);
-        if (xcb_connection_has_error(connection)) {
-            xcb_disconnect(connection);
-            return false;
-        }
-        xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(connection)).data;
-        const xcb_gcontext_t gc = xcb_generate_id(connection);
-        const quint32 foreground = rgb;
-        xcb_create_gc(connection, gc, screen->root, XCB_GC_FOREGROUND, &foreground);
-        const xcb_rectangle_t rectangle = {qint16(x), qint16(y), quint16(width), quint16(height)};
-        xcb_poly_fill_rectangle(connection, screen->root, gc, 1, &rectangle);
-        xcb_free_gc(connection, gc);
-        std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
-        xcb_disconnect(connection);
-        return true;
     }
 
 private:
