@@ -159,6 +159,8 @@ private slots:
     void halfFloatSourceClipsAt255();
     void blueFirstSourcesComeOutRedFirst_data();
     void blueFirstSourcesComeOutRedFirst();
+    void changedPartsAloneAreEnough_data();
+    void changedPartsAloneAreEnough();
     void zeroTargetFailsInTheTexture_data();
     void zeroTargetFailsInTheTexture();
 };
@@ -652,6 +654,37 @@ void TextureResizerTest::blueFirstSourcesComeOutRedFirst()
     QCOMPARE(frame.at<cv::Vec4b>(1, 1), cv::Vec4b(10, 20, 30, 255));
     frame = resizer.resizeToCVMat(sourceOf(pixels, PixelFormat::B8G8R8A8Unorm));
     QCOMPARE(frame.at<cv::Vec4b>(1, 1), cv::Vec4b(10, 20, 30, 0));
+}
+
+void TextureResizerTest::changedPartsAloneAreEnough_data()
+{
+    sameSizeIsAnExactCopy_data();
+}
+
+void TextureResizerTest::changedPartsAloneAreEnough()
+{
+    QFETCH(QString, backend);
+    D3DTextureResizer resizer;
+    QVERIFY(resizer.setContext(makeScaler(backend)));
+    QVERIFY(resizer.setTargetSize(cv::Size(64, 48)));
+    cv::Mat pixels = gradient(cv::Size(256, 192));
+    ScalerSource source = sourceOf(pixels, PixelFormat::R8G8B8A8Unorm);
+    QVERIFY(!resizer.resizeToCVMat(source).empty());
+
+    // Two parts change in place; the source names them.
+    pixels(cv::Rect(10, 20, 50, 40)).setTo(cv::Scalar(255, 0, 0, 255));
+    pixels(cv::Rect(200, 150, 56, 42)).setTo(cv::Scalar(0, 0, 255, 255));
+    const Orvanta::Ifaces::ScalerRect changed[] = {{10, 20, 50, 40}, {200, 150, 56, 42}};
+    source.changedRects = changed;
+    source.changedRectCount = 2;
+    const cv::Mat frame = resizer.resizeToCVMat(source);
+    QVERIFY(maxChannelDifference(frame, referenceScale(pixels, cv::Size(64, 48), 1)) <= 1);
+
+    // Without the hint everything is taken anew.
+    pixels.setTo(cv::Scalar(7, 8, 9, 255));
+    source.changedRects = nullptr;
+    source.changedRectCount = 0;
+    QCOMPARE(resizer.resizeToCVMat(source).at<cv::Vec4b>(24, 32), cv::Vec4b(7, 8, 9, 255));
 }
 
 void TextureResizerTest::zeroTargetFailsInTheTexture_data()
