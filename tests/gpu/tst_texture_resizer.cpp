@@ -21,12 +21,14 @@ namespace {
 
 std::shared_ptr<Orvanta::Egl::EglDevice> eglDevice()
 {
-    static std::shared_ptr<Orvanta::Egl::EglDevice> device = [] {
-        std::shared_ptr<Orvanta::Egl::EglDevice> made;
-        Orvanta::Egl::EglDevice::create(made);
+    // Kept to the very end of the process, past the leak check, so that the
+    // GL driver stays loaded while the check reads its frames.
+    static auto* device = [] {
+        auto* made = new std::shared_ptr<Orvanta::Egl::EglDevice>;
+        Orvanta::Egl::EglDevice::create(*made);
         return made;
     }();
-    return device;
+    return *device;
 }
 
 std::shared_ptr<Orvanta::Ifaces::GpuScaler> makeScaler(const QString& backend)

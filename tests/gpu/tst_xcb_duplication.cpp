@@ -1,5 +1,5 @@
-#include "DXGICapturer.h"
 #include "ConfigurationManager.h"
+#include "DXGICapturer.h"
 #include "DeskDuplManager.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
@@ -35,6 +35,7 @@ void XcbDuplicationTest::initTestCase()
 {
     QVERIFY2(!qEnvironmentVariableIsEmpty("DISPLAY"), "the xvfb fixture did not provide DISPLAY");
     QStandardPaths::setTestModeEnabled(true);
+    pinEglDisplay();
     QVERIFY(m_home.isValid());
 }
 
