@@ -47,7 +47,7 @@ QString releasedText(const QString& id)
 DeskCaptureOption* publishedOption()
 {
     return reinterpret_cast<DeskCaptureOption*>(
-        quintptr(qApp->property("runtime.options.deskCaptureOption").toLongLong()));
+        quintptr(QCoreApplication::instance()->property("runtime.options.deskCaptureOption").toLongLong()));
 }
 
 } // namespace
@@ -515,14 +515,14 @@ void TestDeskDuplManager::optionIsPublishedOnTheApplication()
     QVariant published;
     {
         DeskDuplManager registry(twoAdapters(), Fakes::fakeBackends(m_journal));
-        published = qApp->property("runtime.options.deskCaptureOption");
+        published = QCoreApplication::instance()->property("runtime.options.deskCaptureOption");
         QCOMPARE(published.userType(), int(QMetaType::LongLong));
         auto* option = reinterpret_cast<DeskCaptureOption*>(quintptr(published.toLongLong()));
         QCOMPARE(option->parent(), &registry);
         QCOMPARE(registry.findChild<DeskCaptureOption*>(), option);
     }
     // Gone with the registry, so that nobody follows a stale address.
-    QVERIFY(!qApp->property("runtime.options.deskCaptureOption").isValid());
+    QVERIFY(!QCoreApplication::instance()->property("runtime.options.deskCaptureOption").isValid());
 }
 
 QTEST_GUILESS_MAIN(TestDeskDuplManager)

@@ -1,4 +1,4 @@
-// Desktop capture against a real X server: the "xvfb" fixture's Xvfb, whose
+// Desktop capture against a real X server: the "desktop_xvfb" fixture's Xvfb, whose
 // 3840x1080 screen is split into the RandR monitors LEFT and RIGHT.
 
 #include "ConfigurationManager.h"
@@ -16,6 +16,7 @@
 
 #include <GLES3/gl3.h>
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QPointer>
 #include <QtCore/QProcess>
 #include <QtCore/QRegularExpression>
@@ -48,7 +49,7 @@ bool xrandr(const QStringList& arguments)
 DeskCaptureOption* publishedOption()
 {
     return reinterpret_cast<DeskCaptureOption*>(
-        quintptr(qApp->property("runtime.options.deskCaptureOption").toLongLong()));
+        quintptr(QCoreApplication::instance()->property("runtime.options.deskCaptureOption").toLongLong()));
 }
 
 } // namespace
@@ -80,7 +81,7 @@ private:
 
 void TestX11Desktop::initTestCase()
 {
-    QVERIFY2(!qEnvironmentVariableIsEmpty("DISPLAY"), "the xvfb fixture gives the display");
+    QVERIFY2(!qEnvironmentVariableIsEmpty("DISPLAY"), "the desktop_xvfb fixture gives the display");
     QStandardPaths::setTestModeEnabled(true);
     QVERIFY(m_configDir.isValid());
     ConfigurationManager::setConfigPath(m_configDir.path());
