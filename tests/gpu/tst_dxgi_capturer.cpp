@@ -1,6 +1,7 @@
 #include "DXGICapturer.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
+#include "egl/EglDevice.h"
 
 #include "MessageCapture.h"
 #include "fakes/FakeDesktopDuplicator.h"
@@ -76,6 +77,7 @@ private slots:
     void rotationIsRecordedOnce();
     void registersTheResultMetaType();
     void hasItsOwnMetaObject();
+    void sizesFromAnotherThreadWhilePolling_data();
     void sizesFromAnotherThreadWhilePolling();
 };
 
@@ -496,9 +498,26 @@ void DXGICapturerTest::hasItsOwnMetaObject()
     QCOMPARE(capturer.metaObject()->propertyCount(), QObject::staticMetaObject.propertyCount());
 }
 
+void DXGICapturerTest::sizesFromAnotherThreadWhilePolling_data()
+{
+    QTest::addColumn<bool>("gles");
+    QTest::newRow("cpu scaler") << false;
+    QTest::newRow("gles scaler") << true; // its context moves between the two threads
+}
+
 void DXGICapturerTest::sizesFromAnotherThreadWhilePolling()
 {
+    QFETCH(bool, gles);
     Rig rig;
+    if (gles) {
+        static auto* device = [] {
+            auto* made = new std::shared_ptr<Orvanta::Egl::EglDevice>;
+            Orvanta::Egl::EglDevice::create(*made);
+            return made;
+        }();
+        QVERIFY(*device);
+        rig.script->scaler = Orvanta::Ifaces::createPlatformGpuScaler(*device);
+    }
     rig.script->picture = cv::Mat(108, 192, CV_8UC4, cv::Scalar(1, 2, 3, 255));
     rig.script->descriptions = {duplicationDescription(192, 108)};
     QCOMPARE(rig.bind(), S_OK);

@@ -72,7 +72,10 @@ void XcbDuplicationTest::idleScreenTimesOutSilently()
     QCOMPARE(source.height, 1080);
     QCOMPARE(source.format, Orvanta::Ifaces::PixelFormat::B8G8R8X8Unorm);
     QVERIFY(source.pixels);
+    QCOMPARE(duplication->acquireNextFrame(0), DXGI_ERROR_INVALID_CALL); // one frame at a time
     QCOMPARE(duplication->releaseFrame(), S_OK);
+    QCOMPARE(duplication->releaseFrame(), DXGI_ERROR_INVALID_CALL);
+    QCOMPARE(duplication->frameSource(source), DXGI_ERROR_INVALID_CALL);
     for (int poll = 0; poll < 10; ++poll) {
         QCOMPARE(duplication->acquireNextFrame(0), DXGI_ERROR_WAIT_TIMEOUT);
     }
