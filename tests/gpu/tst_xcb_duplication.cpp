@@ -25,6 +25,7 @@ private slots:
     void idleScreenTimesOutSilently();
     void paintingProducesFramesOfTheRequestedSize();
     void eachMonitorSeesItsOwnPart();
+    void withoutGpuDeviceScalesOnTheCpu();
     void captureFrontDeliversInModeZero();
 
 private:
@@ -166,6 +167,32 @@ void XcbDuplicationTest::eachMonitorSeesItsOwnPart()
     for (int poll = 0; poll < 10; ++poll) {
         QVERIFY(left.capturer->nextFrame().empty());
     }
+}
+
+void XcbDuplicationTest::withoutGpuDeviceScalesOnTheCpu()
+{
+    X11Output output;
+    QCOMPARE(output.result, S_OK);
+    DeskCaptureContext context = output.context;
+    context.device.reset(); // as when no GPU context could be made for the output
+    DXGICapturer capturer(context);
+    QCOMPARE(capturer.originSize(), QSize(1920, 1080));
+    capturer.setOutputSize(QSize(96, 54));
+    QVERIFY(paintRoot(0, 0, 1920, 1080, 0x405060));
+    cv::Mat frame;
+    for (int poll = 0; poll < 500; ++poll) {
+        const cv::Mat next = capturer.nextFrame();
+        if (!next.empty()) {
+            frame = next;
+            if (frame.at<cv::Vec4b>(27, 48) == cv::Vec4b(0x40, 0x50, 0x60, 255)) {
+                break;
+            }
+        }
+        QTest::qWait(10);
+    }
+    QCOMPARE(frame.cols, 96);
+    QCOMPARE(frame.rows, 54);
+    QCOMPARE(frame.at<cv::Vec4b>(27, 48), cv::Vec4b(0x40, 0x50, 0x60, 255));
 }
 
 void XcbDuplicationTest::captureFrontDeliversInModeZero()
