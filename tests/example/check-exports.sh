@@ -6,7 +6,7 @@ set -euo pipefail
 library=$1
 classes='ConfigurationManager|IAudioCapture|AudioCapManager|AudioCapturer|AudioDeviceEnumerator|IDeskCapture|IDeskDuplManager|DeskCaptureOption|DeskDuplManager|DXGICapturer|HardwareInfo|FeedbackManager|NetRCManager'
 functions='compareVersion|convertDateMacro|win32ErrorMsg'
-allowed="^((vtable|typeinfo|typeinfo name|VTT|construction vtable) for )?(($classes)(::|$| )|($functions)\()"
+allowed="^((vtable|typeinfo|typeinfo name|VTT|construction vtable) for )?(($classes)(::|$| |\*|&)|($functions)\()"
 
 # Out-of-line copies of third-party inline code (unoptimised builds emit
 # some) and the linker's own markers are not part of the API question.
