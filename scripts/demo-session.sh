@@ -6,12 +6,16 @@
 # test pattern, and a PulseAudio daemon with a null sink playing a tone sweep,
 # are started for the command's lifetime and stopped after it.
 #
-# ORVANTA_PATTERN_PROGRAM names the test-pattern program (built from examples/testpattern).
+# ORVANTA_PATTERN_PROGRAM   the test-pattern program (built from examples/testpattern)
+# ORVANTA_DEMO_OWN_SERVICES set to 1 to start both services even where some are running
+# ORVANTA_DEMO_TONE_HZ      play one steady tone of this frequency instead of the sweep
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 pattern=${ORVANTA_PATTERN_PROGRAM:-$root/build/examples/testpattern/orvanta_testpattern}
 state=$(mktemp -d /tmp/orvanta-demo.XXXXXX)
 pids=()
+own=${ORVANTA_DEMO_OWN_SERVICES:-0}
+tone=${ORVANTA_DEMO_TONE_HZ:-}
 
 stop_all() {
     local pid
@@ -28,7 +32,7 @@ stop_all() {
 }
 trap stop_all EXIT
 
-if [[ -z ${DISPLAY:-} ]] || ! xdpyinfo >/dev/null 2>&1; then
+if [[ $own == 1 ]] || [[ -z ${DISPLAY:-} ]] || ! xdpyinfo >/dev/null 2>&1; then
     Xvfb -displayfd 3 -screen 0 3840x1080x24 +extension RANDR +extension DAMAGE +extension MIT-SHM \
          -nolisten tcp -noreset 3>"$state/display" 2>"$state/xvfb.log" &
     pids+=($!)
@@ -42,7 +46,8 @@ if [[ -z ${DISPLAY:-} ]] || ! xdpyinfo >/dev/null 2>&1; then
     echo "demo-session: started Xvfb on $DISPLAY (two 1920x1080 monitors) with a moving test pattern"
 fi
 
-if ! pactl info >/dev/null 2>&1; then
+if [[ $own == 1 ]] || ! pactl info >/dev/null 2>&1; then
+    unset PULSE_SERVER
     export PULSE_RUNTIME_PATH=$state/pulse/run PULSE_STATE_PATH=$state/pulse/state
     mkdir -p "$PULSE_RUNTIME_PATH" "$PULSE_STATE_PATH" "$state/pulse/home"
     chmod 700 "$PULSE_RUNTIME_PATH"
@@ -56,10 +61,15 @@ PA
         --disallow-exit --log-target=file:"$state/pulse/pa.log" 2>/dev/null
     for _ in $(seq 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
     pactl info >/dev/null 2>&1 || { echo "demo-session: PulseAudio did not start" >&2; exit 1; }
-    python3 "$root/scripts/tone-sweep.py" 48000 200 2000 5 |
+    if [[ -n $tone ]]; then
+        low=$tone high=$tone sound="a steady $tone Hz tone"
+    else
+        low=200 high=2000 sound="a 200-2000 Hz tone sweep"
+    fi
+    python3 "$root/scripts/tone-sweep.py" 48000 "$low" "$high" 5 |
         pacat --raw --format=s16le --rate=48000 --channels=2 --latency-msec=20 -d demo &
     pids+=($!)
-    echo "demo-session: started PulseAudio with the null sink 'demo' playing a 200-2000 Hz tone sweep"
+    echo "demo-session: started PulseAudio with the null sink 'demo' playing $sound"
 fi
 
 status=0
