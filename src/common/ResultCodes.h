@@ -8,6 +8,9 @@
 
 #ifdef _WIN32
 #include <winerror.h>
+#ifndef RO_E_CLOSED
+#define RO_E_CLOSED ((long)0x80000013L)
+#endif
 #else
 #include <cstdint>
 
@@ -70,4 +73,10 @@ constexpr long AUDCLNT_E_ENDPOINT_CREATE_FAILED = Orvanta::hresultFromBits(0x888
 constexpr long AUDCLNT_E_SERVICE_NOT_RUNNING = Orvanta::hresultFromBits(0x88890010u);
 constexpr long AUDCLNT_E_BUFFER_ERROR = Orvanta::hresultFromBits(0x88890018u);
 constexpr long AUDCLNT_S_BUFFER_EMPTY = 0x08890001;
+
+// Graphics capture: an object used after it was closed.
+constexpr long RO_E_CLOSED = Orvanta::hresultFromBits(0x80000013u);
+// The other side of a connection went away, or did not answer in time.
+constexpr long RPC_E_DISCONNECTED = Orvanta::hresultFromBits(0x80010108u);
+constexpr long RPC_E_TIMEOUT = Orvanta::hresultFromBits(0x8001011Fu);
 #endif

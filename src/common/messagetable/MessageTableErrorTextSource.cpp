@@ -63,6 +63,10 @@ constexpr Entry kMessages[] = {
     {AUDCLNT_E_ENDPOINT_CREATE_FAILED, L"The endpoint device could not be initialized."},
     {AUDCLNT_E_SERVICE_NOT_RUNNING, L"The Windows audio service is not running."},
     {AUDCLNT_E_BUFFER_ERROR, L"The audio buffer could not be obtained."},
+
+    {RO_E_CLOSED, L"The object has been closed."},
+    {RPC_E_DISCONNECTED, L"The object invoked has disconnected from its clients."},
+    {RPC_E_TIMEOUT, L"This operation returned because the timeout period expired."},
 };
 // clang-format on
 
