@@ -8,6 +8,7 @@
 #include <spa/pod/builder.h>
 
 #include <cerrno>
+#include <cstring>
 #include <mutex>
 #include <unistd.h>
 
@@ -24,8 +25,9 @@ void initialiseOnce()
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
 }
 
-/// The stream's formats in order of preference, the preferred size first.
-const spa_pod* buildFormat(spa_pod_builder* builder, int width, int height)
+/// One format offer: the 8-bit RGB layouts at @p width by @p height exactly,
+/// or, with @p anySize, at any size with that one preferred.
+const spa_pod* buildFormat(spa_pod_builder* builder, int width, int height, bool anySize)
 {
     spa_rectangle preferred {std::uint32_t(width > 0 ? width : 1920), std::uint32_t(height > 0 ? height : 1080)};
     spa_rectangle smallest {1, 1};
@@ -33,13 +35,29 @@ const spa_pod* buildFormat(spa_pod_builder* builder, int width, int height)
     spa_fraction rate {30, 1};
     spa_fraction slowest {0, 1};
     spa_fraction fastest {1000, 1};
-    return static_cast<const spa_pod*>(spa_pod_builder_add_object(builder, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat,
-        SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
+    spa_pod_frame frame;
+    spa_pod_builder_push_object(builder, &frame, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
+    spa_pod_builder_add(builder, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
         SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format,
         SPA_POD_CHOICE_ENUM_Id(6, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRA,
             SPA_VIDEO_FORMAT_RGBx, SPA_VIDEO_FORMAT_RGBA, SPA_VIDEO_FORMAT_RGB),
-        SPA_FORMAT_VIDEO_size, SPA_POD_CHOICE_RANGE_Rectangle(&preferred, &smallest, &largest),
-        SPA_FORMAT_VIDEO_framerate, SPA_POD_CHOICE_RANGE_Fraction(&rate, &slowest, &fastest)));
+        0);
+    if (anySize)
+        spa_pod_builder_add(
+            builder, SPA_FORMAT_VIDEO_size, SPA_POD_CHOICE_RANGE_Rectangle(&preferred, &smallest, &largest), 0);
+    else
+        spa_pod_builder_add(builder, SPA_FORMAT_VIDEO_size, SPA_POD_Rectangle(&preferred), 0);
+    spa_pod_builder_add(
+        builder, SPA_FORMAT_VIDEO_framerate, SPA_POD_CHOICE_RANGE_Fraction(&rate, &slowest, &fastest), 0);
+    return static_cast<const spa_pod*>(spa_pod_builder_pop(builder, &frame));
+}
+
+/// The size asked for first, then any size the source has.
+std::uint32_t buildFormats(spa_pod_builder* builder, int width, int height, const spa_pod* params[2])
+{
+    params[0] = buildFormat(builder, width, height, false);
+    params[1] = buildFormat(builder, width, height, true);
+    return 2;
 }
 
 int rotationFromTransform(std::uint32_t transform)
@@ -73,12 +91,16 @@ struct PipeWireStream::Loop
     pw_stream_events streamEvents {};
 
     // Guarded by the thread loop's lock.
-    pw_buffer* pending = nullptr;
+    std::vector<std::uint8_t> latest; ///< the newest picture, four bytes a pixel
+    std::vector<std::uint8_t> spare; ///< memory for the next copy
+    Ifaces::ScalerSource latestSource;
+    bool fresh = false;
     long failed = S_OK;
     bool connected = false;
     bool closed = false;
     spa_video_format format = SPA_VIDEO_FORMAT_UNKNOWN;
-    std::uint32_t stride = 0;
+    int requestedWidth = 0;
+    int requestedHeight = 0;
 
     std::atomic<int> width {0};
     std::atomic<int> height {0};
@@ -165,17 +187,12 @@ struct PipeWireStream::Loop
         pw_stream_update_params(self->stream, params, 3);
     }
 
-    static void onRemoveBuffer(void* data, pw_buffer* buffer)
-    {
-        auto* self = static_cast<Loop*>(data);
-        if (self->pending == buffer)
-            self->pending = nullptr;
-    }
-
     static void onProcess(void* data)
     {
         auto* self = static_cast<Loop*>(data);
-        // Drain: only the newest buffer is worth keeping.
+        // Drain: only the newest buffer is worth keeping. Its pixels are copied
+        // out and every buffer goes straight back, because sources stall while
+        // a consumer holds on to their buffers between cycles.
         pw_buffer* newest = nullptr;
         while (pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream)) {
             if (newest)
@@ -187,9 +204,78 @@ struct PipeWireStream::Loop
         if (auto* transform = static_cast<spa_meta_videotransform*>(
                 spa_buffer_find_meta_data(newest->buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
             self->rotation = rotationFromTransform(transform->transform);
-        if (self->pending)
-            pw_stream_queue_buffer(self->stream, self->pending);
-        self->pending = newest;
+        self->copyOut(newest->buffer);
+        pw_stream_queue_buffer(self->stream, newest);
+    }
+
+    /// Copies the picture of @p buffer into the newest-frame slot, as four bytes a pixel.
+    void copyOut(const spa_buffer* buffer)
+    {
+        if (buffer->n_datas < 1)
+            return;
+        if (auto* header = static_cast<spa_meta_header*>(
+                spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
+            if (header->flags & SPA_META_HEADER_FLAG_CORRUPTED)
+                return;
+        }
+        const spa_data& data = buffer->datas[0];
+        const int w = width;
+        const int h = height;
+        if (!data.data || !data.chunk || w <= 0 || h <= 0 || data.chunk->size == 0)
+            return;
+
+        Ifaces::PixelFormat pixelFormat = Ifaces::PixelFormat::Unknown;
+        std::size_t pixelBytes = 4;
+        switch (format) {
+        case SPA_VIDEO_FORMAT_BGRx:
+            pixelFormat = Ifaces::PixelFormat::B8G8R8X8Unorm;
+            break;
+        case SPA_VIDEO_FORMAT_BGRA:
+            pixelFormat = Ifaces::PixelFormat::B8G8R8A8Unorm;
+            break;
+        case SPA_VIDEO_FORMAT_RGBx:
+        case SPA_VIDEO_FORMAT_RGBA:
+            pixelFormat = Ifaces::PixelFormat::R8G8B8A8Unorm;
+            break;
+        case SPA_VIDEO_FORMAT_RGB:
+            pixelFormat = Ifaces::PixelFormat::R8G8B8A8Unorm;
+            pixelBytes = 3;
+            break;
+        default:
+            return;
+        }
+        const std::size_t row = std::size_t(w) * pixelBytes;
+        const std::size_t stride = data.chunk->stride > 0 ? std::size_t(data.chunk->stride) : row;
+        const std::size_t offset = data.maxsize ? data.chunk->offset % data.maxsize : 0;
+        if (stride < row || offset + stride * std::size_t(h - 1) + row > data.maxsize)
+            return;
+        const auto* pixels = static_cast<const std::uint8_t*>(data.data) + offset;
+
+        std::vector<std::uint8_t> slot = std::move(spare);
+        slot.resize(std::size_t(w) * std::size_t(h) * 4);
+        for (int y = 0; y < h; ++y) {
+            const std::uint8_t* in = pixels + stride * std::size_t(y);
+            std::uint8_t* out = slot.data() + std::size_t(y) * std::size_t(w) * 4;
+            if (pixelBytes == 4) {
+                std::memcpy(out, in, row);
+            } else {
+                // Three-byte pixels have no GPU upload format of their own: widen them.
+                for (int x = 0; x < w; ++x, in += 3, out += 4) {
+                    out[0] = in[0];
+                    out[1] = in[1];
+                    out[2] = in[2];
+                    out[3] = 0xFF;
+                }
+            }
+        }
+        spare = std::move(latest);
+        latest = std::move(slot);
+        latestSource = Ifaces::ScalerSource();
+        latestSource.width = w;
+        latestSource.height = h;
+        latestSource.bytesPerLine = std::size_t(w) * 4;
+        latestSource.format = pixelFormat;
+        fresh = true;
     }
 };
 
@@ -248,17 +334,19 @@ long PipeWireStream::open(int fd, std::uint32_t nodeId, int width, int height, s
     loop.streamEvents.version = PW_VERSION_STREAM_EVENTS;
     loop.streamEvents.state_changed = &Loop::onStateChanged;
     loop.streamEvents.param_changed = &Loop::onParamChanged;
-    loop.streamEvents.remove_buffer = &Loop::onRemoveBuffer;
     loop.streamEvents.process = &Loop::onProcess;
     pw_stream_add_listener(loop.stream, &loop.streamListener, &loop.streamEvents, &loop);
 
-    std::uint8_t buffer[1024];
+    std::uint8_t buffer[2048];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    const spa_pod* params[1] = {buildFormat(&builder, width, height)};
+    const spa_pod* params[2];
+    const std::uint32_t count = buildFormats(&builder, width, height, params);
+    loop.requestedWidth = width;
+    loop.requestedHeight = height;
     const auto flags = static_cast<pw_stream_flags>(
         PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_INACTIVE);
     const std::uint32_t target = (targetName && *targetName) ? PW_ID_ANY : nodeId;
-    if (pw_stream_connect(loop.stream, PW_DIRECTION_INPUT, target, flags, params, 1) < 0)
+    if (pw_stream_connect(loop.stream, PW_DIRECTION_INPUT, target, flags, params, count) < 0)
         return E_FAIL;
     result = std::move(self);
     return S_OK;
@@ -291,11 +379,11 @@ long PipeWireStream::takeNewest(std::unique_ptr<Frame>& frame)
     const long hr = failure();
     if (hr < 0)
         return hr;
-    if (!m_loop->pending)
+    if (!m_loop->fresh)
         return S_OK;
-    pw_buffer* buffer = m_loop->pending;
-    m_loop->pending = nullptr;
-    frame.reset(new Frame(shared_from_this(), buffer));
+    m_loop->fresh = false;
+    frame.reset(new Frame(shared_from_this(), std::move(m_loop->latest), m_loop->latestSource));
+    m_loop->latest.clear();
     return S_OK;
 }
 
@@ -307,12 +395,17 @@ long PipeWireStream::renegotiate(int width, int height)
     const long hr = failure();
     if (hr < 0)
         return hr;
-    if (width == m_loop->width && height == m_loop->height)
+    // Compared with what was asked, not with what came: a source that cannot
+    // give the size is not asked again (some sources stall on every new format).
+    if (width == m_loop->requestedWidth && height == m_loop->requestedHeight)
         return S_OK;
-    std::uint8_t buffer[1024];
+    m_loop->requestedWidth = width;
+    m_loop->requestedHeight = height;
+    std::uint8_t buffer[2048];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    const spa_pod* params[1] = {buildFormat(&builder, width, height)};
-    return pw_stream_update_params(m_loop->stream, params, 1) < 0 ? E_FAIL : S_OK;
+    const spa_pod* params[2];
+    const std::uint32_t count = buildFormats(&builder, width, height, params);
+    return pw_stream_update_params(m_loop->stream, params, count) < 0 ? E_FAIL : S_OK;
 }
 
 int PipeWireStream::rotation() const
@@ -334,7 +427,6 @@ void PipeWireStream::close()
     {
         Loop::Lock lock(loop.threadLoop);
         loop.closed = true;
-        loop.pending = nullptr;
     }
     pw_thread_loop_stop(loop.threadLoop);
     if (loop.stream) {
@@ -355,87 +447,24 @@ void PipeWireStream::close()
     loop.threadLoop = nullptr;
 }
 
-PipeWireStream::Frame::Frame(std::shared_ptr<PipeWireStream> stream, pw_buffer* buffer)
+PipeWireStream::Frame::Frame(
+    std::shared_ptr<PipeWireStream> stream, std::vector<std::uint8_t> pixels, const Ifaces::ScalerSource& source)
     : m_stream(std::move(stream))
-    , m_buffer(buffer)
+    , m_pixels(std::move(pixels))
+    , m_source(source)
 {
-    // The loop stays locked while the reader works on the buffer, so that the
-    // stream cannot take the memory away (the lock is recursive).
-    pw_thread_loop_lock(m_stream->m_loop->threadLoop);
-
-    const Loop& loop = *m_stream->m_loop;
-    const spa_buffer* spaBuffer = buffer->buffer;
-    if (spaBuffer->n_datas < 1)
-        return;
-    if (auto* header = static_cast<spa_meta_header*>(
-            spa_buffer_find_meta_data(spaBuffer, SPA_META_Header, sizeof(spa_meta_header)))) {
-        if (header->flags & SPA_META_HEADER_FLAG_CORRUPTED)
-            return;
-    }
-    const spa_data& data = spaBuffer->datas[0];
-    const int width = loop.width;
-    const int height = loop.height;
-    if (!data.data || !data.chunk || width <= 0 || height <= 0 || data.chunk->size == 0)
-        return;
-
-    Ifaces::PixelFormat format = Ifaces::PixelFormat::Unknown;
-    std::size_t pixelBytes = 4;
-    switch (loop.format) {
-    case SPA_VIDEO_FORMAT_BGRx:
-        format = Ifaces::PixelFormat::B8G8R8X8Unorm;
-        break;
-    case SPA_VIDEO_FORMAT_BGRA:
-        format = Ifaces::PixelFormat::B8G8R8A8Unorm;
-        break;
-    case SPA_VIDEO_FORMAT_RGBx:
-    case SPA_VIDEO_FORMAT_RGBA:
-        format = Ifaces::PixelFormat::R8G8B8A8Unorm;
-        break;
-    case SPA_VIDEO_FORMAT_RGB:
-        format = Ifaces::PixelFormat::R8G8B8A8Unorm;
-        pixelBytes = 3;
-        break;
-    default:
-        return;
-    }
-    const std::size_t stride
-        = data.chunk->stride > 0 ? std::size_t(data.chunk->stride) : std::size_t(width) * pixelBytes;
-    const std::size_t offset = data.chunk->offset % (data.maxsize ? data.maxsize : 1);
-    if (stride < std::size_t(width) * pixelBytes
-        || offset + stride * std::size_t(height - 1) + std::size_t(width) * pixelBytes > data.maxsize)
-        return;
-    const auto* pixels = static_cast<const std::uint8_t*>(data.data) + offset;
-
-    if (pixelBytes == 3) {
-        // Three-byte pixels have no GPU upload format of their own: widen them here.
-        m_converted.resize(std::size_t(width) * std::size_t(height) * 4);
-        for (int y = 0; y < height; ++y) {
-            const std::uint8_t* in = pixels + stride * std::size_t(y);
-            std::uint8_t* out = m_converted.data() + std::size_t(y) * std::size_t(width) * 4;
-            for (int x = 0; x < width; ++x, in += 3, out += 4) {
-                out[0] = in[0];
-                out[1] = in[1];
-                out[2] = in[2];
-                out[3] = 0xFF;
-            }
-        }
-        m_source.pixels = m_converted.data();
-        m_source.bytesPerLine = std::size_t(width) * 4;
-    } else {
-        m_source.pixels = pixels;
-        m_source.bytesPerLine = stride;
-    }
-    m_source.width = width;
-    m_source.height = height;
-    m_source.format = format;
+    m_source.pixels = m_pixels.empty() ? nullptr : m_pixels.data();
 }
 
 PipeWireStream::Frame::~Frame()
 {
+    // Hand the memory back for the next copy, saving an allocation a frame.
     Loop& loop = *m_stream->m_loop;
-    if (!loop.closed && loop.stream)
-        pw_stream_queue_buffer(loop.stream, m_buffer);
-    pw_thread_loop_unlock(loop.threadLoop);
+    if (!loop.threadLoop || m_pixels.empty())
+        return;
+    Loop::Lock lock(loop.threadLoop);
+    if (loop.spare.capacity() < m_pixels.capacity())
+        loop.spare = std::move(m_pixels);
 }
 
 bool PipeWireStream::Frame::hasPixels() const

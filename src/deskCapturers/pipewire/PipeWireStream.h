@@ -7,17 +7,15 @@
 #include <memory>
 #include <vector>
 
-struct pw_buffer;
-
 namespace Orvanta {
 namespace PipeWire {
 
 /**
  * A video stream from a PipeWire node, received on a thread loop of its own.
  *
- * The stream never makes its reader wait: each period the loop keeps only the
- * newest buffer and hands older ones straight back, and takeNewest() takes
- * whatever is newest at that moment. Buffers come in shared memory (memfd or
+ * The stream never makes its reader wait: each period the loop copies the
+ * newest buffer's picture into a slot and hands every buffer straight back,
+ * and takeNewest() takes whatever picture is newest at that moment. Buffers come in shared memory (memfd or
  * plain memory), in one of the 8-bit RGB layouts the stream offers.
  *
  * Once the server goes away or the stream fails, every later call reports the
@@ -26,7 +24,7 @@ namespace PipeWire {
 class PipeWireStream : public std::enable_shared_from_this<PipeWireStream>
 {
 public:
-    /// One buffer, held for the reader: the stream's thread waits until it is dropped.
+    /// One picture, copied out of the stream's buffer: the reader may take its time.
     class Frame
     {
     public:
@@ -41,12 +39,12 @@ public:
 
     private:
         friend class PipeWireStream;
-        Frame(std::shared_ptr<PipeWireStream> stream, pw_buffer* buffer);
+        Frame(std::shared_ptr<PipeWireStream> stream, std::vector<std::uint8_t> pixels,
+            const Ifaces::ScalerSource& source);
 
         std::shared_ptr<PipeWireStream> m_stream;
-        pw_buffer* m_buffer;
+        std::vector<std::uint8_t> m_pixels;
         Ifaces::ScalerSource m_source;
-        std::vector<std::uint8_t> m_converted;
     };
 
     /**
