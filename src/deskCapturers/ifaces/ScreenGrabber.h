@@ -38,8 +38,11 @@ public:
     /// The monitor's rectangle on the virtual desktop; false if the monitor is unknown.
     virtual bool monitorRect(std::uintptr_t monitor, ScreenRect& rect) = 0;
 
-    /// Copies @p rect of the screen; false if nothing could be copied.
-    virtual bool grab(const ScreenRect& rect, ScreenImage& image) = 0;
+    /**
+     * Copies @p rect, which lies on @p monitor's screen, as monitorRect() gave
+     * it; false if nothing could be copied.
+     */
+    virtual bool grab(std::uintptr_t monitor, const ScreenRect& rect, ScreenImage& image) = 0;
 };
 
 /// A grabber of the platform the library was built for; each call makes a new one.
