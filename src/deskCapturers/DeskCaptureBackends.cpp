@@ -1,5 +1,6 @@
 #include "DeskCaptureBackends.h"
 
+#include "DXGICapturer.h"
 #include "GDICapturer.h"
 
 namespace Orvanta {
@@ -7,11 +8,13 @@ namespace Orvanta {
 IDeskCapture* createDeskCaptureBackend(int mode)
 {
     switch (mode) {
+    case 0:
+        return new DXGICapturer(nullptr);
     case 2:
         return new GDICapturer;
     default:
-        // Desktop duplication (0) and graphics capture (1) join here as they
-        // arrive; until then their modes leave the front without a back-end.
+        // Graphics capture (1) joins here as it arrives; until then its mode
+        // leaves the front without a back-end.
         return nullptr;
     }
 }

@@ -9,6 +9,9 @@
 namespace Orvanta {
 namespace Ifaces {
 
+class DisplayAdapter;
+class GraphicsDevice;
+
 /**
  * The platform behind a duplication capturer: one graphics adapter with its
  * device, and the output being duplicated.
@@ -34,6 +37,14 @@ public:
     /// The device's drawing context, for the resizer; null when the device has none.
     virtual std::shared_ptr<GpuScaler> deviceScaler() = 0;
 };
+
+/**
+ * The duplicator of the platform the library was built for, on @p adapter's
+ * outputs with @p device (which may be null: scaling then runs on the CPU).
+ * Null when @p adapter is not one of this platform's.
+ */
+std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(
+    std::shared_ptr<DisplayAdapter> adapter, std::shared_ptr<GraphicsDevice> device);
 
 } // namespace Ifaces
 } // namespace Orvanta
