@@ -1,16 +1,18 @@
 #!/usr/bin/python3
 """A stand-in for the desktop portal's ScreenCast interface, for tests.
 
-It owns org.freedesktop.portal.Desktop on the session bus and hands out one
-PipeWire node (found by its node.name) as the monitor the "user" picked. Each
-Start without a known restore token counts as one question to the user; the
-count is written to the file named by --dialogs.
+It owns org.freedesktop.portal.Desktop on the session bus and hands out, as
+the monitor the "user" picked, a PipeWire video test source made for each
+session (as a compositor makes a stream node per session) and removed when
+the session closes. Each Start without a known restore token counts as one
+question to the user; the count is written to the file named by --dialogs.
 
-Usage: fake-screencast-portal.py --node NAME --size WxH --dialogs FILE
+Usage: fake-screencast-portal.py --size WxH --dialogs FILE
 """
 import argparse
 import json
 import os
+import signal
 import socket
 import subprocess
 import sys
@@ -52,17 +54,40 @@ class Request(dbus.service.Object):
         self.remove_from_connection()
 
 
+def create_node(name, width, height):
+    """A lingering video test source (colour bars) named @name; its id, or None."""
+    props = ("{ factory.name=videotestsrc node.name=%s media.class=Video/Source object.linger=true "
+             "Spa:Pod:Object:Param:Props:patternType=0 }" % name)
+    try:
+        subprocess.run(["pw-cli", "create-node", "spa-node-factory", props], capture_output=True, check=True,
+                       timeout=10)
+    except (subprocess.CalledProcessError, subprocess.TimeoutExpired):
+        return None
+    return find_node(name)
+
+
+def destroy_node(node):
+    subprocess.run(["pw-cli", "destroy", str(node)], capture_output=True, timeout=10)
+
+
 class Session(dbus.service.Object):
     def __init__(self, bus, path, portal):
         super().__init__(bus, path)
         self.portal = portal
         self.path = path
         self.restored = False
+        self.node = None
+
+    def close(self):
+        if self.node is not None:
+            destroy_node(self.node)
+            self.node = None
+        self.portal.sessions.pop(self.path, None)
+        self.remove_from_connection()
 
     @dbus.service.method(SESSION, in_signature="", out_signature="")
     def Close(self):
-        self.portal.sessions.pop(self.path, None)
-        self.remove_from_connection()
+        self.close()
 
 
 class ScreenCast(dbus.service.Object):
@@ -132,9 +157,13 @@ class ScreenCast(dbus.service.Object):
     def Start(self, session_handle, parent_window, options, sender=None):
         path = self.request_path(sender, options)
         session = self.sessions.get(str(session_handle))
-        node = find_node(self.args.node)
-        if session is None or node is None:
+        if session is None:
             return self.respond(path, 2, {})
+        self.counter += 1
+        node = create_node("screencast-%d-%d" % (os.getpid(), self.counter), self.width, self.height)
+        if node is None:
+            return self.respond(path, 2, {})
+        session.node = node
         if not session.restored:
             self.dialogs += 1
             self.write_dialogs()
@@ -163,7 +192,6 @@ class ScreenCast(dbus.service.Object):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--node", required=True)
     parser.add_argument("--size", default="640x360")
     parser.add_argument("--dialogs", required=True)
     args = parser.parse_args()
@@ -173,10 +201,13 @@ def main():
     portal = ScreenCast(bus, args)
     name = dbus.service.BusName("org.freedesktop.portal.Desktop", bus, do_not_queue=True)
     loop = GLib.MainLoop()
+    GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
     try:
         loop.run()
     except KeyboardInterrupt:
         pass
+    for session in list(portal.sessions.values()):
+        session.close()
     del name, portal
     return 0
 

@@ -2,7 +2,8 @@
 # pipewire-start.sh DIR NAME
 # Starts, in a private runtime directory: a session bus, PipeWire with a video
 # test source node ("test-videotestsrc", colour bars), WirePlumber, and a
-# stand-in ScreenCast portal that hands out that node. Writes DIR/NAME.env.
+# stand-in ScreenCast portal that hands out a video test source of the same
+# kind per session. Writes DIR/NAME.env.
 # Everything started is recorded in PID files for pipewire-stop.sh.
 set -euo pipefail
 dir=$1
@@ -34,7 +35,7 @@ wireplumber >"$T/wireplumber.log" 2>&1 &
 echo $! >"$T/wireplumber.pid"
 
 # The distribution's interpreter: the D-Bus and GLib bindings are its packages.
-/usr/bin/python3 "$here/fake-screencast-portal.py" --node test-videotestsrc --size "${ORVANTA_SCREENCAST_SIZE:-640x360}" \
+/usr/bin/python3 "$here/fake-screencast-portal.py" --size "${ORVANTA_SCREENCAST_SIZE:-640x360}" \
     --dialogs "$T/portal-dialogs" >"$T/portal.log" 2>&1 &
 echo $! >"$T/portal.pid"
 
