@@ -32,13 +32,13 @@ long GDICapturer::setCaptureContext(DeskCaptureContext newContext)
 
 QSize GDICapturer::outputSize()
 {
-    QMutexLocker locker(&outputSizeLock);
+    std::lock_guard<std::mutex> locker(outputSizeLock);
     return m_outputSize;
 }
 
 void GDICapturer::setOutputSize(QSize size)
 {
-    QMutexLocker locker(&outputSizeLock);
+    std::lock_guard<std::mutex> locker(outputSizeLock);
     m_outputSize = size;
 }
 
@@ -80,7 +80,7 @@ cv::Mat GDICapturer::screenshot()
 
     QSize size;
     {
-        QMutexLocker locker(&outputSizeLock);
+        std::lock_guard<std::mutex> locker(outputSizeLock);
         size = m_outputSize;
     }
     const int W = size.width();
