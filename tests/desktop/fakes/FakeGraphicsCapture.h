@@ -21,8 +21,7 @@
  * buffers; frames are scaled by the CPU scaler. Access requests keep their
  * handlers for the test to complete, on whatever thread it likes.
  */
-class FakeGraphicsCapture : public Orvanta::Ifaces::GraphicsCaptureSystem,
-                            public std::enable_shared_from_this<FakeGraphicsCapture>
+class FakeGraphicsCapture : public Orvanta::Ifaces::GraphicsCaptureSystem
 {
 public:
     struct PoolState
@@ -199,8 +198,8 @@ public:
     class Border : public Orvanta::Ifaces::BorderOption
     {
     public:
-        explicit Border(std::shared_ptr<FakeGraphicsCapture> owner)
-            : m_owner(std::move(owner))
+        explicit Border(FakeGraphicsCapture* owner)
+            : m_owner(owner)
         {
         }
         long setBorderRequired(bool required) override
@@ -211,7 +210,8 @@ public:
         }
 
     private:
-        std::shared_ptr<FakeGraphicsCapture> m_owner;
+        // Plain: the fake keeps the access handlers, which keep this option.
+        FakeGraphicsCapture* m_owner;
     };
 
     class Session : public Orvanta::Ifaces::CaptureSession
@@ -238,7 +238,7 @@ public:
         {
             if (!m_owner->hasBorderOption)
                 return nullptr;
-            return std::make_shared<Border>(m_owner->shared_from_this());
+            return std::make_shared<Border>(m_owner);
         }
 
     private:
