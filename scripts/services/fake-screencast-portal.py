@@ -7,7 +7,9 @@ session (as a compositor makes a stream node per session) and removed when
 the session closes. Each Start without a known restore token counts as one
 question to the user; the count is written to the file named by --dialogs.
 
-Usage: fake-screencast-portal.py --size WxH --dialogs FILE
+The cursor mode of the last SelectSources goes to the file named by --cursor.
+
+Usage: fake-screencast-portal.py --size WxH --dialogs FILE --cursor FILE
 """
 import argparse
 import json
@@ -151,6 +153,8 @@ class ScreenCast(dbus.service.Object):
         if session is None or int(options.get("types", 1)) & 1 == 0:
             return self.respond(path, 2, {})
         session.restored = str(options.get("restore_token", "")) in self.tokens
+        with open(self.args.cursor, "w") as f:
+            f.write(str(int(options.get("cursor_mode", 0))))
         return self.respond(path, 0, {})
 
     @dbus.service.method(SCREENCAST, in_signature="osa{sv}", out_signature="o", sender_keyword="sender")
@@ -194,6 +198,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--size", default="640x360")
     parser.add_argument("--dialogs", required=True)
+    parser.add_argument("--cursor", required=True, help="file that receives the last cursor mode asked for")
     args = parser.parse_args()
 
     DBusGMainLoop(set_as_default=True)

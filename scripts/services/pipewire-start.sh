@@ -36,7 +36,7 @@ echo $! >"$T/wireplumber.pid"
 
 # The distribution's interpreter: the D-Bus and GLib bindings are its packages.
 /usr/bin/python3 "$here/fake-screencast-portal.py" --size "${ORVANTA_SCREENCAST_SIZE:-640x360}" \
-    --dialogs "$T/portal-dialogs" >"$T/portal.log" 2>&1 &
+    --dialogs "$T/portal-dialogs" --cursor "$T/portal-cursor" >"$T/portal.log" 2>&1 &
 echo $! >"$T/portal.pid"
 
 ready=0
@@ -61,4 +61,5 @@ export XDG_RUNTIME_DIR=$XDG_RUNTIME_DIR
 export DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS
 export ORVANTA_PIPEWIRE_PIDFILE=$T/pipewire.pid
 export ORVANTA_PORTAL_DIALOGS=$T/portal-dialogs
+export ORVANTA_PORTAL_CURSOR=$T/portal-cursor
 ENV

@@ -21,9 +21,9 @@ QString quoted(const QString& text)
     return QLatin1Char('"') + text + QLatin1Char('"');
 }
 
-int portalDialogs()
+int portalRecord(const char* variable)
 {
-    QFile file(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_DIALOGS")));
+    QFile file(QString::fromLocal8Bit(qgetenv(variable)));
     if (!file.open(QIODevice::ReadOnly))
         return -1;
     return file.readAll().trimmed().toInt();
@@ -88,6 +88,7 @@ private slots:
     void framesArriveAtTheRequestedSizeWithTheSourceColours();
     void outputSizeChangesTheNextFrame();
     void theUserIsAskedOnce();
+    void theCursorIsEmbedded();
     void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
 
 private:
@@ -194,7 +195,7 @@ void PortalCaptureTest::theUserIsAskedOnce()
         WinRTCapturer capturer;
         QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
         QVERIFY(!waitForFrame(capturer).empty());
-        asked = portalDialogs();
+        asked = portalRecord("ORVANTA_PORTAL_DIALOGS");
         QVERIFY(asked >= 1);
     }
     for (int i = 0; i < 2; ++i) {
@@ -202,7 +203,14 @@ void PortalCaptureTest::theUserIsAskedOnce()
         QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
         QVERIFY(!waitForFrame(capturer).empty());
     }
-    QCOMPARE(portalDialogs(), asked);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), asked);
+}
+
+void PortalCaptureTest::theCursorIsEmbedded()
+{
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_CURSOR"), 2); // embedded in the picture
 }
 
 void PortalCaptureTest::stoppingTheServerEndsTheSessionForGood()

@@ -128,7 +128,8 @@ struct PipeWireStream::Loop
     static void onCoreError(void* data, std::uint32_t id, int, int res, const char*)
     {
         auto* self = static_cast<Loop*>(data);
-        if (id == PW_ID_CORE)
+        // A lost server outranks whatever the stream reported on its way down.
+        if (id == PW_ID_CORE && (res == -EPIPE || self->failed >= 0))
             self->failed = res == -EPIPE ? RPC_E_DISCONNECTED : E_FAIL;
         pw_thread_loop_signal(self->threadLoop, false);
     }
