@@ -45,4 +45,6 @@ private:
     QSize m_outputSize;
     std::mutex outputSizeLock;
     std::unique_ptr<Orvanta::Ifaces::ScreenGrabber> grabber;
+    /// Scaled and turned pixels before the colour exchange; never delivered.
+    cv::Mat scratch;
 };

@@ -11,10 +11,12 @@
 #include "egl/EglDevice.h"
 #include "ifaces/DisplayAdapter.h"
 #include "ifaces/DisplayOutput.h"
+#include "x11/XcbConnection.h"
 #include "x11/XcbDisplaySystem.h"
 #include "x11/XcbScreenGrabber.h"
 
 #include <GLES3/gl3.h>
+#include <xcb/randr.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QPointer>
@@ -66,6 +68,7 @@ private slots:
     void bothMonitorsAreEnumerated();
     void outputsDescribeTheirMonitors();
     void monitorsAreClampedToTheScreen();
+    void randrRotationsBecomeClockwiseSteps();
     void eglDeviceWithoutTheXServer();
     void coloursComeBackAtTheRightPlace();
     void framesComeAtTheRequestedSize();
@@ -185,6 +188,24 @@ void TestX11Desktop::monitorsAreClampedToTheScreen()
     QVERIFY(grabber.grab(description.monitor, rect, image));
     QCOMPARE(image.width, 500);
     QCOMPARE(image.height, 280);
+}
+
+void TestX11Desktop::randrRotationsBecomeClockwiseSteps()
+{
+    using Orvanta::Ifaces::OutputRotation;
+    using Orvanta::X11::rotationFromRandr;
+    // RandR counts counter-clockwise, DXGI clockwise; reflections don't turn.
+    QCOMPARE(rotationFromRandr(XCB_RANDR_ROTATION_ROTATE_0), OutputRotation::Identity);
+    QCOMPARE(rotationFromRandr(XCB_RANDR_ROTATION_ROTATE_90), OutputRotation::Rotate270);
+    QCOMPARE(rotationFromRandr(XCB_RANDR_ROTATION_ROTATE_180), OutputRotation::Rotate180);
+    QCOMPARE(rotationFromRandr(XCB_RANDR_ROTATION_ROTATE_270), OutputRotation::Rotate90);
+    QCOMPARE(rotationFromRandr(XCB_RANDR_ROTATION_ROTATE_90 | XCB_RANDR_ROTATION_REFLECT_X), OutputRotation::Rotate270);
+    QCOMPARE(rotationFromRandr(XCB_RANDR_ROTATION_REFLECT_Y), OutputRotation::Identity);
+
+    // A monitor handle keeps the screen and the monitor's name apart.
+    const std::uintptr_t handle = Orvanta::X11::XcbConnection::monitorHandle(2, 0x1234);
+    QCOMPARE(Orvanta::X11::XcbConnection::screenOfHandle(handle), 2);
+    QCOMPARE(Orvanta::X11::XcbConnection::nameOfHandle(handle), xcb_atom_t(0x1234));
 }
 
 void TestX11Desktop::eglDeviceWithoutTheXServer()
