@@ -149,6 +149,7 @@ private slots:
     void nullMappingIsSilent();
     void readBackSkipsThePitchPadding();
     void everyFrameOwnsItsBuffer();
+    void everyOperationIsOneRun();
 
     // The real scalers: the CPU path and OpenGL ES on Mesa.
     void matchesTheReference_data();
@@ -502,6 +503,67 @@ void TextureResizerTest::everyFrameOwnsItsBuffer()
     QVERIFY(a.data != b.data);
     QCOMPARE(maxChannelDifference(a, first), 0);
     QCOMPARE(maxChannelDifference(b, second), 0);
+}
+
+void TextureResizerTest::everyOperationIsOneRun()
+{
+    // Records the depth of runs at each call: every call must come inside one,
+    // and each public operation opens exactly one outermost run.
+    class RunCounter : public FakeGpuScaler
+    {
+    public:
+        void beginUse() override
+        {
+            if (depth++ == 0) {
+                ++runs;
+            }
+        }
+        void endUse() override
+        {
+            --depth;
+        }
+        long createVertexShader() override
+        {
+            outside += depth == 0;
+            return FakeGpuScaler::createVertexShader();
+        }
+        long createTargetTexture(int width, int height) override
+        {
+            outside += depth == 0;
+            return FakeGpuScaler::createTargetTexture(width, height);
+        }
+        long createVertexBuffer(const Orvanta::Ifaces::ScalerVertex* data, std::size_t count) override
+        {
+            outside += depth == 0;
+            return FakeGpuScaler::createVertexBuffer(data, count);
+        }
+        void draw() override
+        {
+            outside += depth == 0;
+            FakeGpuScaler::draw();
+        }
+        long mapStaging(Orvanta::Ifaces::MappedImage& image) override
+        {
+            outside += depth == 0;
+            return FakeGpuScaler::mapStaging(image);
+        }
+        int depth = 0;
+        int runs = 0;
+        int outside = 0;
+    };
+    auto counter = std::make_shared<RunCounter>();
+    D3DTextureResizer resizer;
+    QVERIFY(resizer.setContext(counter));
+    QCOMPARE(counter->runs, 1);
+    QVERIFY(resizer.setTargetSize(cv::Size(8, 8)));
+    QCOMPARE(counter->runs, 2);
+    resizer.setRotation(D3DTextureResizer::Rotation90);
+    QCOMPARE(counter->runs, 3);
+    const cv::Mat pixels = gradient(cv::Size(8, 8));
+    QVERIFY(!resizer.resizeToCVMat(sourceOf(pixels, PixelFormat::R8G8B8A8Unorm)).empty());
+    QCOMPARE(counter->runs, 4);
+    QCOMPARE(counter->depth, 0);
+    QCOMPARE(counter->outside, 0);
 }
 
 void TextureResizerTest::matchesTheReference_data()

@@ -204,6 +204,7 @@ GlesScaler::GlesScaler(std::shared_ptr<void> owner, EGLDisplay display, EGLConte
 
 GlesScaler::~GlesScaler()
 {
+    m_use.reset();
     CurrentScope current(*this);
     if (!current.ok()) {
         return;
@@ -217,6 +218,20 @@ GlesScaler::~GlesScaler()
     glDeleteProgram(m_gl->program);
     glDeleteShader(m_gl->fragmentShader);
     glDeleteShader(m_gl->vertexShader);
+}
+
+void GlesScaler::beginUse()
+{
+    if (m_useDepth++ == 0) {
+        m_use = std::make_unique<CurrentScope>(*this);
+    }
+}
+
+void GlesScaler::endUse()
+{
+    if (m_useDepth > 0 && --m_useDepth == 0) {
+        m_use.reset();
+    }
 }
 
 long GlesScaler::createVertexShader()

@@ -127,6 +127,17 @@ class GpuScaler
 public:
     virtual ~GpuScaler() = default;
 
+    /// Bracket a run of the operations below made on one thread, so that an
+    /// adapter can set up its context once for the run rather than for each
+    /// operation. Runs nest; every beginUse is matched by an endUse on the
+    /// same thread. Optional: the operations work without them.
+    virtual void beginUse()
+    {
+    }
+    virtual void endUse()
+    {
+    }
+
     /// Pipeline objects, made once. The vertex stage passes position and
     /// coordinate through unchanged; the pixel stage returns the sample as is.
     virtual long createVertexShader() = 0;
