@@ -33,6 +33,11 @@ packages=(
     python3
     # feedback zips: independent readers for the tests, zip for the benchmark's reference
     zip unzip
+    # graphics capture: portal client (D-Bus) and PipeWire streams; for the tests a
+    # session bus, PipeWire with its video test source, WirePlumber and a stand-in
+    # portal written with the D-Bus and GLib bindings of Python
+    libdbus-1-dev libpipewire-0.3-dev dbus pipewire pipewire-bin wireplumber
+    libspa-0.2-modules python3-dbus python3-gi
 )
 
 export DEBIAN_FRONTEND=noninteractive

@@ -8,6 +8,9 @@
 
 #ifdef _WIN32
 #include <winerror.h>
+#ifndef RO_E_CLOSED
+#define RO_E_CLOSED ((long)0x80000013L)
+#endif
 #else
 #include <cstdint>
 
@@ -73,4 +76,9 @@ constexpr long AUDCLNT_S_BUFFER_EMPTY = 0x08890001;
 
 // Endpoint lookup by identifier (HRESULT_FROM_WIN32(ERROR_NOT_FOUND)).
 constexpr long E_NOTFOUND = Orvanta::hresultFromBits(0x80070490u);
+// Graphics capture: an object used after it was closed.
+constexpr long RO_E_CLOSED = Orvanta::hresultFromBits(0x80000013u);
+// The other side of a connection went away, or did not answer in time.
+constexpr long RPC_E_DISCONNECTED = Orvanta::hresultFromBits(0x80010108u);
+constexpr long RPC_E_TIMEOUT = Orvanta::hresultFromBits(0x8001011Fu);
 #endif

@@ -402,14 +402,17 @@ void TestX11Desktop::modeWithoutBackendLeavesTheFrontEmpty()
     QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty(), 10000);
 
     MessageCapture messages;
-    // Graphics capture (mode 1) has no back-end on this platform.
-    publishedOption()->setCurMode(1);
+    // A mode beyond the three known ones has no back-end.
+    const int modes = publishedOption()->totalOfMode();
+    publishedOption()->setTotalOfMode(4);
+    publishedOption()->setCurMode(3);
     QTRY_VERIFY_WITH_TIMEOUT(
         messages.texts(QtWarningMsg).filter("[WinDeskCapture]: Capturer is null, monitor:").size() == 1, 10000);
     QVERIFY(left->nextFrame().empty());
     QCOMPARE(left->outputSize(), QSize(-1, -1));
 
     publishedOption()->setCurMode(2);
+    publishedOption()->setTotalOfMode(modes);
     QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty(), 10000);
     QCOMPARE(left->outputSize(), QSize(1920, 1080));
 }

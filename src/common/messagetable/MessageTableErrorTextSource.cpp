@@ -65,6 +65,9 @@ constexpr Entry kMessages[] = {
     {AUDCLNT_E_BUFFER_ERROR, L"The audio buffer could not be obtained."},
 
     {E_NOTFOUND, L"Element not found."},
+    {RO_E_CLOSED, L"The object has been closed."},
+    {RPC_E_DISCONNECTED, L"The object invoked has disconnected from its clients."},
+    {RPC_E_TIMEOUT, L"This operation returned because the timeout period expired."},
 };
 // clang-format on
 

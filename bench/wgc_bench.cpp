@@ -1,0 +1,258 @@
+// Graphics capture: the per-frame cost of a screen-cast frame (desktop portal,
+// PipeWire stream of 1920x1080, scaled to 320x180 on the GPU) against the
+// duplication path's frame of an X screen of the same size. Only the capture
+// call that delivers a frame is timed; waiting for the source is not. The
+// PipeWire server, its portal and the X server are private and started here.
+#include "DXGICapturer.h"
+#include "WinRTCapturer.h"
+#include "ifaces/DisplayAdapter.h"
+#include "ifaces/DisplayOutput.h"
+#include "ifaces/DisplaySystem.h"
+#include "ifaces/GraphicsDevice.h"
+
+#include <QtCore/QByteArray>
+
+#include <benchmark/benchmark.h>
+#include <xcb/xcb.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <memory>
+#include <poll.h>
+#include <signal.h>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+/// The source tree, for the service scripts: $ORVANTA_SOURCE_DIR, or the one
+/// the build tree of this program was configured from.
+std::string sourceRoot()
+{
+    if (const char* dir = std::getenv("ORVANTA_SOURCE_DIR"))
+        return dir;
+    char exe[4096] = {};
+    const ssize_t length = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    if (length <= 0)
+        return std::string();
+    std::string dir(exe, std::size_t(length));
+    for (int up = 0; up < 4; ++up) {
+        dir = dir.substr(0, dir.find_last_of('/'));
+        std::ifstream cache(dir + "/CMakeCache.txt");
+        std::string line;
+        const std::string key = "CMAKE_HOME_DIRECTORY:INTERNAL=";
+        while (std::getline(cache, line)) {
+            if (line.compare(0, key.size(), key) == 0)
+                return line.substr(key.size());
+        }
+    }
+    return std::string();
+}
+
+/// PipeWire, WirePlumber and the stand-in portal, started by the test fixture's
+/// scripts in a directory of their own, with a source of @p size.
+class ScreenCastServices
+{
+public:
+    explicit ScreenCastServices(const char* size)
+    {
+        char pattern[] = "/tmp/orvanta-wgc-bench-XXXXXX";
+        if (!mkdtemp(pattern))
+            return;
+        m_dir = pattern;
+        const std::string start = "ORVANTA_SCREENCAST_SIZE=" + std::string(size) + " " + sourceRoot()
+            + "/scripts/services/pipewire-start.sh " + m_dir + " bench >/dev/null 2>&1";
+        if (std::system(start.c_str()) != 0)
+            return;
+        std::ifstream env(m_dir + "/bench.env");
+        std::string line;
+        while (std::getline(env, line)) {
+            const std::string prefix = "export ";
+            const auto equals = line.find('=');
+            if (line.compare(0, prefix.size(), prefix) != 0 || equals == std::string::npos)
+                continue;
+            ::setenv(line.substr(prefix.size(), equals - prefix.size()).c_str(), line.substr(equals + 1).c_str(), 1);
+        }
+        m_running = true;
+    }
+    ~ScreenCastServices()
+    {
+        if (m_dir.empty())
+            return;
+        const std::string stop
+            = sourceRoot() + "/scripts/services/pipewire-stop.sh " + m_dir + " bench >/dev/null 2>&1";
+        std::system(stop.c_str());
+        std::system(("rm -rf " + m_dir).c_str());
+    }
+    bool running() const
+    {
+        return m_running;
+    }
+
+private:
+    std::string m_dir;
+    bool m_running = false;
+};
+
+/// An Xvfb of its own, killed at exit.
+class XServer
+{
+public:
+    explicit XServer(const char* screen)
+    {
+        int fds[2];
+        if (pipe(fds) != 0)
+            return;
+        const std::string fd = std::to_string(fds[1]);
+        m_pid = fork();
+        if (m_pid == 0) {
+            close(fds[0]);
+            const int devnull = open("/dev/null", O_RDWR);
+            dup2(devnull, 0);
+            dup2(devnull, 1);
+            dup2(devnull, 2);
+            execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", screen, "+extension", "RANDR",
+                "+extension", "DAMAGE", "+extension", "MIT-SHM", "-nolisten", "tcp", "-noreset",
+                static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(fds[1]);
+        pollfd descriptor = {fds[0], POLLIN, 0};
+        char c;
+        while (m_pid > 0 && ::poll(&descriptor, 1, 20000) > 0 && read(fds[0], &c, 1) == 1 && c != '\n')
+            m_display += c;
+        close(fds[0]);
+        m_display.insert(0, ":");
+    }
+    ~XServer()
+    {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+    const std::string& display() const
+    {
+        return m_display;
+    }
+
+private:
+    pid_t m_pid = -1;
+    std::string m_display;
+};
+
+/// Keeps changing the X screen, as a playing video would.
+class Painter
+{
+public:
+    Painter()
+        : m_connection(xcb_connect(nullptr, nullptr))
+    {
+        m_screen = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data;
+        m_gc = xcb_generate_id(m_connection);
+        xcb_create_gc(m_connection, m_gc, m_screen->root, 0, nullptr);
+    }
+    ~Painter()
+    {
+        xcb_free_gc(m_connection, m_gc);
+        xcb_disconnect(m_connection);
+    }
+    void change()
+    {
+        const std::uint32_t colour = (m_step++ * 0x10305u) & 0xFFFFFFu;
+        xcb_change_gc(m_connection, m_gc, XCB_GC_FOREGROUND, &colour);
+        const xcb_rectangle_t square = {std::int16_t(m_step % 512), 100, 256, 256};
+        xcb_poly_fill_rectangle(m_connection, m_screen->root, m_gc, 1, &square);
+        std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
+    }
+
+private:
+    xcb_connection_t* m_connection;
+    xcb_screen_t* m_screen = nullptr;
+    xcb_gcontext_t m_gc = 0;
+    unsigned m_step = 1;
+};
+
+using Clock = std::chrono::steady_clock;
+
+/// Times the one nextFrame() call of each iteration that delivers a frame.
+template <typename Prepare> void timeDeliveredFrames(benchmark::State& state, IDeskCapture& capturer, Prepare prepare)
+{
+    for (auto _ : state) {
+        cv::Mat frame;
+        double seconds = 0;
+        for (int attempt = 0; attempt < 2000 && frame.empty(); ++attempt) {
+            prepare();
+            const auto begin = Clock::now();
+            frame = capturer.nextFrame();
+            seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+            if (frame.empty())
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        if (frame.empty() || frame.cols != 320 || frame.rows != 180) {
+            state.SkipWithError("no frame of 320x180 came");
+            return;
+        }
+        benchmark::DoNotOptimize(frame.data);
+        state.SetIterationTime(seconds);
+    }
+}
+
+void PortalFrameOurs(benchmark::State& state)
+{
+    static ScreenCastServices services("1920x1080");
+    if (!services.running()) {
+        state.SkipWithError("PipeWire or the portal did not start");
+        return;
+    }
+    WinRTCapturer capturer;
+    if (capturer.setCaptureContext(DeskCaptureContext()) < 0 || capturer.originSize() != QSize(1920, 1080)) {
+        state.SkipWithError("no 1920x1080 screen cast");
+        return;
+    }
+    capturer.setOutputSize(QSize(320, 180));
+    timeDeliveredFrames(state, capturer, [] {});
+}
+
+void PortalFrameReference(benchmark::State& state)
+{
+    static XServer server("1920x1080x24");
+    ::setenv("DISPLAY", server.display().c_str(), 1);
+    auto system = Orvanta::Ifaces::createPlatformDisplaySystem();
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
+    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
+    Orvanta::Ifaces::OutputDescription description;
+    if (system->open() < 0 || system->enumAdapter(0, adapter) < 0 || adapter->enumOutput(0, output) < 0
+        || output->describe(description) < 0) {
+        state.SkipWithError("no X screen");
+        return;
+    }
+    adapter->createDevice(output, device);
+    DeskCaptureContext context;
+    context.adapter = adapter;
+    context.output = output;
+    context.device = device;
+    context.monitor = description.monitor;
+    context.position = QRect(int(description.left), int(description.top), int(description.right - description.left),
+        int(description.bottom - description.top));
+    context.width = context.position.width();
+    context.height = context.position.height();
+    DXGICapturer capturer(nullptr);
+    if (capturer.setCaptureContext(context) < 0) {
+        state.SkipWithError("capturer refused the screen");
+        return;
+    }
+    capturer.setOutputSize(QSize(320, 180));
+    Painter painter;
+    timeDeliveredFrames(state, capturer, [&painter] { painter.change(); });
+}
+
+} // namespace
+
+BENCHMARK(PortalFrameOurs)->Name("PortalFrame1080To320/ours")->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(PortalFrameReference)->Name("PortalFrame1080To320/reference")->UseManualTime()->Unit(benchmark::kMicrosecond);

@@ -1,0 +1,221 @@
+#!/usr/bin/python3
+"""A stand-in for the desktop portal's ScreenCast interface, for tests.
+
+It owns org.freedesktop.portal.Desktop on the session bus and hands out, as
+the monitor the "user" picked, a PipeWire video test source made for each
+session (as a compositor makes a stream node per session) and removed when
+the session closes. Each Start without a known restore token counts as one
+question to the user; the count is written to the file named by --dialogs.
+
+The cursor mode of the last SelectSources goes to the file named by --cursor.
+
+Usage: fake-screencast-portal.py --size WxH --dialogs FILE --cursor FILE
+"""
+import argparse
+import json
+import os
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+import dbus
+import dbus.service
+from dbus.mainloop.glib import DBusGMainLoop
+from gi.repository import GLib
+
+PORTAL_PATH = "/org/freedesktop/portal/desktop"
+SCREENCAST = "org.freedesktop.portal.ScreenCast"
+REQUEST = "org.freedesktop.portal.Request"
+SESSION = "org.freedesktop.portal.Session"
+
+
+def find_node(name, timeout=10.0):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        try:
+            objects = json.loads(subprocess.run(["pw-dump"], capture_output=True, check=True, text=True).stdout)
+        except (subprocess.CalledProcessError, ValueError):
+            objects = []
+        for obj in objects:
+            props = obj.get("info", {}).get("props", {}) if isinstance(obj.get("info"), dict) else {}
+            if obj.get("type") == "PipeWire:Interface:Node" and props.get("node.name") == name:
+                return obj["id"]
+        time.sleep(0.1)
+    return None
+
+
+class Request(dbus.service.Object):
+    @dbus.service.signal(REQUEST, signature="ua{sv}")
+    def Response(self, response, results):
+        pass
+
+    @dbus.service.method(REQUEST, in_signature="", out_signature="")
+    def Close(self):
+        self.remove_from_connection()
+
+
+def create_node(name, width, height):
+    """A lingering video test source (colour bars) named @name; its id, or None."""
+    props = ("{ factory.name=videotestsrc node.name=%s media.class=Video/Source object.linger=true "
+             "Spa:Pod:Object:Param:Props:patternType=0 }" % name)
+    try:
+        subprocess.run(["pw-cli", "create-node", "spa-node-factory", props], capture_output=True, check=True,
+                       timeout=10)
+    except (subprocess.CalledProcessError, subprocess.TimeoutExpired):
+        return None
+    return find_node(name)
+
+
+def destroy_node(node):
+    subprocess.run(["pw-cli", "destroy", str(node)], capture_output=True, timeout=10)
+
+
+class Session(dbus.service.Object):
+    def __init__(self, bus, path, portal):
+        super().__init__(bus, path)
+        self.portal = portal
+        self.path = path
+        self.restored = False
+        self.node = None
+
+    def close(self):
+        if self.node is not None:
+            destroy_node(self.node)
+            self.node = None
+        self.portal.sessions.pop(self.path, None)
+        self.remove_from_connection()
+
+    @dbus.service.method(SESSION, in_signature="", out_signature="")
+    def Close(self):
+        self.close()
+
+
+class ScreenCast(dbus.service.Object):
+    def __init__(self, bus, args):
+        super().__init__(bus, PORTAL_PATH)
+        self.bus = bus
+        self.args = args
+        self.width, self.height = (int(v) for v in args.size.split("x"))
+        self.sessions = {}
+        self.tokens = set()
+        self.dialogs = 0
+        self.counter = 0
+        self.write_dialogs()
+
+    def write_dialogs(self):
+        with open(self.args.dialogs, "w") as f:
+            f.write(str(self.dialogs))
+
+    def request_path(self, sender, options):
+        token = str(options.get("handle_token", "t%d" % self.counter))
+        self.counter += 1
+        return "%s/request/%s/%s" % (PORTAL_PATH, sender[1:].replace(".", "_"), token)
+
+    def respond(self, path, response, results):
+        request = Request(self.bus, path)
+
+        def emit():
+            request.Response(dbus.UInt32(response), dbus.Dictionary(results, signature="sv"))
+            request.remove_from_connection()
+            return False
+
+        GLib.idle_add(emit)
+        return dbus.ObjectPath(path)
+
+    @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="ss", out_signature="v")
+    def Get(self, interface, name):
+        return self.GetAll(interface)[name]
+
+    @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="s", out_signature="a{sv}")
+    def GetAll(self, interface):
+        if interface != SCREENCAST:
+            raise dbus.exceptions.DBusException("no such interface", name="org.freedesktop.DBus.Error.UnknownInterface")
+        return dbus.Dictionary({
+            "version": dbus.UInt32(4),
+            "AvailableSourceTypes": dbus.UInt32(1 | 2),
+            "AvailableCursorModes": dbus.UInt32(1 | 2 | 4),
+        }, signature="sv")
+
+    @dbus.service.method(SCREENCAST, in_signature="a{sv}", out_signature="o", sender_keyword="sender")
+    def CreateSession(self, options, sender=None):
+        path = self.request_path(sender, options)
+        session_path = "%s/session/%s/%s" % (PORTAL_PATH, sender[1:].replace(".", "_"),
+                                            str(options.get("session_handle_token", "s%d" % self.counter)))
+        self.sessions[session_path] = Session(self.bus, session_path, self)
+        return self.respond(path, 0, {"session_handle": dbus.String(session_path)})
+
+    @dbus.service.method(SCREENCAST, in_signature="oa{sv}", out_signature="o", sender_keyword="sender")
+    def SelectSources(self, session_handle, options, sender=None):
+        path = self.request_path(sender, options)
+        session = self.sessions.get(str(session_handle))
+        if session is None or int(options.get("types", 1)) & 1 == 0:
+            return self.respond(path, 2, {})
+        session.restored = str(options.get("restore_token", "")) in self.tokens
+        with open(self.args.cursor, "w") as f:
+            f.write(str(int(options.get("cursor_mode", 0))))
+        return self.respond(path, 0, {})
+
+    @dbus.service.method(SCREENCAST, in_signature="osa{sv}", out_signature="o", sender_keyword="sender")
+    def Start(self, session_handle, parent_window, options, sender=None):
+        path = self.request_path(sender, options)
+        session = self.sessions.get(str(session_handle))
+        if session is None:
+            return self.respond(path, 2, {})
+        self.counter += 1
+        node = create_node("screencast-%d-%d" % (os.getpid(), self.counter), self.width, self.height)
+        if node is None:
+            return self.respond(path, 2, {})
+        session.node = node
+        if not session.restored:
+            self.dialogs += 1
+            self.write_dialogs()
+        token = "restore-%d" % len(self.tokens)
+        self.tokens.add(token)
+        stream = dbus.Struct((dbus.UInt32(node), dbus.Dictionary({
+            "size": dbus.Struct((dbus.Int32(self.width), dbus.Int32(self.height)), signature="ii"),
+            "position": dbus.Struct((dbus.Int32(0), dbus.Int32(0)), signature="ii"),
+            "source_type": dbus.UInt32(1),
+        }, signature="sv")), signature="ua{sv}")
+        return self.respond(path, 0, {
+            "streams": dbus.Array([stream], signature="(ua{sv})"),
+            "restore_token": dbus.String(token),
+        })
+
+    @dbus.service.method(SCREENCAST, in_signature="oa{sv}", out_signature="h")
+    def OpenPipeWireRemote(self, session_handle, options):
+        if str(session_handle) not in self.sessions:
+            raise dbus.exceptions.DBusException("unknown session", name="org.freedesktop.DBus.Error.AccessDenied")
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        sock.connect(os.path.join(os.environ["XDG_RUNTIME_DIR"], "pipewire-0"))
+        fd = dbus.types.UnixFd(sock)  # takes its own copy of the descriptor
+        sock.close()
+        return fd
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--size", default="640x360")
+    parser.add_argument("--dialogs", required=True)
+    parser.add_argument("--cursor", required=True, help="file that receives the last cursor mode asked for")
+    args = parser.parse_args()
+
+    DBusGMainLoop(set_as_default=True)
+    bus = dbus.SessionBus()
+    portal = ScreenCast(bus, args)
+    name = dbus.service.BusName("org.freedesktop.portal.Desktop", bus, do_not_queue=True)
+    loop = GLib.MainLoop()
+    GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
+    try:
+        loop.run()
+    except KeyboardInterrupt:
+        pass
+    for session in list(portal.sessions.values()):
+        session.close()
+    del name, portal
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

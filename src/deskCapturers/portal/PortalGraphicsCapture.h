@@ -1,0 +1,74 @@
+#pragma once
+
+#include "ifaces/GraphicsCapture.h"
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Orvanta {
+namespace PipeWire {
+class PipeWireStream;
+}
+namespace Portal {
+
+class ScreenCastPortal;
+
+/**
+ * The graphics-capture runtime on Linux desktops: the desktop portal's
+ * ScreenCast interface chooses and hands out a monitor as a PipeWire stream,
+ * which the pool receives.
+ *
+ * - Availability is a portal on the session bus with a ScreenCast interface.
+ * - The portal, not the caller, decides which monitor is captured (the user
+ *   picks one); its restore token is kept for the life of the process per
+ *   monitor handle, so the user is asked once.
+ * - The cursor is embedded in the picture where the portal offers that.
+ * - The stream's video transform is the rotation; a pool re-creation asks
+ *   the source for the new size.
+ * - Frames are scaled with OpenGL ES on the capture device's EGL context, or
+ *   on the CPU where no context can be made.
+ */
+class PortalGraphicsCapture final : public Ifaces::GraphicsCaptureSystem,
+                                    public std::enable_shared_from_this<PortalGraphicsCapture>
+{
+public:
+    PortalGraphicsCapture();
+    ~PortalGraphicsCapture() override;
+
+    bool isApiContractPresent(const std::string& contract, unsigned version) override;
+    bool isPropertyPresent(const std::string& type, const std::string& property) override;
+    long deviceFamilyVersion(std::string& version) override;
+    long requestCapabilityAccess(const std::vector<std::string>& capabilities, AccessHandler completed) override;
+    long requestBorderlessAccess(AccessHandler completed) override;
+    long enumerateMonitors(std::vector<Ifaces::MonitorEntry>& monitors) override;
+    long createItemForMonitor(std::uintptr_t monitor, std::shared_ptr<Ifaces::CaptureItem>& item) override;
+    long queryDxgiDevice(const std::shared_ptr<Ifaces::GraphicsDevice>& device) override;
+    long createCaptureDevice(const std::shared_ptr<Ifaces::GraphicsDevice>& device,
+        std::shared_ptr<Ifaces::CaptureDevice>& captureDevice) override;
+    long queryOutputColorSpace(const std::shared_ptr<Ifaces::DisplayOutput>& output) override;
+    long outputColorSpace(const std::shared_ptr<Ifaces::DisplayOutput>& output, int& colorSpace) override;
+    long outputRotation(const std::shared_ptr<Ifaces::DisplayOutput>& output, int& rotation) override;
+    long createFreeThreadedPool(const Ifaces::CaptureDevice& device, int pixelFormat, int bufferCount,
+        Ifaces::CaptureSize size, std::shared_ptr<Ifaces::CaptureFramePool>& pool) override;
+
+    /// The monitor handle that stands for "the monitor the portal chooses".
+    static constexpr std::uintptr_t PortalMonitor = 1;
+
+private:
+    long ensurePortal();
+
+    std::unique_ptr<ScreenCastPortal> m_portal;
+    long m_portalResult = 1; // not probed yet
+    std::mutex m_streamMutex;
+    std::weak_ptr<PipeWire::PipeWireStream> m_stream; // of the newest session, for the rotation
+    std::mutex m_threadsMutex;
+    std::vector<std::thread> m_completions;
+
+    friend class PortalFramePool;
+};
+
+} // namespace Portal
+} // namespace Orvanta

@@ -1,0 +1,250 @@
+#include "ConfigurationManager.h"
+#include "DeskCaptureOption.h"
+#include "Helpers.h"
+#include "ResultCodes.h"
+#include "WinDeskCapture.h"
+#include "WinRTCapturer.h"
+
+#include "MessageCapture.h"
+
+#include <QtTest/QtTest>
+
+#include <csignal>
+
+namespace {
+
+const QString ProcessingError
+    = QStringLiteral("[WinRTCapturer]: An exception occurred while processing the winrt capture");
+
+QString quoted(const QString& text)
+{
+    return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
+int portalRecord(const char* variable)
+{
+    QFile file(QString::fromLocal8Bit(qgetenv(variable)));
+    if (!file.open(QIODevice::ReadOnly))
+        return -1;
+    return file.readAll().trimmed().toInt();
+}
+
+/// Polls like the front does until a frame comes (an empty matrix after 20 s).
+cv::Mat waitForFrame(WinRTCapturer& capturer)
+{
+    QDeadlineTimer deadline(20000);
+    while (!deadline.hasExpired()) {
+        cv::Mat frame = capturer.nextFrame();
+        if (!frame.empty())
+            return frame;
+        QTest::qWait(20);
+    }
+    return cv::Mat();
+}
+
+/// Polls the front's newest frame until one of @p width comes (an empty matrix after 20 s).
+cv::Mat waitForFrontFrame(WinDeskCapture& front, int width)
+{
+    QDeadlineTimer deadline(20000);
+    while (!deadline.hasExpired()) {
+        cv::Mat frame = front.nextFrame();
+        if (!frame.empty() && frame.cols == width)
+            return frame;
+        QTest::qWait(20);
+    }
+    return cv::Mat();
+}
+
+/// Sets an environment variable for one scope.
+class ScopedEnv
+{
+public:
+    ScopedEnv(const char* name, const QByteArray& value)
+        : m_name(name)
+        , m_old(qgetenv(name))
+    {
+        qputenv(name, value);
+    }
+    ~ScopedEnv()
+    {
+        qputenv(m_name, m_old);
+    }
+
+private:
+    const char* m_name;
+    QByteArray m_old;
+};
+
+} // namespace
+
+class PortalCaptureTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void withoutABusThereIsNoSupport();
+    void withoutAPortalThereIsNoSupport();
+    void framesArriveAtTheRequestedSizeWithTheSourceColours();
+    void outputSizeChangesTheNextFrame();
+    void theUserIsAskedOnce();
+    void theCursorIsEmbedded();
+    void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
+
+private:
+    QTemporaryDir m_configDir;
+    DeskCaptureOption m_option;
+};
+
+void PortalCaptureTest::initTestCase()
+{
+    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(m_configDir.isValid());
+    ConfigurationManager::setConfigPath(m_configDir.path());
+    ConfigurationManager::instance()->setGlobalValue("devUpdateInterval", 10);
+    m_option.setTotalOfMode(3);
+    m_option.setModeNames({"DXGI", "WinRT", "GDI"});
+    m_option.setCurMode(1);
+    QVERIFY2(!qgetenv("DBUS_SESSION_BUS_ADDRESS").isEmpty(), "the PipeWire fixture did not run");
+    QVERIFY2(!qgetenv("ORVANTA_PIPEWIRE_PIDFILE").isEmpty(), "the PipeWire fixture did not run");
+}
+
+void PortalCaptureTest::withoutABusThereIsNoSupport()
+{
+    QTemporaryDir dir;
+    ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir.filePath(QStringLiteral("no-bus")).toLocal8Bit());
+    MessageCapture log;
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), E_FAIL);
+    QCOMPARE(log.count(QtCriticalMsg, QStringLiteral("[WinRTCapturer]: Current system cannot support")), 1);
+    QVERIFY(capturer.nextFrame().empty());
+}
+
+void PortalCaptureTest::withoutAPortalThereIsNoSupport()
+{
+    // A session bus of its own, where nobody offers the portal.
+    QTemporaryDir dir;
+    const QString address = QStringLiteral("unix:path=") + dir.filePath(QStringLiteral("bus"));
+    QProcess daemon;
+    daemon.start(QStringLiteral("dbus-daemon"),
+        {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--address=") + address});
+    QVERIFY(daemon.waitForStarted());
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(dir.filePath(QStringLiteral("bus"))), 10000);
+    {
+        ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", address.toLocal8Bit());
+        MessageCapture log;
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), E_FAIL);
+        QCOMPARE(log.count(QtCriticalMsg, QStringLiteral("[WinRTCapturer]: Current system cannot support")), 1);
+    }
+    daemon.terminate();
+    QVERIFY(daemon.waitForFinished(10000));
+}
+
+void PortalCaptureTest::framesArriveAtTheRequestedSizeWithTheSourceColours()
+{
+    MessageCapture log;
+    WinDeskCapture front(&m_option, nullptr);
+    QCOMPARE(front.setCaptureContext(DeskCaptureContext()), 0L);
+    QVERIFY(log.contains(QtInfoMsg, QStringLiteral("[WinDeskCapture]: Using WINRT capture monitor  0x0")));
+    QVERIFY(log.contains(
+        QtWarningMsg, QStringLiteral("The monitor handle is null, we will try to get the primary monitor handle")));
+    QCOMPARE(front.originSize(), QSize(640, 360));
+    front.setOutputSize(QSize(224, 126));
+
+    const cv::Mat frame = waitForFrontFrame(front, 224);
+    QCOMPARE(frame.type(), DeskFrameType);
+    QCOMPARE(frame.cols, 224);
+    QCOMPARE(frame.rows, 126);
+    QCOMPARE(front.outputSize(), QSize(224, 126));
+
+    // The source's colour bars at 75 %: white, yellow, cyan, green, magenta, red,
+    // blue across the top two thirds, in R, G, B order; full white below.
+    const int bars[7][3]
+        = {{191, 191, 191}, {191, 191, 0}, {0, 191, 191}, {0, 191, 0}, {191, 0, 191}, {191, 0, 0}, {0, 0, 191}};
+    for (int bar = 0; bar < 7; ++bar) {
+        const cv::Vec4b p = frame.at<cv::Vec4b>(30, bar * 32 + 16);
+        for (int c = 0; c < 3; ++c)
+            QVERIFY2(std::abs(p[c] - bars[bar][c]) <= 2,
+                qPrintable(QStringLiteral("bar %1: %2,%3,%4").arg(bar).arg(p[0]).arg(p[1]).arg(p[2])));
+    }
+    const cv::Vec4b white = frame.at<cv::Vec4b>(115, 56);
+    QVERIFY(white[0] >= 253 && white[1] >= 253 && white[2] >= 253);
+}
+
+void PortalCaptureTest::outputSizeChangesTheNextFrame()
+{
+    WinDeskCapture front(&m_option, nullptr);
+    QCOMPARE(front.setCaptureContext(DeskCaptureContext()), 0L);
+    // No size chosen: the first frame comes at the item's size.
+    QCOMPARE(waitForFrontFrame(front, 640).rows, 360);
+    QCOMPARE(front.outputSize(), QSize(640, 360));
+    front.setOutputSize(QSize(320, 180));
+    const cv::Mat frame = waitForFrontFrame(front, 320);
+    QCOMPARE(frame.cols, 320);
+    QCOMPARE(frame.rows, 180);
+    front.setOutputSize(QSize(64, 36));
+    QCOMPARE(waitForFrontFrame(front, 64).rows, 36);
+}
+
+void PortalCaptureTest::theUserIsAskedOnce()
+{
+    int asked = -1;
+    {
+        // The first session of this process may ask (once per process, whatever ran before).
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
+        QVERIFY(!waitForFrame(capturer).empty());
+        asked = portalRecord("ORVANTA_PORTAL_DIALOGS");
+        QVERIFY(asked >= 1);
+    }
+    for (int i = 0; i < 2; ++i) {
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
+        QVERIFY(!waitForFrame(capturer).empty());
+    }
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), asked);
+}
+
+void PortalCaptureTest::theCursorIsEmbedded()
+{
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_CURSOR"), 2); // embedded in the picture
+}
+
+void PortalCaptureTest::stoppingTheServerEndsTheSessionForGood()
+{
+    WinDeskCapture front(&m_option, nullptr);
+    QCOMPARE(front.setCaptureContext(DeskCaptureContext()), 0L);
+    front.setOutputSize(QSize(32, 18));
+    const cv::Mat last = waitForFrontFrame(front, 32);
+    QVERIFY(!last.empty());
+
+    QFile pidFile(QString::fromLocal8Bit(qgetenv("ORVANTA_PIPEWIRE_PIDFILE")));
+    QVERIFY(pidFile.open(QIODevice::ReadOnly));
+    const qint64 pid = pidFile.readAll().trimmed().toLongLong();
+    QVERIFY(pid > 0);
+    MessageCapture log;
+    QCOMPARE(::kill(pid_t(pid), SIGTERM), 0);
+
+    // The back-end polls on the front's timer: the first failing poll reports the
+    // lost server, and every later poll fails on the closed pool, one line each.
+    const QString lost = ProcessingError + QLatin1Char(' ') + quoted(win32ErrorMsg(RPC_E_DISCONNECTED));
+    const QString closed = ProcessingError + QLatin1Char(' ') + quoted(win32ErrorMsg(RO_E_CLOSED));
+    QTRY_VERIFY_WITH_TIMEOUT(log.count(QtCriticalMsg, closed) >= 5, 20000);
+    const QStringList critical = log.texts(QtCriticalMsg);
+    QCOMPARE(critical.first(), lost);
+    QCOMPARE(critical.count(lost), 1);
+    QCOMPARE(critical.count(closed), critical.size() - 1);
+
+    // Consumers keep the last picture; the session does not come back.
+    const cv::Mat kept = front.nextFrame();
+    QCOMPARE(kept.cols, 32);
+    QCOMPARE(kept.rows, 18);
+    QTest::qWait(200);
+    QCOMPARE(front.nextFrame().data, kept.data);
+}
+
+QTEST_GUILESS_MAIN(PortalCaptureTest)
+#include "tst_portal_capture.moc"
