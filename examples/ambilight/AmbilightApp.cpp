@@ -250,9 +250,13 @@ QString AmbilightApp::statusLine() const
     if (!m_decibels.isEmpty() && !m_decibels.first().isEmpty()) {
         const QVector<float>& bands = m_decibels.first();
         const int strongest = int(std::max_element(bands.begin(), bands.end()) - bands.begin());
+        // A band's frequency label counts the sample rate over 1025 steps,
+        // while the transform has 2048 bins: the sound itself lies at
+        // label x 1025 / 2048.
+        const double heard = double(m_frequencies.value(strongest)) * 1025.0 / 2048.0;
         line += QStringLiteral(" | strongest band %1 (%2 Hz, %3 dB)")
                     .arg(strongest)
-                    .arg(double(m_frequencies.value(strongest)), 0, 'f', 1)
+                    .arg(heard, 0, 'f', 1)
                     .arg(double(bands[strongest]), 0, 'f', 1);
     } else {
         line += QStringLiteral(" | no spectrum");
