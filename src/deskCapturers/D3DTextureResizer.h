@@ -1,0 +1,69 @@
+#pragma once
+
+#include "ifaces/GpuScaler.h"
+
+#include <opencv2/core/mat.hpp>
+
+#include <array>
+#include <memory>
+
+/**
+ * Scales, converts and optionally turns a desktop picture into a small RGBA8
+ * cv::Mat in one GPU pass.
+ *
+ * The source is drawn over the whole render target as one quad of two
+ * triangles; the sampler shrinks with bilinear filtering and enlarges with
+ * nearest-texel filtering, clamped at the edges, and nothing is done to the
+ * colours, so high-range sources saturate at 255. Only the scaled picture is
+ * read back to the CPU.
+ *
+ * Call order: setContext, then setTargetSize, then any number of
+ * resizeToCVMat; setTargetSize and setRotation may be called again at will.
+ * Not thread-safe: the caller serialises every call.
+ */
+class D3DTextureResizer
+{
+public:
+    /// Display rotations, numbered as DXGI_MODE_ROTATION.
+    enum Rotation : int {
+        RotationUnspecified = 0,
+        RotationIdentity = 1,
+        Rotation90 = 2,
+        Rotation180 = 3,
+        Rotation270 = 4,
+    };
+
+    using Quad = std::array<Orvanta::Ifaces::ScalerVertex, 6>;
+
+    D3DTextureResizer();
+    ~D3DTextureResizer();
+    D3DTextureResizer(const D3DTextureResizer&) = delete;
+    D3DTextureResizer& operator=(const D3DTextureResizer&) = delete;
+
+    /// One-time setup of the pipeline on @p scaler, the device's drawing context.
+    /// On failure what was made so far is kept.
+    bool setContext(std::shared_ptr<Orvanta::Ifaces::GpuScaler> scaler);
+    /// (Re)creates the render target; fails for an empty size.
+    bool setTargetSize(const cv::Size& size);
+    /// Rebuilds the quad turned for @p rotation; the target keeps its size.
+    void setRotation(int rotation);
+    /// Draws @p source into the target; the target as a device texture, or null.
+    void* resize(const Orvanta::Ifaces::ScalerSource& source);
+    /// Draws and reads back; the frame (R, G, B, A, top line first) or an empty matrix.
+    cv::Mat resizeToCVMat(const Orvanta::Ifaces::ScalerSource& source);
+
+    int rotation() const;
+    cv::Size targetSize() const;
+
+    /// The quad for @p rotation, in clip space, as drawn.
+    static Quad quad(int rotation);
+    /// The sampler every adapter is given.
+    static Orvanta::Ifaces::SamplerDescription samplerDescription();
+
+private:
+    std::shared_ptr<Orvanta::Ifaces::GpuScaler> m_scaler;
+    cv::Size m_targetSize;
+    int m_rotation = RotationUnspecified;
+    bool m_hasVertexBuffer = false;
+    bool m_hasTarget = false;
+};

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "DeskCaptureContext.h"
+#include "IDeskCapture.h"
+
+#include <QtCore/QMap>
+#include <QtCore/QMutex>
+#include <QtCore/QSharedPointer>
+#include <QtCore/QVector>
+
+#include <functional>
+#include <memory>
+
+class DeskCaptureOption;
+
+namespace Orvanta {
+namespace Ifaces {
+class DisplaySystem;
+}
+} // namespace Orvanta
+
+/// One row of the registry's table.
+struct CapturerRecord
+{
+    DeskCaptureContext context;
+    /// Null until the first acquire, and again once the count reached 0.
+    QSharedPointer<IDeskCapture> capturer;
+    qint32 refCount = 0;
+};
+
+class DeskDuplManagerPrivate
+{
+public:
+    /// Adapters in the order they were enumerated successfully; the index is the one in identifiers.
+    QVector<DeskAdapterHandle> adapters;
+    std::shared_ptr<Orvanta::Ifaces::DisplaySystem> factory;
+    QMap<QString, CapturerRecord> capturers;
+    DeskCaptureOption* option = nullptr;
+    QMutex mutex;
+    std::function<IDeskCapture*(int mode)> backends;
+};

@@ -1,0 +1,123 @@
+#include "GDICapturer.h"
+
+#include "ifaces/DisplayOutput.h"
+#include "ifaces/ScreenGrabber.h"
+
+#include <QtCore/QDebug>
+
+#include <opencv2/imgproc.hpp>
+
+using Orvanta::Ifaces::OutputRotation;
+
+GDICapturer::GDICapturer()
+    : GDICapturer(Orvanta::Ifaces::createPlatformScreenGrabber())
+{
+}
+
+GDICapturer::GDICapturer(std::unique_ptr<Orvanta::Ifaces::ScreenGrabber> grabber)
+    : grabber(std::move(grabber))
+{
+}
+
+GDICapturer::~GDICapturer() = default;
+
+long GDICapturer::setCaptureContext(DeskCaptureContext newContext)
+{
+    monitor = newContext.monitor;
+    context = std::move(newContext);
+    // Not yet polled, so no lock is needed.
+    m_outputSize = originSize();
+    return 0;
+}
+
+QSize GDICapturer::outputSize()
+{
+    QMutexLocker locker(&outputSizeLock);
+    return m_outputSize;
+}
+
+void GDICapturer::setOutputSize(QSize size)
+{
+    QMutexLocker locker(&outputSizeLock);
+    m_outputSize = size;
+}
+
+QSize GDICapturer::originSize()
+{
+    Orvanta::Ifaces::ScreenRect rect;
+    if (grabber)
+        grabber->monitorRect(monitor, rect);
+    QSize size(int(rect.right - rect.left), int(rect.bottom - rect.top));
+    const int turn = rotation();
+    if (turn == int(OutputRotation::Rotate90) || turn == int(OutputRotation::Rotate270))
+        size.transpose();
+    return size;
+}
+
+cv::Mat GDICapturer::nextFrame()
+{
+    return screenshot();
+}
+
+int GDICapturer::rotation() const
+{
+    Orvanta::Ifaces::OutputDescription description;
+    if (!context.output || context.output->describe(description) < 0)
+        return int(OutputRotation::Unspecified);
+    return int(description.rotation);
+}
+
+cv::Mat GDICapturer::screenshot()
+{
+    // The monitor's rectangle is read anew each time, so a change of
+    // resolution needs no handling; the output size stays.
+    Orvanta::Ifaces::ScreenRect rect;
+    Orvanta::Ifaces::ScreenImage image;
+    if (!grabber || (grabber->monitorRect(monitor, rect), !grabber->grab(monitor, rect, image))) {
+        qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
+        return cv::Mat();
+    }
+
+    QSize size;
+    {
+        QMutexLocker locker(&outputSizeLock);
+        size = m_outputSize;
+    }
+    const int W = size.width();
+    const int H = size.height();
+
+    // A header on the grabber's memory; resize always writes a buffer of
+    // the frame's own, so nothing delivered points into the grabber.
+    const cv::Mat copied(
+        image.height, image.width, CV_8UC4, const_cast<unsigned char*>(image.pixels), image.bytesPerLine);
+    cv::Mat frame;
+    try {
+        switch (rotation()) {
+        case int(OutputRotation::Rotate90):
+            cv::resize(copied, frame, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
+            cv::transpose(frame, frame);
+            cv::flip(frame, frame, 0);
+            break;
+        case int(OutputRotation::Rotate180):
+            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
+            cv::flip(frame, frame, -1);
+            break;
+        case int(OutputRotation::Rotate270):
+            cv::resize(copied, frame, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
+            cv::transpose(frame, frame);
+            cv::flip(frame, frame, 1);
+            break;
+        default:
+            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
+            break;
+        }
+        // B, G, R, X becomes R, G, B, X; the fourth byte stays.
+        cv::cvtColor(frame, frame, cv::COLOR_BGR2RGBA);
+    } catch (const cv::Exception& exception) {
+        // An output size OpenCV can't scale to (such as 0) must not escape
+        // into the timer that polls.
+        qCritical() << "[GDICapturer]: Failed to scale the frame:" << exception.what();
+        return cv::Mat();
+    }
+    return frame;
+}

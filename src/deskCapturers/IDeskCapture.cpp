@@ -1,0 +1,8 @@
+#include "IDeskCapture.h"
+
+IDeskCapture::IDeskCapture()
+    : QObject(nullptr)
+{
+}
+
+IDeskCapture::~IDeskCapture() = default;

@@ -1,0 +1,8 @@
+#include "IDeskDuplManager.h"
+
+IDeskDuplManager::IDeskDuplManager(QObject* parent)
+    : QObject(parent)
+{
+}
+
+IDeskDuplManager::~IDeskDuplManager() = default;

@@ -1,0 +1,175 @@
+#include "WinDeskCapture.h"
+
+#include "CaptureThread.h"
+#include "ConfigurationManager.h"
+#include "DeskCaptureBackends.h"
+#include "DeskCaptureOption.h"
+
+#include <QtCore/QDebug>
+#include <QtCore/QTimerEvent>
+
+namespace {
+
+void* monitorPointer(DeskMonitorHandle monitor)
+{
+    return reinterpret_cast<void*>(monitor);
+}
+
+} // namespace
+
+WinDeskCapture::WinDeskCapture(DeskCaptureOption* option, QObject* parent)
+    : WinDeskCapture(option, &Orvanta::createDeskCaptureBackend, parent)
+{
+}
+
+WinDeskCapture::WinDeskCapture(DeskCaptureOption* option, BackendFactory backends, QObject* parent)
+    : option(option)
+    , backends(std::move(backends))
+{
+    setParent(parent);
+    if (option)
+        connect(option, &DeskCaptureOption::curModeChanged, this, &WinDeskCapture::onCaptureModeChanged,
+            Qt::QueuedConnection);
+
+    thread = new CaptureThread;
+    thread->start(QThread::InheritPriority);
+
+    // Read once: a later change of the interval doesn't reach a running capturer.
+    const int interval = ConfigurationManager::instance()->appConfig(QStringLiteral("devUpdateInterval")).toInt(33);
+    timerId = startTimer(interval, Qt::PreciseTimer);
+    qInfo() << "WinDeskCapture timer has started, id: " << timerId;
+}
+
+WinDeskCapture::~WinDeskCapture()
+{
+    killTimer(timerId);
+    qInfo() << "WinDeskCapture timer has stopped, id: " << timerId;
+    IDeskCapture* old = nullptr;
+    {
+        QMutexLocker locker(&capturerLock);
+        old = capturer;
+        capturer = nullptr;
+    }
+    delete old;
+    thread->quit();
+    thread->wait();
+    // The thread has finished; deleting it now doesn't depend on an event loop.
+    delete thread;
+}
+
+void WinDeskCapture::setContext(const DeskCaptureContext& newContext)
+{
+    context = newContext;
+    qDebug() << "[WinDeskCapture]: " << QStringLiteral("0x%1").arg(quintptr(context.monitor), 0, 16)
+             << ", worker thread: " << QStringLiteral("0x%1  ").arg(reinterpret_cast<quintptr>(thread), 0, 16);
+    onCaptureModeChanged();
+}
+
+long WinDeskCapture::setCaptureContext(DeskCaptureContext newContext)
+{
+    // A back-end that refuses the context shows as a front without frames,
+    // not in this result.
+    setContext(newContext);
+    return 0;
+}
+
+void WinDeskCapture::onCaptureModeChanged()
+{
+    const int mode = option ? option->curMode() : -1;
+    QSize previousSize(-1, -1);
+
+    IDeskCapture* old = nullptr;
+    {
+        QMutexLocker locker(&capturerLock);
+        old = capturer;
+        capturer = nullptr;
+    }
+    if (old) {
+        previousSize = old->outputSize();
+        delete old;
+    }
+
+    IDeskCapture* made = backends ? backends(mode) : nullptr;
+    if (made) {
+        switch (mode) {
+        case 0:
+            qInfo() << "[WinDeskCapture]: Using DXGI capture monitor " << monitorPointer(context.monitor);
+            break;
+        case 1:
+            qInfo() << "[WinDeskCapture]: Using WINRT capture monitor " << monitorPointer(context.monitor);
+            break;
+        case 2:
+            qInfo() << "[WinDeskCapture]: Using GDI capture monitor " << monitorPointer(context.monitor);
+            break;
+        default:
+            break;
+        }
+    }
+    if (!made) {
+        qWarning() << "[WinDeskCapture]: Capturer is null, monitor: " << monitorPointer(context.monitor);
+        return;
+    }
+
+    made->moveToThread(thread);
+    if (made->setCaptureContext(context) < 0) {
+        // No fall-back to another mode: the front stays empty until the mode
+        // or the context changes again.
+        qCritical() << "Failed to set capture context, monitor: " << monitorPointer(context.monitor);
+        delete made;
+        return;
+    }
+    if (previousSize != QSize(-1, -1))
+        made->setOutputSize(previousSize);
+
+    QMutexLocker locker(&capturerLock);
+    capturer = made;
+}
+
+void WinDeskCapture::timerEvent(QTimerEvent* event)
+{
+    if (event->timerId() == timerId)
+        acquireNextFrame();
+}
+
+void WinDeskCapture::acquireNextFrame()
+{
+    // Runs on the thread that replaces the back-end, so it needs no lock to use it.
+    if (!capturer)
+        return;
+    capturer->moveToThread(thread);
+    const cv::Mat m = capturer->nextFrame();
+    if (m.empty())
+        return;
+    QMutexLocker locker(&frameLock);
+    frame = m;
+}
+
+cv::Mat WinDeskCapture::nextFrame()
+{
+    {
+        QMutexLocker locker(&capturerLock);
+        if (!capturer)
+            return cv::Mat();
+    }
+    QMutexLocker locker(&frameLock);
+    return frame;
+}
+
+QSize WinDeskCapture::outputSize()
+{
+    QMutexLocker locker(&capturerLock);
+    return capturer ? capturer->outputSize() : QSize(-1, -1);
+}
+
+QSize WinDeskCapture::originSize()
+{
+    QMutexLocker locker(&capturerLock);
+    return capturer ? capturer->originSize() : QSize(-1, -1);
+}
+
+void WinDeskCapture::setOutputSize(QSize size)
+{
+    QMutexLocker locker(&capturerLock);
+    if (capturer)
+        capturer->setOutputSize(size);
+}

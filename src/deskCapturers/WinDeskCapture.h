@@ -1,0 +1,62 @@
+#pragma once
+
+#include "DeskCaptureContext.h"
+#include "IDeskCapture.h"
+
+#include <QtCore/QMutex>
+#include <QtCore/QPointer>
+
+#include <functional>
+
+class CaptureThread;
+class DeskCaptureOption;
+
+/**
+ * The capturer that the registry hands out, one per display output in use.
+ *
+ * It owns the back-end of the current capture mode, pulls a frame from it on
+ * a timer of the constructing thread and keeps the newest one for consumers,
+ * who never wait for a capture. A mode change swaps the back-end and keeps
+ * the consumer's output size; the object itself stays.
+ */
+class WinDeskCapture : public IDeskCapture
+{
+    Q_OBJECT
+
+public:
+    /// Makes the back-end of a capture mode; null where the mode has none.
+    using BackendFactory = std::function<IDeskCapture*(int mode)>;
+
+    WinDeskCapture(DeskCaptureOption* option, QObject* parent);
+    WinDeskCapture(DeskCaptureOption* option, BackendFactory backends, QObject* parent);
+    ~WinDeskCapture() override;
+
+    void setContext(const DeskCaptureContext& context);
+
+    QSize outputSize() override;
+    QSize originSize() override;
+    cv::Mat nextFrame() override;
+    long setCaptureContext(DeskCaptureContext context) override;
+    void setOutputSize(QSize size) override;
+
+public slots:
+    void onCaptureModeChanged();
+    void acquireNextFrame();
+
+protected:
+    void timerEvent(QTimerEvent* event) override;
+
+private:
+    /// Guards `frame` for a header copy only.
+    QMutex frameLock;
+    cv::Mat frame;
+    /// The back-end. Replaced only on the constructing thread; consumers read
+    /// it under `capturerLock`, which a capture never holds.
+    IDeskCapture* capturer = nullptr;
+    QMutex capturerLock;
+    CaptureThread* thread = nullptr;
+    DeskCaptureContext context;
+    QPointer<DeskCaptureOption> option;
+    int timerId = 0;
+    BackendFactory backends;
+};

@@ -1,0 +1,326 @@
+#include "cpu/SoftwareScaler.h"
+
+#include "ResultCodes.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace Orvanta {
+namespace Cpu {
+
+namespace {
+
+struct Rgba
+{
+    float r;
+    float g;
+    float b;
+    float a;
+};
+
+float halfToFloat(std::uint16_t half)
+{
+    const int sign = (half >> 15) & 1;
+    const int exponent = (half >> 10) & 0x1F;
+    const int mantissa = half & 0x3FF;
+    float value;
+    if (exponent == 0) {
+        value = std::ldexp(static_cast<float>(mantissa), -24);
+    } else if (exponent == 31) {
+        value = mantissa ? std::numeric_limits<float>::quiet_NaN() : std::numeric_limits<float>::infinity();
+    } else {
+        value = std::ldexp(static_cast<float>(mantissa + 1024), exponent - 25);
+    }
+    return sign ? -value : value;
+}
+
+Rgba fetch(const Ifaces::ScalerSource& source, int x, int y)
+{
+    const auto* line
+        = static_cast<const std::uint8_t*>(source.pixels) + source.bytesPerLine * static_cast<std::size_t>(y);
+    const std::uint8_t* p = line + Ifaces::bytesPerPixel(source.format) * static_cast<std::size_t>(x);
+    constexpr float k8 = 1.0f / 255.0f;
+    switch (source.format) {
+    case Ifaces::PixelFormat::R8G8B8A8Unorm:
+        return {p[0] * k8, p[1] * k8, p[2] * k8, p[3] * k8};
+    case Ifaces::PixelFormat::B8G8R8A8Unorm:
+        return {p[2] * k8, p[1] * k8, p[0] * k8, p[3] * k8};
+    case Ifaces::PixelFormat::B8G8R8X8Unorm:
+        return {p[2] * k8, p[1] * k8, p[0] * k8, 1.0f};
+    case Ifaces::PixelFormat::R16G16B16A16Float: {
+        std::uint16_t c[4];
+        std::memcpy(c, p, sizeof c);
+        return {halfToFloat(c[0]), halfToFloat(c[1]), halfToFloat(c[2]), halfToFloat(c[3])};
+    }
+    case Ifaces::PixelFormat::R16G16B16A16Unorm: {
+        std::uint16_t c[4];
+        std::memcpy(c, p, sizeof c);
+        constexpr float k16 = 1.0f / 65535.0f;
+        return {c[0] * k16, c[1] * k16, c[2] * k16, c[3] * k16};
+    }
+    case Ifaces::PixelFormat::R10G10B10A2Unorm: {
+        std::uint32_t word;
+        std::memcpy(&word, p, sizeof word);
+        constexpr float k10 = 1.0f / 1023.0f;
+        return {(word & 0x3FF) * k10, ((word >> 10) & 0x3FF) * k10, ((word >> 20) & 0x3FF) * k10,
+            ((word >> 30) & 0x3) / 3.0f};
+    }
+    case Ifaces::PixelFormat::Unknown:
+        break;
+    }
+    return {0.0f, 0.0f, 0.0f, 0.0f};
+}
+
+std::uint8_t toUnorm8(float value)
+{
+    if (!(value > 0.0f)) {
+        return 0; // also NaN
+    }
+    if (value >= 1.0f) {
+        return 255;
+    }
+    return static_cast<std::uint8_t>(std::lround(value * 255.0f));
+}
+
+Rgba nearest(const Ifaces::ScalerSource& source, float u, float v)
+{
+    const int x = std::clamp(static_cast<int>(std::floor(u * source.width)), 0, source.width - 1);
+    const int y = std::clamp(static_cast<int>(std::floor(v * source.height)), 0, source.height - 1);
+    return fetch(source, x, y);
+}
+
+Rgba bilinear(const Ifaces::ScalerSource& source, float u, float v)
+{
+    const float sx = u * source.width - 0.5f;
+    const float sy = v * source.height - 0.5f;
+    const float fx = std::floor(sx);
+    const float fy = std::floor(sy);
+    const float wx = sx - fx;
+    const float wy = sy - fy;
+    const int x0 = std::clamp(static_cast<int>(fx), 0, source.width - 1);
+    const int x1 = std::clamp(static_cast<int>(fx) + 1, 0, source.width - 1);
+    const int y0 = std::clamp(static_cast<int>(fy), 0, source.height - 1);
+    const int y1 = std::clamp(static_cast<int>(fy) + 1, 0, source.height - 1);
+    const Rgba a = fetch(source, x0, y0);
+    const Rgba b = fetch(source, x1, y0);
+    const Rgba c = fetch(source, x0, y1);
+    const Rgba d = fetch(source, x1, y1);
+    auto mix = [wx, wy](float p, float q, float r, float s) {
+        return (p * (1.0f - wx) + q * wx) * (1.0f - wy) + (r * (1.0f - wx) + s * wx) * wy;
+    };
+    return {mix(a.r, b.r, c.r, d.r), mix(a.g, b.g, c.g, d.g), mix(a.b, b.b, c.b, d.b), mix(a.a, b.a, c.a, d.a)};
+}
+
+} // namespace
+
+SoftwareScaler::SoftwareScaler() = default;
+
+SoftwareScaler::~SoftwareScaler() = default;
+
+long SoftwareScaler::createVertexShader()
+{
+    return S_OK;
+}
+
+long SoftwareScaler::createPixelShader()
+{
+    return S_OK;
+}
+
+long SoftwareScaler::createInputLayout()
+{
+    return S_OK;
+}
+
+long SoftwareScaler::createSamplerState(const Ifaces::SamplerDescription& description)
+{
+    m_sampler = description;
+    m_hasSampler = true;
+    return S_OK;
+}
+
+long SoftwareScaler::createVertexBuffer(const Ifaces::ScalerVertex* vertices, std::size_t count)
+{
+    if (!vertices || count == 0) {
+        return E_INVALIDARG;
+    }
+    m_vertices.assign(vertices, vertices + count);
+    return S_OK;
+}
+
+long SoftwareScaler::createTargetTexture(int width, int height)
+{
+    m_target.clear();
+    m_targetWidth = 0;
+    m_targetHeight = 0;
+    m_hasTargetView = false;
+    m_targetBound = false;
+    if (width <= 0 || height <= 0) {
+        return E_INVALIDARG;
+    }
+    m_target.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4, 0);
+    m_targetWidth = width;
+    m_targetHeight = height;
+    return S_OK;
+}
+
+long SoftwareScaler::createRenderTargetView()
+{
+    if (m_target.empty()) {
+        return E_INVALIDARG;
+    }
+    m_hasTargetView = true;
+    return S_OK;
+}
+
+void SoftwareScaler::bindRenderTarget(int width, int height)
+{
+    m_targetBound = m_hasTargetView;
+    m_viewportWidth = width;
+    m_viewportHeight = height;
+}
+
+long SoftwareScaler::createSourceView(const Ifaces::ScalerSource& source)
+{
+    m_hasSourceView = false;
+    if (!source.pixels || source.width <= 0 || source.height <= 0 || Ifaces::bytesPerPixel(source.format) == 0
+        || source.bytesPerLine < Ifaces::bytesPerPixel(source.format) * static_cast<std::size_t>(source.width)) {
+        return E_INVALIDARG;
+    }
+    m_source = source;
+    m_hasSourceView = true;
+    return S_OK;
+}
+
+void SoftwareScaler::draw()
+{
+    if (!m_targetBound || !m_hasSourceView || !m_hasSampler) {
+        return;
+    }
+    for (std::size_t first = 0; first + 3 <= m_vertices.size(); first += 3) {
+        drawTriangle(&m_vertices[first]);
+    }
+}
+
+void SoftwareScaler::drawTriangle(const Ifaces::ScalerVertex* triangle)
+{
+    // Viewport transform: clip-space y points up, target rows go down.
+    const int width = std::min(m_viewportWidth, m_targetWidth);
+    const int height = std::min(m_viewportHeight, m_targetHeight);
+    double sx[3], sy[3];
+    for (int i = 0; i < 3; ++i) {
+        sx[i] = (static_cast<double>(triangle[i].x) + 1.0) * 0.5 * m_viewportWidth;
+        sy[i] = (1.0 - static_cast<double>(triangle[i].y)) * 0.5 * m_viewportHeight;
+    }
+    const double area = (sx[1] - sx[0]) * (sy[2] - sy[0]) - (sx[2] - sx[0]) * (sy[1] - sy[0]);
+    if (std::abs(area) < 1e-12) {
+        return;
+    }
+
+    // u and v are affine in screen space: attribute = a * x + b * y + c.
+    auto plane = [&](float a0, float a1, float a2, double& a, double& b, double& c) {
+        a = ((a1 - a0) * (sy[2] - sy[0]) - (a2 - a0) * (sy[1] - sy[0])) / area;
+        b = ((a2 - a0) * (sx[1] - sx[0]) - (a1 - a0) * (sx[2] - sx[0])) / area;
+        c = a0 - a * sx[0] - b * sy[0];
+    };
+    double ua, ub, uc, va, vb, vc;
+    plane(triangle[0].u, triangle[1].u, triangle[2].u, ua, ub, uc);
+    plane(triangle[0].v, triangle[1].v, triangle[2].v, va, vb, vc);
+
+    // One filter for the triangle: minification when a step of one target
+    // pixel moves more than one source texel along either screen axis.
+    const double texelsPerX = std::hypot(ua * m_source.width, va * m_source.height);
+    const double texelsPerY = std::hypot(ub * m_source.width, vb * m_source.height);
+    const bool minifying = std::max(texelsPerX, texelsPerY) > 1.0;
+    const bool linearMin = (m_sampler.filter & 0x10) != 0;
+    const bool linearMag = (m_sampler.filter & 0x04) != 0;
+    const bool linear = minifying ? linearMin : linearMag;
+
+    const double minX = std::max(0.0, std::floor(std::min({sx[0], sx[1], sx[2]})));
+    const double maxX = std::min(static_cast<double>(width), std::ceil(std::max({sx[0], sx[1], sx[2]})));
+    const double minY = std::max(0.0, std::floor(std::min({sy[0], sy[1], sy[2]})));
+    const double maxY = std::min(static_cast<double>(height), std::ceil(std::max({sy[0], sy[1], sy[2]})));
+
+    auto edge = [&](int i, int j, double px, double py) {
+        return (sx[j] - sx[i]) * (py - sy[i]) - (sy[j] - sy[i]) * (px - sx[i]);
+    };
+    const double orientation = area > 0 ? 1.0 : -1.0;
+    constexpr double kTolerance = 1e-9;
+
+    for (int y = static_cast<int>(minY); y < static_cast<int>(maxY); ++y) {
+        const double py = y + 0.5;
+        std::uint8_t* line
+            = m_target.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(m_targetWidth) * 4;
+        for (int x = static_cast<int>(minX); x < static_cast<int>(maxX); ++x) {
+            const double px = x + 0.5;
+            // Pixel centres on a shared edge are drawn by both triangles with
+            // the same result, since the quad's mapping is one affine plane.
+            if (edge(0, 1, px, py) * orientation < -kTolerance || edge(1, 2, px, py) * orientation < -kTolerance
+                || edge(2, 0, px, py) * orientation < -kTolerance) {
+                continue;
+            }
+            const float u = static_cast<float>(ua * px + ub * py + uc);
+            const float v = static_cast<float>(va * px + vb * py + vc);
+            const Rgba colour = linear ? bilinear(m_source, u, v) : nearest(m_source, u, v);
+            std::uint8_t* out = line + static_cast<std::size_t>(x) * 4;
+            out[0] = toUnorm8(colour.r);
+            out[1] = toUnorm8(colour.g);
+            out[2] = toUnorm8(colour.b);
+            out[3] = toUnorm8(colour.a);
+        }
+    }
+}
+
+void SoftwareScaler::releaseSourceView()
+{
+    m_hasSourceView = false;
+    m_source = Ifaces::ScalerSource();
+}
+
+void* SoftwareScaler::nativeTarget() const
+{
+    return m_hasTargetView ? const_cast<std::uint8_t*>(m_target.data()) : nullptr;
+}
+
+long SoftwareScaler::createStagingTexture()
+{
+    if (m_target.empty()) {
+        return E_INVALIDARG;
+    }
+    m_staging.assign(m_target.size(), 0);
+    m_hasStaging = true;
+    return S_OK;
+}
+
+void SoftwareScaler::copyTargetToStaging()
+{
+    if (m_hasStaging && m_staging.size() == m_target.size()) {
+        std::memcpy(m_staging.data(), m_target.data(), m_target.size());
+    }
+}
+
+long SoftwareScaler::mapStaging(Ifaces::MappedImage& image)
+{
+    if (!m_hasStaging) {
+        return E_INVALIDARG;
+    }
+    image.data = m_staging.data();
+    image.rowPitch = static_cast<std::size_t>(m_targetWidth) * 4;
+    return S_OK;
+}
+
+void SoftwareScaler::unmapStaging()
+{
+}
+
+void SoftwareScaler::releaseStaging()
+{
+    m_staging.clear();
+    m_staging.shrink_to_fit();
+    m_hasStaging = false;
+}
+
+} // namespace Cpu
+} // namespace Orvanta

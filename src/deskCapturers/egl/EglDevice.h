@@ -1,0 +1,58 @@
+#pragma once
+
+#include "ifaces/GraphicsDevice.h"
+
+#include <EGL/egl.h>
+
+#include <memory>
+#include <string>
+
+namespace Orvanta {
+namespace Egl {
+
+class DisplayConnection;
+
+/**
+ * An OpenGL ES 3 context of its own on a display that needs no window
+ * system: Mesa's surfaceless platform, or else the first EGL device. It is
+ * never made on the X server, so capture and GPU work don't share a
+ * connection.
+ *
+ * The context is not current on any thread after create(); whoever renders
+ * with it calls makeCurrent() on its thread and doneCurrent() when done.
+ * All devices of the process share one EGL display, which is terminated when
+ * the last of them goes.
+ */
+class EglDevice : public Ifaces::GraphicsDevice
+{
+public:
+    /// Makes a device; the result code of the failure, or 0.
+    static long create(std::shared_ptr<EglDevice>& device);
+
+    ~EglDevice() override;
+    EglDevice(const EglDevice&) = delete;
+    EglDevice& operator=(const EglDevice&) = delete;
+
+    EGLDisplay display() const;
+    EGLContext context() const;
+    /// The GL_RENDERER text of the context, read at creation.
+    const std::string& renderer() const;
+
+    /// Makes the context current on the calling thread, without a surface.
+    long makeCurrent() const;
+    /// Releases the context from the calling thread.
+    long doneCurrent() const;
+
+    /// The result code for an EGL error value (eglGetError()).
+    static long resultFromEglError(EGLint error);
+
+private:
+    EglDevice(std::shared_ptr<DisplayConnection> connection, EGLContext context);
+
+    std::shared_ptr<DisplayConnection> m_connection;
+    EGLContext m_context = EGL_NO_CONTEXT;
+    std::string m_renderer;
+};
+
+} // namespace Egl
+} // namespace Orvanta

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace Orvanta {
+namespace Ifaces {
+
+/// A rectangle of the virtual desktop; right and bottom are exclusive.
+struct ScreenRect
+{
+    long left = 0;
+    long top = 0;
+    long right = 0;
+    long bottom = 0;
+};
+
+/**
+ * Pixels copied from the screen: four bytes a pixel in the order B, G, R and
+ * one byte without meaning, rows from the top down. The memory belongs to the
+ * grabber and stays valid until its next grab or its end.
+ */
+struct ScreenImage
+{
+    const unsigned char* pixels = nullptr;
+    int width = 0;
+    int height = 0;
+    std::size_t bytesPerLine = 0;
+};
+
+/// Copies rectangles of the screen to memory, as the blit back-end needs.
+class ScreenGrabber
+{
+public:
+    virtual ~ScreenGrabber() = default;
+
+    /// The monitor's rectangle on the virtual desktop; false if the monitor is unknown.
+    virtual bool monitorRect(std::uintptr_t monitor, ScreenRect& rect) = 0;
+
+    /**
+     * Copies @p rect, which lies on @p monitor's screen, as monitorRect() gave
+     * it; false if nothing could be copied.
+     */
+    virtual bool grab(std::uintptr_t monitor, const ScreenRect& rect, ScreenImage& image) = 0;
+};
+
+/// A grabber of the platform the library was built for; each call makes a new one.
+std::unique_ptr<ScreenGrabber> createPlatformScreenGrabber();
+
+} // namespace Ifaces
+} // namespace Orvanta

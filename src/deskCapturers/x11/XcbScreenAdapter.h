@@ -1,0 +1,47 @@
+#pragma once
+
+#include "ifaces/DisplayAdapter.h"
+#include "ifaces/DisplayOutput.h"
+
+#include <xcb/xcb.h>
+
+#include <memory>
+
+namespace Orvanta {
+namespace X11 {
+
+class XcbConnection;
+
+/// One X screen, whose outputs are its RandR monitors.
+class XcbScreenAdapter : public Ifaces::DisplayAdapter
+{
+public:
+    XcbScreenAdapter(std::shared_ptr<XcbConnection> connection, int screenIndex);
+
+    std::wstring description() const override;
+    long enumOutput(unsigned int index, std::shared_ptr<Ifaces::DisplayOutput>& output) override;
+    /// An EGL context of its own, not on the X server.
+    long createDevice(
+        const std::shared_ptr<Ifaces::DisplayOutput>& output, std::shared_ptr<Ifaces::GraphicsDevice>& device) override;
+
+private:
+    std::shared_ptr<XcbConnection> m_connection;
+    int m_screenIndex;
+};
+
+/// A RandR monitor, known by its name; what it says is read when asked.
+class XcbMonitorOutput : public Ifaces::DisplayOutput
+{
+public:
+    XcbMonitorOutput(std::shared_ptr<XcbConnection> connection, int screenIndex, xcb_atom_t name);
+
+    long describe(Ifaces::OutputDescription& description) const override;
+
+private:
+    std::shared_ptr<XcbConnection> m_connection;
+    int m_screenIndex;
+    xcb_atom_t m_name;
+};
+
+} // namespace X11
+} // namespace Orvanta

@@ -1,0 +1,154 @@
+#include "XcbScreenGrabber.h"
+
+#include "XcbConnection.h"
+
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace Orvanta {
+
+std::unique_ptr<Ifaces::ScreenGrabber> Ifaces::createPlatformScreenGrabber()
+{
+    return std::make_unique<X11::XcbScreenGrabber>();
+}
+
+namespace X11 {
+
+XcbScreenGrabber::XcbScreenGrabber(std::string displayName)
+    : m_displayName(std::move(displayName))
+{
+}
+
+XcbScreenGrabber::~XcbScreenGrabber()
+{
+    releaseSegment();
+}
+
+bool XcbScreenGrabber::connect()
+{
+    if (m_connection && !xcb_connection_has_error(m_connection->get()))
+        return true;
+    releaseSegment();
+    m_connection.reset();
+    return XcbConnection::open(m_displayName.empty() ? nullptr : m_displayName.c_str(), m_connection) >= 0;
+}
+
+bool XcbScreenGrabber::monitorRect(std::uintptr_t monitor, Ifaces::ScreenRect& rect)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!connect())
+        return false;
+    XcbMonitor found;
+    if (!m_connection->monitor(XcbConnection::screenOfHandle(monitor), XcbConnection::nameOfHandle(monitor), found))
+        return false;
+    rect.left = found.x;
+    rect.top = found.y;
+    rect.right = found.x + found.width;
+    rect.bottom = found.y + found.height;
+    return true;
+}
+
+bool XcbScreenGrabber::reserveSegment(std::size_t size)
+{
+    if (m_segmentMemory && m_segmentSize >= size)
+        return true;
+    releaseSegment();
+    xcb_connection_t* connection = m_connection->get();
+
+    const int id = shmget(IPC_PRIVATE, size, IPC_CREAT | 0600);
+    if (id < 0)
+        return false;
+    void* memory = shmat(id, nullptr, 0);
+    if (memory == reinterpret_cast<void*>(-1)) {
+        shmctl(id, IPC_RMID, nullptr);
+        return false;
+    }
+    const xcb_shm_seg_t segment = xcb_generate_id(connection);
+    xcb_generic_error_t* error
+        = xcb_request_check(connection, xcb_shm_attach_checked(connection, segment, std::uint32_t(id), 0));
+    // Marked for removal at once: the segment goes when both sides have detached,
+    // even if this process dies.
+    shmctl(id, IPC_RMID, nullptr);
+    if (error) {
+        std::free(error);
+        shmdt(memory);
+        return false;
+    }
+    m_segment = segment;
+    m_segmentMemory = static_cast<unsigned char*>(memory);
+    m_segmentSize = size;
+    return true;
+}
+
+void XcbScreenGrabber::releaseSegment()
+{
+    if (!m_segmentMemory)
+        return;
+    if (m_connection && !xcb_connection_has_error(m_connection->get())) {
+        xcb_shm_detach(m_connection->get(), m_segment);
+        xcb_flush(m_connection->get());
+    }
+    shmdt(m_segmentMemory);
+    m_segmentMemory = nullptr;
+    m_segmentSize = 0;
+    m_segment = 0;
+}
+
+bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& rect, Ifaces::ScreenImage& image)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const long width = rect.right - rect.left;
+    const long height = rect.bottom - rect.top;
+    if (width <= 0 || height <= 0 || !connect())
+        return false;
+    const xcb_screen_t* screen = m_connection->screen(XcbConnection::screenOfHandle(monitor));
+    if (!screen || rect.left < 0 || rect.top < 0 || rect.right > screen->width_in_pixels
+        || rect.bottom > screen->height_in_pixels)
+        return false;
+    // Only 32 bits a pixel arrive as B, G, R and a spare byte.
+    if (screen->root_depth != 24 && screen->root_depth != 32)
+        return false;
+
+    xcb_connection_t* connection = m_connection->get();
+    const std::size_t bytesPerLine = std::size_t(width) * 4;
+    const std::size_t size = bytesPerLine * std::size_t(height);
+
+    if (m_connection->hasShm() && reserveSegment(size)) {
+        xcb_generic_error_t* error = nullptr;
+        xcb_shm_get_image_reply_t* reply = xcb_shm_get_image_reply(connection,
+            xcb_shm_get_image(connection, screen->root, std::int16_t(rect.left), std::int16_t(rect.top),
+                std::uint16_t(width), std::uint16_t(height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, m_segment, 0),
+            &error);
+        std::free(error);
+        if (!reply)
+            return false;
+        std::free(reply);
+        image.pixels = m_segmentMemory;
+    } else {
+        xcb_generic_error_t* error = nullptr;
+        xcb_get_image_reply_t* reply = xcb_get_image_reply(connection,
+            xcb_get_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, screen->root, std::int16_t(rect.left),
+                std::int16_t(rect.top), std::uint16_t(width), std::uint16_t(height), ~0u),
+            &error);
+        std::free(error);
+        if (!reply)
+            return false;
+        if (std::size_t(xcb_get_image_data_length(reply)) < size) {
+            std::free(reply);
+            return false;
+        }
+        m_plainCopy.assign(xcb_get_image_data(reply), xcb_get_image_data(reply) + size);
+        std::free(reply);
+        image.pixels = m_plainCopy.data();
+    }
+    image.width = int(width);
+    image.height = int(height);
+    image.bytesPerLine = bytesPerLine;
+    return true;
+}
+
+} // namespace X11
+} // namespace Orvanta
