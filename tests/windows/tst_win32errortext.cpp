@@ -2,6 +2,7 @@
 // FormatMessageW, and the library's formatting of them.
 
 #include "ResultCodeText.h"
+#include "ResultCodes.h"
 #include "win32/Win32ErrorTextSource.h"
 
 #include <gtest/gtest.h>
@@ -52,6 +53,19 @@ TEST(Win32ErrorTextSource, LongIsThirtyTwoBitsOnWindows)
     static_assert(sizeof(long) == 4, "the Windows ABI has a 32-bit long");
     EXPECT_EQ(E_ACCESSDENIED, static_cast<long>(0x80070005u));
     EXPECT_LT(E_ACCESSDENIED, 0);
+}
+
+TEST(ResultCodes, WindowsNamesHaveTheCommonValues)
+{
+    // The shared header gives the same names on every platform; here they
+    // come from the SDK and must agree with the values the logic is written for.
+    EXPECT_EQ(E_FAIL, Orvanta::hresultFromBits(0x80004005u));
+    EXPECT_EQ(E_NOTIMPL, Orvanta::hresultFromBits(0x80004001u));
+    EXPECT_EQ(DXGI_ERROR_ACCESS_LOST, Orvanta::hresultFromBits(0x887A0026u));
+    EXPECT_EQ(DXGI_ERROR_WAIT_TIMEOUT, Orvanta::hresultFromBits(0x887A0027u));
+    EXPECT_EQ(AUDCLNT_E_UNSUPPORTED_FORMAT, Orvanta::hresultFromBits(0x88890008u));
+    EXPECT_EQ(AUDCLNT_E_WRONG_ENDPOINT_TYPE, Orvanta::hresultFromBits(0x88890003u));
+    EXPECT_EQ(AUDCLNT_S_BUFFER_EMPTY, 0x08890001);
 }
 
 TEST(Win32ErrorTextSource, KnownCodeGivesSystemSentenceWithLineEnd)
