@@ -1,6 +1,8 @@
 #include "egl/GlesScaler.h"
 
 #include "ResultCodes.h"
+#include "cpu/SoftwareScaler.h"
+#include "egl/EglDevice.h"
 
 #include <GLES3/gl3.h>
 
@@ -501,4 +503,14 @@ void GlesScaler::releaseStaging()
 }
 
 } // namespace Egl
+
+std::shared_ptr<Ifaces::GpuScaler> Ifaces::createPlatformGpuScaler(const std::shared_ptr<GraphicsDevice>& device)
+{
+    if (auto egl = std::dynamic_pointer_cast<Egl::EglDevice>(device)) {
+        return std::make_shared<Egl::GlesScaler>(egl, egl->display(), egl->context());
+    }
+    // No GPU context could be made for this output: the same drawing on the CPU.
+    return std::make_shared<Cpu::SoftwareScaler>();
+}
+
 } // namespace Orvanta

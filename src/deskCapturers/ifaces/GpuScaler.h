@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace Orvanta {
 namespace Ifaces {
@@ -148,6 +149,16 @@ public:
     virtual void unmapStaging() = 0;
     virtual void releaseStaging() = 0;
 };
+
+class GraphicsDevice;
+
+/**
+ * A scaler drawing with @p device, the GPU device made for an output: the
+ * platform's adapter for that kind of device (Direct3D 11 on Windows, OpenGL
+ * ES on an EGL device elsewhere). Where the platform allows, a null or foreign
+ * device gives a scaler that works on the CPU; otherwise null.
+ */
+std::shared_ptr<GpuScaler> createPlatformGpuScaler(const std::shared_ptr<GraphicsDevice>& device);
 
 } // namespace Ifaces
 } // namespace Orvanta

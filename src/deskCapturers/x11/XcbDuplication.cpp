@@ -1,9 +1,6 @@
 #include "x11/XcbDuplication.h"
 
 #include "ResultCodes.h"
-#include "cpu/SoftwareScaler.h"
-#include "egl/EglDevice.h"
-#include "egl/GlesScaler.h"
 #include "ifaces/DisplayAdapter.h"
 
 #include <xcb/damage.h>
@@ -187,8 +184,9 @@ long XcbDuplication::create(const char* displayName, std::shared_ptr<Ifaces::Dis
         return E_OUTOFMEMORY;
     }
     state->segment = xcb_generate_id(connection);
+    // Writable: the server puts the fetched pictures into it.
     Reply<xcb_generic_error_t> attachError(xcb_request_check(
-        connection, xcb_shm_attach_checked(connection, state->segment, std::uint32_t(state->memory.id()), 1)));
+        connection, xcb_shm_attach_checked(connection, state->segment, std::uint32_t(state->memory.id()), 0)));
     state->memory.removeWhenDetached();
     if (attachError) {
         state->segment = XCB_NONE;
@@ -384,10 +382,7 @@ long XcbDuplicator::duplicateOutput(
 
 std::shared_ptr<Ifaces::GpuScaler> XcbDuplicator::deviceScaler()
 {
-    if (auto egl = std::dynamic_pointer_cast<Egl::EglDevice>(m_device)) {
-        return std::make_shared<Egl::GlesScaler>(egl, egl->display(), egl->context());
-    }
-    return std::make_shared<Cpu::SoftwareScaler>();
+    return Ifaces::createPlatformGpuScaler(m_device);
 }
 
 } // namespace X11

@@ -1,0 +1,395 @@
+// Desktop capture against a real X server: the "xvfb" fixture's Xvfb, whose
+// 3840x1080 screen is split into the RandR monitors LEFT and RIGHT.
+
+#include "ConfigurationManager.h"
+#include "DeskCaptureOption.h"
+#include "DeskDuplManager.h"
+#include "GDICapturer.h"
+#include "MessageCapture.h"
+#include "ResultCodes.h"
+#include "XcbPainter.h"
+#include "egl/EglDevice.h"
+#include "ifaces/DisplayAdapter.h"
+#include "ifaces/DisplayOutput.h"
+#include "x11/XcbDisplaySystem.h"
+#include "x11/XcbScreenGrabber.h"
+
+#include <GLES3/gl3.h>
+
+#include <QtCore/QPointer>
+#include <QtCore/QProcess>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QScopeGuard>
+#include <QtCore/QStandardPaths>
+#include <QtCore/QTemporaryDir>
+#include <QtTest/QTest>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+bool pixelIs(const cv::Mat& frame, int row, int col, const QColor& colour)
+{
+    if (frame.empty() || row >= frame.rows || col >= frame.cols)
+        return false;
+    const cv::Vec4b pixel = frame.at<cv::Vec4b>(row, col);
+    return pixel[0] == colour.red() && pixel[1] == colour.green() && pixel[2] == colour.blue();
+}
+
+/// Runs xrandr on the fixture's display; true if it succeeded.
+bool xrandr(const QStringList& arguments)
+{
+    QProcess process;
+    process.start(QStringLiteral("xrandr"), arguments);
+    return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
+DeskCaptureOption* publishedOption()
+{
+    return reinterpret_cast<DeskCaptureOption*>(
+        quintptr(qApp->property("runtime.options.deskCaptureOption").toLongLong()));
+}
+
+} // namespace
+
+class TestX11Desktop : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void bothMonitorsAreEnumerated();
+    void outputsDescribeTheirMonitors();
+    void monitorsAreClampedToTheScreen();
+    void eglDeviceWithoutTheXServer();
+    void coloursComeBackAtTheRightPlace();
+    void framesComeAtTheRequestedSize();
+    void acquireAndReleaseFollowTheCount();
+    void framesKeepArrivingForAConsumerThread();
+    void keptFrameStaysUnchanged();
+    void modeWithoutBackendLeavesTheFrontEmpty();
+
+private:
+    QTemporaryDir m_configDir;
+    std::unique_ptr<XcbPainter> m_painter;
+};
+
+void TestX11Desktop::initTestCase()
+{
+    QVERIFY2(!qEnvironmentVariableIsEmpty("DISPLAY"), "the xvfb fixture gives the display");
+    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(m_configDir.isValid());
+    ConfigurationManager::setConfigPath(m_configDir.path());
+    ConfigurationManager::instance()->setGlobalValue("devUpdateInterval", 20);
+}
+
+void TestX11Desktop::init()
+{
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 2);
+    m_painter = std::make_unique<XcbPainter>();
+    QVERIFY(m_painter->isValid());
+    QCOMPARE(m_painter->screenWidth(), 3840);
+    QCOMPARE(m_painter->screenHeight(), 1080);
+    // A black background, so that no earlier picture shows through.
+    m_painter->fill(QRect(0, 0, 3840, 1080), Qt::black);
+}
+
+void TestX11Desktop::cleanup()
+{
+    m_painter.reset();
+}
+
+void TestX11Desktop::bothMonitorsAreEnumerated()
+{
+    MessageCapture messages;
+    DeskDuplManager registry;
+    QCOMPARE(registry.allCapturer(), (QList<QString> {"LEFT-A0-O0", "RIGHT-A0-O1"}));
+    QCOMPARE(registry.defaultCapturer(), QStringLiteral("LEFT-A0-O0"));
+    QCOMPARE(registry.capturerDesc("LEFT-A0-O0"), QStringLiteral("1920x1080 (OUT1)"));
+    QCOMPARE(registry.capturerDesc("RIGHT-A0-O1"), QStringLiteral("1920x1080 (OUT2)"));
+    const QJsonObject right {{"id", "RIGHT-A0-O1"}, {"deviceName", "RIGHT"}, {"width", 1920}, {"height", 1080},
+        {"x", 1920}, {"y", 0}, {"desc", "1920x1080 (OUT2)"}};
+    QCOMPARE(registry.capturerMetadata("RIGHT-A0-O1"), right);
+    QCOMPARE(registry.capturerMetadata("LEFT-A0-O0").value("x").toInt(), 0);
+    QVERIFY(messages.contains(QtInfoMsg, "DXGIAdapter index:  0"));
+    QVERIFY(messages.contains(QtInfoMsg, "A total of 2 desktop replication interfaces were built"));
+    QVERIFY(messages.texts(QtInfoMsg).filter(QRegularExpression("^GPU:  \".+ screen 0\"$")).size() == 1);
+    // Nothing to warn about on X: any client may read the screen.
+    QVERIFY(messages.texts(QtWarningMsg).isEmpty());
+}
+
+void TestX11Desktop::outputsDescribeTheirMonitors()
+{
+    Orvanta::X11::XcbDisplaySystem system;
+    QCOMPARE(system.open(), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
+    QCOMPARE(system.enumAdapter(0, adapter), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> none;
+    QCOMPARE(system.enumAdapter(1, none), DXGI_ERROR_NOT_FOUND);
+
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
+    QCOMPARE(adapter->enumOutput(1, output), S_OK);
+    Orvanta::Ifaces::OutputDescription description;
+    QCOMPARE(output->describe(description), S_OK);
+    QCOMPARE(QString::fromStdWString(description.deviceName), QStringLiteral("RIGHT"));
+    QCOMPARE(description.left, 1920L);
+    QCOMPARE(description.right, 3840L);
+    QCOMPARE(description.bottom, 1080L);
+    QVERIFY(description.monitor != 0);
+    QCOMPARE(description.rotation, Orvanta::Ifaces::OutputRotation::Identity);
+    QCOMPARE(adapter->enumOutput(2, output), DXGI_ERROR_NOT_FOUND);
+
+    // The grabber finds the same monitor by its handle.
+    Orvanta::X11::XcbScreenGrabber grabber;
+    Orvanta::Ifaces::ScreenRect rect;
+    QVERIFY(grabber.monitorRect(description.monitor, rect));
+    QCOMPARE(rect.left, 1920L);
+    QCOMPARE(rect.right, 3840L);
+    QVERIFY(!grabber.monitorRect(description.monitor + 1, rect));
+}
+
+void TestX11Desktop::monitorsAreClampedToTheScreen()
+{
+    Orvanta::X11::XcbScreenGrabber grabber;
+    Orvanta::X11::XcbDisplaySystem system;
+    QCOMPARE(system.open(), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
+    QCOMPARE(system.enumAdapter(0, adapter), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
+    QCOMPARE(adapter->enumOutput(2, output), DXGI_ERROR_NOT_FOUND);
+
+    // A monitor reaching past the bottom-right corner of the screen.
+    QVERIFY(xrandr({"--setmonitor", "EDGE", "1000/264x500/132+3340+800", "none"}));
+    const auto removeEdge = qScopeGuard([] { xrandr({"--delmonitor", "EDGE"}); });
+
+    // The change is noticed without a new connection.
+    QTRY_COMPARE_WITH_TIMEOUT(adapter->enumOutput(2, output), S_OK, 10000);
+    Orvanta::Ifaces::OutputDescription description;
+    QCOMPARE(output->describe(description), S_OK);
+    QCOMPARE(QString::fromStdWString(description.deviceName), QStringLiteral("EDGE"));
+    QCOMPARE(description.left, 3340L);
+    QCOMPARE(description.top, 800L);
+    QCOMPARE(description.right, 3840L);
+    QCOMPARE(description.bottom, 1080L);
+
+    Orvanta::Ifaces::ScreenRect rect;
+    QVERIFY(grabber.monitorRect(description.monitor, rect));
+    QCOMPARE(rect.right - rect.left, 500L);
+    QCOMPARE(rect.bottom - rect.top, 280L);
+    Orvanta::Ifaces::ScreenImage image;
+    QVERIFY(grabber.grab(description.monitor, rect, image));
+    QCOMPARE(image.width, 500);
+    QCOMPARE(image.height, 280);
+}
+
+void TestX11Desktop::eglDeviceWithoutTheXServer()
+{
+    std::shared_ptr<Orvanta::Egl::EglDevice> device;
+    QCOMPARE(Orvanta::Egl::EglDevice::create(device), S_OK);
+    QVERIFY(device);
+    QVERIFY(!device->renderer().empty());
+    QCOMPARE(eglGetCurrentContext(), EGL_NO_CONTEXT);
+    QCOMPARE(device->makeCurrent(), S_OK);
+    QCOMPARE(eglGetCurrentContext(), device->context());
+    GLint major = 0;
+    glGetIntegerv(GL_MAJOR_VERSION, &major);
+    QVERIFY(major >= 3);
+    QCOMPARE(device->doneCurrent(), S_OK);
+
+    // A second device shares the display and outlives the first.
+    std::shared_ptr<Orvanta::Egl::EglDevice> second;
+    QCOMPARE(Orvanta::Egl::EglDevice::create(second), S_OK);
+    QCOMPARE(second->display(), device->display());
+    QVERIFY(second->context() != device->context());
+    device.reset();
+    QCOMPARE(second->makeCurrent(), S_OK);
+    QCOMPARE(second->doneCurrent(), S_OK);
+    QCOMPARE(Orvanta::Egl::EglDevice::resultFromEglError(EGL_BAD_ALLOC), E_OUTOFMEMORY);
+    QCOMPARE(Orvanta::Egl::EglDevice::resultFromEglError(EGL_CONTEXT_LOST), DXGI_ERROR_DEVICE_REMOVED);
+}
+
+void TestX11Desktop::coloursComeBackAtTheRightPlace()
+{
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> right = registry.acquireCapturer("RIGHT-A0-O1");
+    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
+    QVERIFY(right && left);
+    QCOMPARE(right->originSize(), QSize(1920, 1080));
+    QCOMPARE(right->outputSize(), QSize(1920, 1080));
+
+    const QColor red(255, 0, 0);
+    const QColor green(0, 255, 0);
+    const QColor blue(0, 0, 255);
+    const QColor mixed(10, 120, 230);
+    m_painter->fill(QRect(1920 + 100, 50, 200, 100), red);
+    m_painter->fill(QRect(1920 + 1500, 900, 300, 100), mixed);
+    m_painter->fill(QRect(100, 50, 200, 100), green);
+    m_painter->fill(QRect(1900, 500, 40, 40), blue); // across the boundary
+
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(right->nextFrame(), 60, 110, red), 10000);
+    const cv::Mat frame = right->nextFrame();
+    QCOMPARE(frame.type(), CV_8UC4);
+    QCOMPARE(frame.cols, 1920);
+    QCOMPARE(frame.rows, 1080);
+    QVERIFY(pixelIs(frame, 50, 100, red));
+    QVERIFY(pixelIs(frame, 149, 299, red));
+    QVERIFY(pixelIs(frame, 150, 300, Qt::black));
+    QVERIFY(pixelIs(frame, 950, 1600, mixed));
+    QVERIFY(pixelIs(frame, 520, 0, blue));
+    QVERIFY(pixelIs(frame, 520, 19, blue));
+    QVERIFY(pixelIs(frame, 520, 20, Qt::black));
+    // The left monitor's own picture, not the right one's.
+    QVERIFY(pixelIs(frame, 60, 110 + 0, red));
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 60, 110, green), 10000);
+    const cv::Mat leftFrame = left->nextFrame();
+    QVERIFY(pixelIs(leftFrame, 520, 1919, blue));
+    QVERIFY(pixelIs(leftFrame, 950, 1600, Qt::black));
+}
+
+void TestX11Desktop::framesComeAtTheRequestedSize()
+{
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> right = registry.acquireCapturer("RIGHT-A0-O1");
+    QVERIFY(right);
+    // The right half of the monitor white, the left half black.
+    m_painter->fill(QRect(1920 + 960, 0, 960, 1080), Qt::white);
+    right->setOutputSize(QSize(320, 180));
+    QCOMPARE(right->outputSize(), QSize(320, 180));
+    QTRY_VERIFY_WITH_TIMEOUT(right->nextFrame().cols == 320 && pixelIs(right->nextFrame(), 90, 240, Qt::white), 10000);
+    const cv::Mat frame = right->nextFrame();
+    QCOMPARE(frame.rows, 180);
+    QVERIFY(pixelIs(frame, 10, 10, Qt::black));
+    QVERIFY(pixelIs(frame, 170, 310, Qt::white));
+
+    right->setOutputSize(QSize(64, 36));
+    QTRY_COMPARE_WITH_TIMEOUT(right->nextFrame().cols, 64, 10000);
+    QCOMPARE(right->nextFrame().rows, 36);
+}
+
+void TestX11Desktop::acquireAndReleaseFollowTheCount()
+{
+    DeskDuplManager registry;
+    const QString id = "LEFT-A0-O0";
+    MessageCapture messages;
+    QSharedPointer<IDeskCapture> capturer = registry.acquireCapturer(id);
+    QVERIFY(capturer);
+    QVERIFY(messages.contains(QtInfoMsg,
+        "[DeskDuplManager]: The capturer  \"LEFT-A0-O0\"  references has "
+        "already changed to  2"));
+    QCOMPARE(messages.texts(QtInfoMsg).filter("[WinDeskCapture]: Using GDI capture monitor  0x").size(), 1);
+    QPointer<QObject> watch = capturer.data();
+
+    registry.releaseCapturer(id);
+    QVERIFY(messages.contains(QtInfoMsg,
+        "[DeskDuplManager]: The capturer  \"LEFT-A0-O0\"  references has "
+        "already changed to  1"));
+    QTRY_VERIFY_WITH_TIMEOUT(!capturer->nextFrame().empty(), 10000);
+    registry.releaseCapturer(id);
+    QVERIFY(messages.contains(QtInfoMsg,
+        "[DeskDuplManager]: The capturer  \"LEFT-A0-O0\" does not have any "
+        "renferences and has been released."));
+    // The consumer still holds it; the last copy ends it.
+    QVERIFY(watch);
+    QVERIFY(!capturer->nextFrame().empty());
+    capturer.clear();
+    QVERIFY(!watch);
+    QVERIFY(messages.texts(QtInfoMsg).filter("WinDeskCapture timer has stopped, id: ").size() == 1);
+
+    QSharedPointer<IDeskCapture> renewed = registry.acquireCapturer(id);
+    QVERIFY(renewed);
+    QVERIFY(messages.contains(QtInfoMsg,
+        "[DeskDuplManager]: The capturer  \"LEFT-A0-O0\"  references has "
+        "already changed to  1"));
+}
+
+void TestX11Desktop::framesKeepArrivingForAConsumerThread()
+{
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> right = registry.acquireCapturer("RIGHT-A0-O1");
+    QVERIFY(right);
+    right->setOutputSize(QSize(320, 180));
+    const xcb_window_t patch = m_painter->fill(QRect(1920, 0, 1920, 1080), QColor(0, 0, 0));
+
+    std::atomic<bool> stop {false};
+    std::atomic<int> frames {0};
+    std::atomic<int> inconsistent {0};
+    std::atomic<int> lastRed {-1};
+    std::atomic<int> distinctReds {0};
+    std::thread consumer([&] {
+        const uchar* lastData = nullptr;
+        while (!stop.load()) {
+            const cv::Mat frame = right->nextFrame();
+            if (!frame.empty() && frame.data != lastData) {
+                lastData = frame.data;
+                ++frames;
+                // One colour everywhere: a frame is never seen half written.
+                const cv::Vec4b first = frame.at<cv::Vec4b>(0, 0);
+                const cv::Vec4b last = frame.at<cv::Vec4b>(frame.rows - 1, frame.cols - 1);
+                if (first != last)
+                    ++inconsistent;
+                if (first[0] != lastRed.load()) {
+                    lastRed = first[0];
+                    ++distinctReds;
+                }
+            }
+            std::this_thread::yield();
+        }
+    });
+
+    // The picture changes while the consumer reads.
+    for (int red = 40; red <= 240; red += 40) {
+        m_painter->recolour(patch, QColor(red, 0, 0));
+        QTRY_VERIFY_WITH_TIMEOUT(lastRed.load() == red, 10000);
+    }
+    stop = true;
+    consumer.join();
+    QVERIFY(frames.load() >= 6);
+    QVERIFY(distinctReds.load() >= 6);
+    QCOMPARE(inconsistent.load(), 0);
+}
+
+void TestX11Desktop::keptFrameStaysUnchanged()
+{
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
+    left->setOutputSize(QSize(320, 180));
+    const xcb_window_t patch = m_painter->fill(QRect(0, 0, 1920, 1080), QColor(200, 10, 10));
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 90, 160, QColor(200, 10, 10)), 10000);
+    const cv::Mat kept = left->nextFrame();
+    const cv::Mat snapshot = kept.clone();
+
+    m_painter->recolour(patch, QColor(10, 10, 200));
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 90, 160, QColor(10, 10, 200)), 10000);
+    // Let several more frames replace each other.
+    const uchar* newer = left->nextFrame().data;
+    QTRY_VERIFY_WITH_TIMEOUT(left->nextFrame().data != newer, 10000);
+
+    QVERIFY(left->nextFrame().data != kept.data);
+    QCOMPARE(cv::norm(kept, snapshot, cv::NORM_INF), 0.0);
+    QVERIFY(pixelIs(kept, 90, 160, QColor(200, 10, 10)));
+}
+
+void TestX11Desktop::modeWithoutBackendLeavesTheFrontEmpty()
+{
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
+    QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty(), 10000);
+
+    MessageCapture messages;
+    publishedOption()->setCurMode(0);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        messages.texts(QtWarningMsg).filter("[WinDeskCapture]: Capturer is null, monitor:").size() == 1, 10000);
+    QVERIFY(left->nextFrame().empty());
+    QCOMPARE(left->outputSize(), QSize(-1, -1));
+
+    publishedOption()->setCurMode(2);
+    QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty(), 10000);
+    QCOMPARE(left->outputSize(), QSize(1920, 1080));
+}
+
+QTEST_GUILESS_MAIN(TestX11Desktop)
+#include "tst_x11desktop.moc"
