@@ -1,0 +1,91 @@
+#pragma once
+
+#include "orvanta_global.h"
+
+#include "FeedbackManager.h"
+
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
+#include <QtCore/QString>
+#include <QtNetwork/QNetworkAccessManager>
+#include <QtNetwork/QNetworkReply>
+
+#include <functional>
+
+/**
+ * The library's client of the update and feedback web server.
+ *
+ * It asks for the latest version (checkVersion), fetches and verifies the
+ * installer (downloadLatestApp), uploads a feedback package (sendFeedback)
+ * and reports the application's start and close times (uploadAppOnOffTime).
+ * All four speak plain http to one server, http://orvanta.example unless the
+ * application names its own with setServerUrl().
+ *
+ * The object must live on a thread with an event loop: requests return at
+ * once and their handlers run there later. Outcomes are reported by the two
+ * signals, the log and, for sendFeedback, the caller's functions; there is
+ * no failure signal, no timeout and no retry.
+ */
+class LIBORVANTA_EXPORT NetRCManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit NetRCManager(QObject* parent = nullptr);
+    ~NetRCManager() override;
+
+    /**
+     * Sets the server that every NetRCManager of the process talks to, as a
+     * base URL such as "http://updates.example.com" or "http://127.0.0.1:8080";
+     * the request paths are appended to it. It takes effect for requests
+     * sent afterwards. The default is "http://orvanta.example".
+     */
+    static void setServerUrl(const QString& baseUrl);
+    /// The base URL that requests go to.
+    static QString serverUrl();
+
+    /**
+     * Asks the server for the latest version. A reply that parses is kept in
+     * memory and in the global document ("latestVerion"), and
+     * hasNewAppVersion() is emitted unless the running application's version
+     * is strictly newer.
+     */
+    void checkVersion();
+
+    /**
+     * Downloads the installer named by the last good version reply into
+     * "install.exe" of the resources folder, computing its SHA-256 digest as
+     * it streams in. newInstallationFileDownloaded() follows a digest that
+     * matches; any failure removes the file.
+     */
+    void downloadLatestApp();
+
+    /**
+     * Posts the zip of @p feedback (see FeedbackManager::zipFeedbackFile())
+     * with the user's text as a multipart form. Returns once the request is
+     * under way; @p onError then receives a network failure and @p onFinished
+     * the end of the upload, on this object's thread. Either may be empty.
+     * Neither is called when the zip is missing or cannot be opened, or when
+     * the request fails at once: check that the zip exists first.
+     */
+    void sendFeedback(QPointer<FeedbackManager> feedback, std::function<void()> onFinished,
+        std::function<void(QNetworkReply::NetworkError)> onError);
+
+    /**
+     * Reports the application's start and close times, passed through as
+     * given. With an empty @p closeTime it returns at once; otherwise it
+     * waits in a local event loop until the server's reply has finished, so
+     * other events of this thread are delivered meanwhile.
+     */
+    void uploadAppOnOffTime(QString startTime, QString closeTime);
+
+signals:
+    void hasNewAppVersion();
+    void newInstallationFileDownloaded(QString filename);
+
+private:
+    QNetworkAccessManager manager;
+    QString latestVersion;
+    QString latestPkgUrl;
+    QString latestChecksum;
+};
