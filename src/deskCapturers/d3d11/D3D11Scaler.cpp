@@ -2,6 +2,8 @@
 
 #include "PixelShader.h"
 #include "VertexShader.h"
+#include "cpu/SoftwareScaler.h"
+#include "dxgi/DxgiDisplaySystem.h"
 #include "win32/WindowsSdkCompat.h"
 
 #include <wrl/client.h>
@@ -310,4 +312,21 @@ void D3D11Scaler::releaseStaging()
 }
 
 } // namespace D3D11
+
+std::shared_ptr<Ifaces::GpuScaler> Ifaces::createPlatformGpuScaler(const std::shared_ptr<GraphicsDevice>& device)
+{
+    const auto dxgiDevice = std::dynamic_pointer_cast<Dxgi::DxgiGraphicsDevice>(device);
+    if (dxgiDevice && dxgiDevice->get()) {
+        // The output's device was made without keeping its immediate context;
+        // the scaler draws on that one context.
+        ComPtr<ID3D11DeviceContext> context;
+        dxgiDevice->get()->GetImmediateContext(&context);
+        if (context) {
+            return std::make_shared<D3D11::D3D11Scaler>(dxgiDevice->get(), context.Get());
+        }
+    }
+    // No Direct3D device for this output: the same drawing on the CPU.
+    return std::make_shared<Cpu::SoftwareScaler>();
+}
+
 } // namespace Orvanta
