@@ -79,4 +79,7 @@ constexpr long AUDCLNT_E_ENDPOINT_CREATE_FAILED = Orvanta::hresultFromBits(0x888
 constexpr long AUDCLNT_E_SERVICE_NOT_RUNNING = Orvanta::hresultFromBits(0x88890010u);
 constexpr long AUDCLNT_E_BUFFER_ERROR = Orvanta::hresultFromBits(0x88890018u);
 constexpr long AUDCLNT_S_BUFFER_EMPTY = 0x08890001;
+
+// Endpoint lookup by identifier (HRESULT_FROM_WIN32(ERROR_NOT_FOUND)).
+constexpr long E_NOTFOUND = Orvanta::hresultFromBits(0x80070490u);
 #endif

@@ -63,6 +63,8 @@ constexpr Entry kMessages[] = {
     {AUDCLNT_E_ENDPOINT_CREATE_FAILED, L"The endpoint device could not be initialized."},
     {AUDCLNT_E_SERVICE_NOT_RUNNING, L"The Windows audio service is not running."},
     {AUDCLNT_E_BUFFER_ERROR, L"The audio buffer could not be obtained."},
+
+    {E_NOTFOUND, L"Element not found."},
 };
 // clang-format on
 

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "AudioDeviceEnumerator.h"
+#include "orvanta_global.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QList>
+#include <QtCore/QMutex>
+#include <QtCore/QSharedPointer>
+#include <QtCore/QString>
+
+class AudioCapturer;
+
+/**
+ * The registry of endpoint capturers: one running AudioCapturer per active
+ * output endpoint, keyed by the endpoint's identifier, from the moment the
+ * endpoint is found until it is gone, whether anyone listens or not.
+ *
+ * capturerReady and capturerLost are emitted on a thread of the global
+ * QThreadPool while the enumerator's state mutex is held: connect with a
+ * queued connection for anything that calls back into the registry.
+ */
+class LIBORVANTA_EXPORT AudioCapManager : public AudioDeviceEnumerator
+{
+    Q_OBJECT
+
+public:
+    /// The process's registry, created by the first call, which must come
+    /// from one thread before any other can call.
+    static AudioCapManager* instance();
+
+    explicit AudioCapManager(QObject* parent = nullptr);
+    /// A registry over the endpoints that @p watcher reports.
+    explicit AudioCapManager(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, QObject* parent = nullptr);
+    ~AudioCapManager() override;
+
+    /// The running capturer of @p id, or null. Has no side effect and needs
+    /// no matching release: the caller releases by dropping the pointer.
+    QSharedPointer<AudioCapturer> acquireCapturer(const QString& id);
+    /// Does nothing; kept for callers that pair it with acquireCapturer().
+    void releaseCapturer(const QString& id);
+    QList<QString> allCapturers();
+    /// The default output endpoint's identifier, or some registered one when
+    /// there is no default; null when nothing is registered.
+    QString defaultCapturer() const;
+    /// The endpoint's display name, null when unknown.
+    QString capturerDesc(const QString& id);
+
+signals:
+    void capturerReady(QString id);
+    void capturerLost(QString id);
+
+protected:
+    void onDeviceReady(DeviceHandle device, const QString& id) override;
+    void onDeviceLost(const QString& id) override;
+
+private:
+    struct CapturerEntry
+    {
+        QSharedPointer<AudioCapturer> capturer;
+        qint32 refCount;
+    };
+
+    QSharedPointer<AudioCapturer> capturer(const QString& id);
+    void loadCapturers();
+
+    QHash<QString, CapturerEntry> capturers;
+    // The hash is written by pool tasks and read by the application.
+    mutable QMutex capturersLock;
+};

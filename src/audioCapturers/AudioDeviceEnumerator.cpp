@@ -1,0 +1,339 @@
+#include "AudioDeviceEnumerator.h"
+
+#include "Helpers.h"
+#include "ResultCodes.h"
+#include "ifaces/EndpointWatcher.h"
+
+#include <QtCore/QDebug>
+#include <QtCore/QThreadPool>
+#include <QtCore/QWaitCondition>
+
+using Orvanta::Ifaces::AudioEndpoint;
+using Orvanta::Ifaces::DataFlow;
+using Orvanta::Ifaces::DeviceRole;
+
+namespace {
+constexpr int eRender = static_cast<int>(DataFlow::Render);
+constexpr int eCapture = static_cast<int>(DataFlow::Capture);
+constexpr int eConsole = static_cast<int>(DeviceRole::Console);
+} // namespace
+
+// Counts the tasks that are queued or running, so that the object can wait for
+// them before it goes: a task holds a plain pointer to it.
+struct AudioDeviceEnumerator::TaskTracker
+{
+    QMutex lock;
+    QWaitCondition idle;
+    int pending = 0;
+    bool accepting = true;
+};
+
+AudioDeviceEnumerator::AudioDeviceEnumerator(QObject* parent)
+    : AudioDeviceEnumerator(Orvanta::createPlatformEndpointWatcher(), parent)
+{
+}
+
+AudioDeviceEnumerator::AudioDeviceEnumerator(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, QObject* parent)
+    : QObject(parent)
+    , enumerator(std::move(watcher))
+    , tasks(std::make_unique<TaskTracker>())
+{
+    enumerator->initializeThread();
+}
+
+AudioDeviceEnumerator::~AudioDeviceEnumerator()
+{
+    stopNotifications();
+    enumerator->uninitializeThread();
+}
+
+void AudioDeviceEnumerator::stopNotifications()
+{
+    if (notificationsRegistered) {
+        enumerator->unregisterNotifications();
+        notificationsRegistered = false;
+    }
+    QMutexLocker locker(&tasks->lock);
+    tasks->accepting = false;
+    while (tasks->pending > 0) {
+        tasks->idle.wait(&tasks->lock);
+    }
+}
+
+AudioDeviceEnumerator::DeviceHandle AudioDeviceEnumerator::heldDevice(const QString& id) const
+{
+    QReadLocker locker(&devicesLock);
+    const auto it = devices.find(id);
+    return it == devices.end() ? DeviceHandle() : it->second;
+}
+
+std::vector<std::pair<QString, AudioDeviceEnumerator::DeviceHandle>> AudioDeviceEnumerator::heldDevices() const
+{
+    QReadLocker locker(&devicesLock);
+    return std::vector<std::pair<QString, DeviceHandle>>(devices.begin(), devices.end());
+}
+
+std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> AudioDeviceEnumerator::watcher() const
+{
+    return enumerator;
+}
+
+QString AudioDeviceEnumerator::deviceId(DeviceHandle device) const
+{
+    std::string id;
+    const long hr = device ? device->id(id) : E_POINTER;
+    if (hr < 0) {
+        qWarning() << "Failed to get IMMDevice id :" << hr;
+        return QString();
+    }
+    return QString::fromStdString(id);
+}
+
+QString AudioDeviceEnumerator::defaultCaptureDeviceId() const
+{
+    QMutexLocker locker(&defaultsLock);
+    return defaultCaptureId;
+}
+
+QString AudioDeviceEnumerator::defaultRenderDeviceId() const
+{
+    QMutexLocker locker(&defaultsLock);
+    return defaultRenderId;
+}
+
+long AudioDeviceEnumerator::loadCurrentDevices()
+{
+    long hr = enumerator->open();
+    if (hr < 0) {
+        qCritical() << "Failed to create MMDeviceEnumerator instance " << win32ErrorMsg(hr);
+        return hr;
+    }
+
+    std::unique_ptr<Orvanta::Ifaces::EndpointCollection> collection;
+    hr = enumerator->activeEndpoints(collection);
+    if (hr < 0) {
+        qCritical() << "Failed to enum audio endpoints " << win32ErrorMsg(hr);
+        return hr;
+    }
+
+    unsigned int count = 0;
+    collection->count(count);
+    for (unsigned int i = 0; i < count; ++i) {
+        std::shared_ptr<AudioEndpoint> device;
+        hr = collection->item(i, device);
+        if (hr < 0) {
+            qCritical() << "Failed to get IMMDevice " << win32ErrorMsg(hr);
+            continue;
+        }
+        DataFlow flow = DataFlow::Render;
+        device->dataFlow(flow);
+        const QString id = deviceId(device);
+        if (flow == DataFlow::Capture) {
+            qDebug() << "The IMMDevice data flow is capture, the device will be continued, id:" << id;
+            continue;
+        }
+        {
+            QWriteLocker locker(&devicesLock);
+            devices.emplace(id, device);
+        }
+        onDeviceReady(device, id);
+    }
+
+    const QString captureId = defDeviceId(eCapture);
+    const QString renderId = defDeviceId(eRender);
+    {
+        QMutexLocker locker(&defaultsLock);
+        defaultCaptureId = captureId;
+        defaultRenderId = renderId;
+    }
+
+    Orvanta::Ifaces::EndpointNotifications notifications;
+    notifications.deviceStateChanged = [this](const std::string& id, unsigned long newState) {
+        OnDeviceStateChanged(QString::fromStdString(id), newState);
+    };
+    notifications.deviceAdded = [this](const std::string& id) {
+        OnDeviceAdded(QString::fromStdString(id));
+    };
+    notifications.deviceRemoved = [this](const std::string& id) {
+        OnDeviceRemoved(QString::fromStdString(id));
+    };
+    notifications.defaultDeviceChanged = [this](DataFlow flow, DeviceRole role, const std::string& id) {
+        OnDefaultDeviceChanged(static_cast<int>(flow), static_cast<int>(role), QString::fromStdString(id));
+    };
+    notifications.propertyValueChanged = [this](const std::string& id) {
+        OnPropertyValueChanged(QString::fromStdString(id));
+    };
+    hr = enumerator->registerNotifications(std::move(notifications));
+    if (hr < 0) {
+        qCritical() << "Failed to register endpoint notification callback " << win32ErrorMsg(hr);
+    } else {
+        notificationsRegistered = true;
+    }
+    return hr;
+}
+
+QString AudioDeviceEnumerator::defDeviceId(int flow)
+{
+    std::shared_ptr<AudioEndpoint> device;
+    const long hr = enumerator->defaultEndpoint(static_cast<DataFlow>(flow), DeviceRole::Console, device);
+    if (hr < 0) {
+        qWarning() << "Not found default MMDevice" << win32ErrorMsg(hr);
+        return QString();
+    }
+    return deviceId(device);
+}
+
+void AudioDeviceEnumerator::onDeviceReady(DeviceHandle device, const QString& id)
+{
+    Q_UNUSED(id)
+    device.reset();
+}
+
+void AudioDeviceEnumerator::onDeviceLost(const QString& id)
+{
+    Q_UNUSED(id)
+}
+
+long AudioDeviceEnumerator::addDevice(const QString& id)
+{
+    {
+        QReadLocker locker(&devicesLock);
+        if (devices.count(id) != 0) {
+            return S_OK;
+        }
+    }
+
+    const std::string platformId = id.toStdString();
+    std::shared_ptr<AudioEndpoint> device;
+    long hr = enumerator->endpoint(platformId, device);
+    if (hr < 0) {
+        qCritical() << "[AudioDeviceEnumerator]: Failed to get IMMDevice " << id;
+        return S_OK;
+    }
+    DataFlow flow = DataFlow::Render;
+    device->dataFlow(flow);
+    if (flow == DataFlow::Capture) {
+        qDebug() << "The IMMDevice data flow is capture of id:" << id;
+        return S_OK;
+    }
+
+    device.reset();
+    hr = enumerator->endpoint(platformId, device);
+    if (hr < 0) {
+        qCritical() << "Failed to get IMMDevice by id " << win32ErrorMsg(hr);
+        return hr;
+    }
+    unsigned long state = 0;
+    hr = device->state(state);
+    if (hr < 0) {
+        qCritical() << "Failed to get IMMDevice state " << win32ErrorMsg(hr);
+        return hr;
+    }
+    if (state == Orvanta::Ifaces::DeviceStateActive) {
+        {
+            QWriteLocker locker(&devicesLock);
+            devices.emplace(id, device);
+        }
+        onDeviceReady(device, id);
+        return S_OK;
+    }
+    qInfo() << "Unable to add inactive IMMDevice" << id;
+    return S_OK;
+}
+
+void AudioDeviceEnumerator::removeDevice(const QString& id)
+{
+    DeviceHandle released;
+    {
+        QWriteLocker locker(&devicesLock);
+        const auto it = devices.find(id);
+        if (it != devices.end()) {
+            released = std::move(it->second);
+            devices.erase(it);
+        }
+    }
+    released.reset();
+    onDeviceLost(id);
+}
+
+void AudioDeviceEnumerator::queueTask(std::function<void()> task)
+{
+    {
+        QMutexLocker locker(&tasks->lock);
+        if (!tasks->accepting) {
+            return;
+        }
+        ++tasks->pending;
+    }
+    QThreadPool::globalInstance()->start([this, task = std::move(task)] {
+        task();
+        QMutexLocker locker(&tasks->lock);
+        if (--tasks->pending == 0) {
+            tasks->idle.wakeAll();
+        }
+    });
+}
+
+long AudioDeviceEnumerator::OnDeviceStateChanged(const QString& id, unsigned long newState)
+{
+    queueTask([this, id, newState] { stateTask(id, newState); });
+    return S_OK;
+}
+
+long AudioDeviceEnumerator::OnDeviceAdded(const QString& id)
+{
+    Q_UNUSED(id)
+    return S_OK;
+}
+
+long AudioDeviceEnumerator::OnDeviceRemoved(const QString& id)
+{
+    Q_UNUSED(id)
+    return S_OK;
+}
+
+long AudioDeviceEnumerator::OnDefaultDeviceChanged(int flow, int role, const QString& id)
+{
+    queueTask([this, flow, role, id] { defaultTask(flow, role, id); });
+    return S_OK;
+}
+
+long AudioDeviceEnumerator::OnPropertyValueChanged(const QString& id)
+{
+    Q_UNUSED(id)
+    return S_OK;
+}
+
+void AudioDeviceEnumerator::stateTask(const QString& id, unsigned long newState)
+{
+    QMutexLocker locker(&mutex);
+    bool held = false;
+    {
+        QReadLocker devicesLocker(&devicesLock);
+        held = devices.count(id) != 0;
+    }
+    if (newState == Orvanta::Ifaces::DeviceStateActive) {
+        // An "active" notification for an endpoint already held drops it; it
+        // comes back with the next notification.
+        if (held) {
+            removeDevice(id);
+        } else {
+            addDevice(id);
+        }
+    } else if (held) {
+        removeDevice(id);
+    }
+}
+
+void AudioDeviceEnumerator::defaultTask(int flow, int role, const QString& id)
+{
+    if (role != eConsole) {
+        return;
+    }
+    QMutexLocker locker(&defaultsLock);
+    if (flow == eRender) {
+        defaultRenderId = id;
+    } else if (flow == eCapture) {
+        defaultCaptureId = id;
+    }
+}

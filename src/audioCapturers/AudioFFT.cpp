@@ -1,0 +1,447 @@
+#include "AudioFFT.h"
+
+#include <cmath>
+
+namespace audiofft {
+
+namespace {
+
+// One radix-4 butterfly over the complex values at j, j + l, j + 2l, j + 3l
+// (interleaved re/im in `a`), each output rotated by its twiddle factor:
+// outputs j1, j2 and j3 get w1, w2 and w3. The transform's exponent is
+// positive, so the quarter turn between the odd pairs is +i.
+inline void butterfly(double* a, int j, int l, double w1r, double w1i, double w2r, double w2i, double w3r, double w3i)
+{
+    const int j1 = j + l;
+    const int j2 = j1 + l;
+    const int j3 = j2 + l;
+    const double s0r = a[j] + a[j1];
+    const double s0i = a[j + 1] + a[j1 + 1];
+    const double d0r = a[j] - a[j1];
+    const double d0i = a[j + 1] - a[j1 + 1];
+    const double s1r = a[j2] + a[j3];
+    const double s1i = a[j2 + 1] + a[j3 + 1];
+    const double d1r = a[j2] - a[j3];
+    const double d1i = a[j2 + 1] - a[j3 + 1];
+
+    a[j] = s0r + s1r;
+    a[j + 1] = s0i + s1i;
+
+    double xr = s0r - s1r;
+    double xi = s0i - s1i;
+    a[j2] = w2r * xr - w2i * xi;
+    a[j2 + 1] = w2r * xi + w2i * xr;
+
+    xr = d0r - d1i;
+    xi = d0i + d1r;
+    a[j1] = w1r * xr - w1i * xi;
+    a[j1 + 1] = w1r * xi + w1i * xr;
+
+    xr = d0r + d1i;
+    xi = d0i - d1r;
+    a[j3] = w3r * xr - w3i * xi;
+    a[j3 + 1] = w3r * xi + w3i * xr;
+}
+
+// The same butterfly without rotation, for the first group of a stage.
+inline void butterfly(double* a, int j, int l)
+{
+    const int j1 = j + l;
+    const int j2 = j1 + l;
+    const int j3 = j2 + l;
+    const double s0r = a[j] + a[j1];
+    const double s0i = a[j + 1] + a[j1 + 1];
+    const double d0r = a[j] - a[j1];
+    const double d0i = a[j + 1] - a[j1 + 1];
+    const double s1r = a[j2] + a[j3];
+    const double s1i = a[j2 + 1] + a[j3 + 1];
+    const double d1r = a[j2] - a[j3];
+    const double d1i = a[j2 + 1] - a[j3 + 1];
+    a[j] = s0r + s1r;
+    a[j + 1] = s0i + s1i;
+    a[j2] = s0r - s1r;
+    a[j2 + 1] = s0i - s1i;
+    a[j1] = d0r - d1i;
+    a[j1 + 1] = d0i + d1r;
+    a[j3] = d0r + d1i;
+    a[j3 + 1] = d0i - d1r;
+}
+
+inline void swapPair(double* a, int j, int k)
+{
+    const double re = a[j];
+    const double im = a[j + 1];
+    a[j] = a[k];
+    a[j + 1] = a[k + 1];
+    a[k] = re;
+    a[k + 1] = im;
+}
+
+} // namespace
+
+// --- the front --------------------------------------------------------------
+
+AudioFFT::AudioFFT()
+    : _impl(new OouraFFT)
+{
+}
+
+AudioFFT::~AudioFFT() = default;
+
+void AudioFFT::init(size_t size)
+{
+    _impl->init(size);
+}
+
+void AudioFFT::fft(const float* data, float* re, float* im)
+{
+    _impl->fft(data, re, im);
+}
+
+void AudioFFT::ifft(float* data, const float* re, const float* im)
+{
+    _impl->ifft(data, re, im);
+}
+
+size_t AudioFFT::ComplexSize(size_t size)
+{
+    return (size >> 1) + 1;
+}
+
+// --- the object layer -------------------------------------------------------
+
+void OouraFFT::init(size_t newSize)
+{
+    if (newSize == size)
+        return;
+
+    ip.resize(static_cast<size_t>(std::sqrt(static_cast<double>(newSize))) + 2);
+    w.resize(newSize / 2);
+    buffer.resize(newSize);
+    size = newSize;
+
+    const int size4 = static_cast<int>(size / 4);
+    makewt(size4, ip.data(), w.data());
+    makect(size4, ip.data(), w.data() + size4);
+}
+
+void OouraFFT::fft(const float* data, float* re, float* im)
+{
+    const size_t half = size / 2;
+    for (size_t i = 0; i < size; ++i)
+        buffer[i] = data[i];
+
+    rdft(static_cast<int>(size), +1, buffer.data(), ip.data(), w.data());
+
+    for (size_t k = 0; k < half; ++k) {
+        re[k] = static_cast<float>(buffer[2 * k]);
+        im[k] = static_cast<float>(-buffer[2 * k + 1]);
+    }
+    // The Nyquist bin travels in the imaginary slot of bin 0.
+    re[half] = -im[0];
+    im[0] = 0.0f;
+    im[half] = 0.0f;
+}
+
+void OouraFFT::ifft(float* data, const float* re, const float* im)
+{
+    const size_t half = size / 2;
+    for (size_t k = 0; k < half; ++k) {
+        buffer[2 * k] = re[k];
+        buffer[2 * k + 1] = -im[k];
+    }
+    buffer[1] = re[half];
+
+    rdft(static_cast<int>(size), -1, buffer.data(), ip.data(), w.data());
+
+    const double scale = 2.0 / static_cast<double>(size);
+    for (size_t i = 0; i < size; ++i)
+        data[i] = static_cast<float>(buffer[i] * scale);
+}
+
+// --- the numerical core -----------------------------------------------------
+//
+// Ooura's real transform: the n reals are taken as n/2 complex values, put in
+// bit-reversed order, transformed by radix-4 stages (radix 2 for the last one
+// where log4 is not whole), and the real spectrum is then separated from the
+// complex one. Forward output: a[2k] = sum a[j] cos(2 pi j k / n),
+// a[2k+1] = sum a[j] sin(2 pi j k / n), and a[1] the cosine sum of bin n/2.
+// The tables are built by init() alone; ip[0] and ip[1] hold their sizes.
+
+void OouraFFT::rdft(int n, int isgn, double* a, int* ip, double* w)
+{
+    const int nw = ip[0];
+    const int nc = ip[1];
+    if (isgn >= 0) {
+        if (n > 4) {
+            bitrv2(n, ip + 2, a);
+            cftfsub(n, a, w);
+            rftfsub(n, a, nc, w + nw);
+        } else if (n == 4) {
+            cftfsub(n, a, w);
+        }
+        const double xi = a[0] - a[1];
+        a[0] += a[1];
+        a[1] = xi;
+    } else {
+        a[1] = 0.5 * (a[0] - a[1]);
+        a[0] -= a[1];
+        if (n > 4) {
+            rftbsub(n, a, nc, w + nw);
+            bitrv2(n, ip + 2, a);
+            cftbsub(n, a, w);
+        } else if (n == 4) {
+            // A two-point complex transform is its own inverse.
+            cftfsub(n, a, w);
+        }
+    }
+}
+
+// Twiddle table of the complex stages: cos and sin of the first octant,
+// mirrored into the second, stored in bit-reversed pair order.
+void OouraFFT::makewt(int nw, int* ip, double* w)
+{
+    ip[0] = nw;
+    ip[1] = 1;
+    if (nw <= 2)
+        return;
+
+    const int nwh = nw >> 1;
+    const double delta = std::atan(1.0) / nwh;
+    w[0] = 1.0;
+    w[1] = 0.0;
+    w[nwh] = std::cos(delta * nwh);
+    w[nwh + 1] = w[nwh];
+    if (nwh > 2) {
+        for (int j = 2; j < nwh; j += 2) {
+            const double x = std::cos(delta * j);
+            const double y = std::sin(delta * j);
+            w[j] = x;
+            w[j + 1] = y;
+            w[nw - j] = y;
+            w[nw - j + 1] = x;
+        }
+        bitrv2(nw, ip + 2, w);
+    }
+}
+
+// Half-scaled cosine table of the real-to-complex separation.
+void OouraFFT::makect(int nc, int* ip, double* c)
+{
+    ip[1] = nc;
+    if (nc <= 1)
+        return;
+
+    const int nch = nc >> 1;
+    const double delta = std::atan(1.0) / nch;
+    c[0] = std::cos(delta * nch);
+    c[nch] = 0.5 * c[0];
+    for (int j = 1; j < nch; ++j) {
+        c[j] = 0.5 * std::cos(delta * j);
+        c[nc - j] = 0.5 * std::sin(delta * j);
+    }
+}
+
+// Reorders the n/2 complex values of `a` by bit reversal of their index. The
+// table of reversed prefixes is rebuilt in `ip` on every call; the swaps
+// then walk the index pairs block by block.
+void OouraFFT::bitrv2(int n, int* ip, double* a)
+{
+    ip[0] = 0;
+    int l = n;
+    int m = 1;
+    while ((m << 3) < l) {
+        l >>= 1;
+        for (int j = 0; j < m; ++j)
+            ip[m + j] = ip[j] + l;
+        m <<= 1;
+    }
+
+    const int m2 = 2 * m;
+    if ((m << 3) == l) {
+        for (int k = 0; k < m; ++k) {
+            for (int j = 0; j < k; ++j) {
+                int j1 = 2 * j + ip[k];
+                int k1 = 2 * k + ip[j];
+                swapPair(a, j1, k1);
+                j1 += m2;
+                k1 += 2 * m2;
+                swapPair(a, j1, k1);
+                j1 += m2;
+                k1 -= m2;
+                swapPair(a, j1, k1);
+                j1 += m2;
+                k1 += 2 * m2;
+                swapPair(a, j1, k1);
+            }
+            const int j1 = 2 * k + m2 + ip[k];
+            swapPair(a, j1, j1 + m2);
+        }
+    } else {
+        for (int k = 1; k < m; ++k) {
+            for (int j = 0; j < k; ++j) {
+                int j1 = 2 * j + ip[k];
+                int k1 = 2 * k + ip[j];
+                swapPair(a, j1, k1);
+                j1 += m2;
+                k1 += m2;
+                swapPair(a, j1, k1);
+            }
+        }
+    }
+}
+
+void OouraFFT::cftfsub(int n, double* a, double* w)
+{
+    int l = 2;
+    if (n > 8) {
+        cft1st(n, a, w);
+        l = 8;
+        while ((l << 2) < n) {
+            cftmdl(n, l, a, w);
+            l <<= 2;
+        }
+    }
+    if ((l << 2) == n) {
+        for (int j = 0; j < l; j += 2)
+            butterfly(a, j, l);
+    } else {
+        for (int j = 0; j < l; j += 2) {
+            const int j1 = j + l;
+            const double xr = a[j] - a[j1];
+            const double xi = a[j + 1] - a[j1 + 1];
+            a[j] += a[j1];
+            a[j + 1] += a[j1 + 1];
+            a[j1] = xr;
+            a[j1 + 1] = xi;
+        }
+    }
+}
+
+// The inverse runs the forward stages on input that rftbsub has already
+// conjugated, and conjugates in its last stage.
+void OouraFFT::cftbsub(int n, double* a, double* w)
+{
+    int l = 2;
+    if (n > 8) {
+        cft1st(n, a, w);
+        l = 8;
+        while ((l << 2) < n) {
+            cftmdl(n, l, a, w);
+            l <<= 2;
+        }
+    }
+    if ((l << 2) == n) {
+        for (int j = 0; j < l; j += 2) {
+            butterfly(a, j, l);
+            a[j + 1] = -a[j + 1];
+            a[j + l + 1] = -a[j + l + 1];
+            a[j + 2 * l + 1] = -a[j + 2 * l + 1];
+            a[j + 3 * l + 1] = -a[j + 3 * l + 1];
+        }
+    } else {
+        for (int j = 0; j < l; j += 2) {
+            const int j1 = j + l;
+            const double xr = a[j] - a[j1];
+            const double xi = -a[j + 1] + a[j1 + 1];
+            a[j] += a[j1];
+            a[j + 1] = -a[j + 1] - a[j1 + 1];
+            a[j1] = xr;
+            a[j1 + 1] = xi;
+        }
+    }
+}
+
+// The first radix-4 stage works on groups of four complex values; it is the
+// general stage with a span of one complex value.
+void OouraFFT::cft1st(int n, double* a, double* w)
+{
+    cftmdl(n, 2, a, w);
+}
+
+// One radix-4 stage with a span of l doubles. Groups come in pairs: the
+// first of each pair takes the twiddles wk1 (from the table) and wk2, its
+// square; the second takes the next table entry and i times wk2. wk3 is
+// always wk1 times wk2.
+void OouraFFT::cftmdl(int n, int l, double* a, double* w)
+{
+    const int m = l << 2;
+    for (int j = 0; j < l; j += 2)
+        butterfly(a, j, l);
+
+    const double c = w[2]; // cos(pi/4)
+    for (int j = m; j < l + m; j += 2)
+        butterfly(a, j, l, c, c, 0.0, 1.0, -c, c);
+
+    const int m2 = 2 * m;
+    int k1 = 0;
+    for (int k = m2; k < n; k += m2) {
+        k1 += 2;
+        const int k2 = 2 * k1;
+        const double wk2r = w[k1];
+        const double wk2i = w[k1 + 1];
+        double wk1r = w[k2];
+        double wk1i = w[k2 + 1];
+        double wk3r = wk1r - 2 * wk2i * wk1i;
+        double wk3i = 2 * wk2i * wk1r - wk1i;
+        for (int j = k; j < l + k; j += 2)
+            butterfly(a, j, l, wk1r, wk1i, wk2r, wk2i, wk3r, wk3i);
+
+        wk1r = w[k2 + 2];
+        wk1i = w[k2 + 3];
+        wk3r = wk1r - 2 * wk2r * wk1i;
+        wk3i = 2 * wk2r * wk1r - wk1i;
+        for (int j = k + m; j < l + (k + m); j += 2)
+            butterfly(a, j, l, wk1r, wk1i, -wk2i, wk2r, wk3r, wk3i);
+    }
+}
+
+// Separates the real spectrum from the complex transform of the even/odd
+// pairs, bin j against its mirror n - j.
+void OouraFFT::rftfsub(int n, double* a, int nc, double* c)
+{
+    const int m = n >> 1;
+    const int ks = 2 * nc / m;
+    int kk = 0;
+    for (int j = 2; j < m; j += 2) {
+        const int k = n - j;
+        kk += ks;
+        const double wkr = 0.5 - c[nc - kk];
+        const double wki = c[kk];
+        const double xr = a[j] - a[k];
+        const double xi = a[j + 1] + a[k + 1];
+        const double yr = wkr * xr - wki * xi;
+        const double yi = wkr * xi + wki * xr;
+        a[j] -= yr;
+        a[j + 1] -= yi;
+        a[k] += yr;
+        a[k + 1] -= yi;
+    }
+}
+
+// The inverse of rftfsub, which also leaves the values conjugated for
+// cftbsub.
+void OouraFFT::rftbsub(int n, double* a, int nc, double* c)
+{
+    a[1] = -a[1];
+    const int m = n >> 1;
+    const int ks = 2 * nc / m;
+    int kk = 0;
+    for (int j = 2; j < m; j += 2) {
+        const int k = n - j;
+        kk += ks;
+        const double wkr = 0.5 - c[nc - kk];
+        const double wki = c[kk];
+        const double xr = a[j] - a[k];
+        const double xi = a[j + 1] + a[k + 1];
+        const double yr = wkr * xr + wki * xi;
+        const double yi = wkr * xi - wki * xr;
+        a[j] -= yr;
+        a[j + 1] = yi - a[j + 1];
+        a[k] += yr;
+        a[k + 1] = yi - a[k + 1];
+    }
+    a[m + 1] = -a[m + 1];
+}
+
+} // namespace audiofft

@@ -1,0 +1,8 @@
+#include "IAudioCapture.h"
+
+IAudioCapture::IAudioCapture(QObject* parent)
+    : QObject(parent)
+{
+}
+
+IAudioCapture::~IAudioCapture() = default;

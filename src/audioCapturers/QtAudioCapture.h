@@ -1,0 +1,57 @@
+#pragma once
+
+#include "IAudioCapture.h"
+
+#include <QtMultimedia/QAudioDeviceInfo>
+#include <QtMultimedia/QAudioFormat>
+
+class AudioReader;
+class QAudioInput;
+class QThread;
+
+/**
+ * A capture front over Qt Multimedia: records a QAudioDeviceInfo in its
+ * preferred format and analyses the samples on a worker thread of its own.
+ *
+ * spectrumsChanged() is emitted on the thread this object lives in, once per
+ * block of 2048 frames, while someone is connected to it.
+ */
+class QtAudioCapture : public IAudioCapture
+{
+    Q_OBJECT
+
+public:
+    explicit QtAudioCapture(QObject* parent = nullptr);
+    ~QtAudioCapture() override;
+
+    /// Stores the device and starts its capture. Returns true whatever the start did.
+    bool capture(const QAudioDeviceInfo& device);
+    /// Sets up and starts the capture of the stored device. Call stop() first
+    /// when a capture runs.
+    void start();
+    /// Stops and drops the input; the reader follows once the input is gone.
+    void stop();
+
+    /// The FFmpeg sample format of @p format, or -1 when there is none.
+    static int sampleFormatOf(const QAudioFormat& format);
+
+    /// True while someone is connected to spectrumsChanged(). Any thread.
+    bool hasSpectrumReceivers() const;
+    /// The reader of the current capture, null when none is set up.
+    AudioReader* currentReader() const
+    {
+        return reader;
+    }
+    QAudioInput* currentInput() const
+    {
+        return audioInput;
+    }
+
+private:
+    void onInputDestroyed();
+
+    AudioReader* reader = nullptr;
+    QAudioInput* audioInput = nullptr;
+    QThread* workerThread = nullptr;
+    QAudioDeviceInfo device;
+};
