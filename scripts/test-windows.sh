@@ -71,7 +71,7 @@ chmod 700 "$PULSE_RUNTIME_PATH"
 cat >"$work/pulse/ci.pa" <<'PA'
 .fail
 load-module module-native-protocol-unix auth-anonymous=1
-load-module module-null-sink sink_name=sinkA sink_properties=device.description=SinkA
+load-module module-null-sink sink_name=sinkA rate=44100 channels=2 sink_properties=device.description=SinkA
 set-default-sink sinkA
 PA
 HOME=$work/home pulseaudio -n -F "$work/pulse/ci.pa" --daemonize=yes --exit-idle-time=-1 --disallow-exit \
