@@ -17,6 +17,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <vector>
 
 using Microsoft::WRL::ComPtr;
 using Orvanta::Ifaces::MappedImage;
@@ -419,6 +420,8 @@ TEST_F(D3D11ScalerTest, FailedQuadLeavesNoBufferAndDrawsNothing)
     EXPECT_EQ(m_scaler->createVertexBuffer(nullptr, 6), E_POINTER);
     const auto quad = quadFor(1);
     EXPECT_EQ(m_scaler->createVertexBuffer(quad.data(), 0), E_INVALIDARG);
+    // More vertices than a 32-bit byte width holds are refused before any is read.
+    EXPECT_EQ(m_scaler->createVertexBuffer(quad.data(), std::size_t(0xFFFFFFFFu)), E_INVALIDARG);
 
     // The old quad is gone too: a draw now leaves the target as it was.
     const RgbaImage second = gradientPicture(kSourceWidth, kSourceHeight, 20);
@@ -426,6 +429,24 @@ TEST_F(D3D11ScalerTest, FailedQuadLeavesNoBufferAndDrawsNothing)
     const RgbaImage drawnSecond
         = drawAndReadBack(textureSource(secondTexture.Get(), kSourceWidth, kSourceHeight, PixelFormat::R8G8B8A8Unorm));
     EXPECT_EQ(maxChannelDifference(drawnSecond, drawnFirst), 0);
+}
+
+TEST_F(D3D11ScalerTest, EveryVertexOfALongerListIsDrawn)
+{
+    preparePipeline();
+    // The quad twice over, the second copy turned by half a circle: the later
+    // triangles cover the earlier ones, so the picture comes out turned.
+    const auto upright = quadFor(1);
+    const auto turned = quadFor(3);
+    std::vector<ScalerVertex> vertices(upright.begin(), upright.end());
+    vertices.insert(vertices.end(), turned.begin(), turned.end());
+    ASSERT_EQ(m_scaler->createVertexBuffer(vertices.data(), vertices.size()), S_OK);
+    setTargetSize(20, 15);
+    const RgbaImage picture = gradientPicture(kSourceWidth, kSourceHeight);
+    const ComPtr<ID3D11Texture2D> texture = deviceTexture(picture);
+    const RgbaImage drawn
+        = drawAndReadBack(textureSource(texture.Get(), kSourceWidth, kSourceHeight, PixelFormat::R8G8B8A8Unorm));
+    EXPECT_LE(maxChannelDifference(drawn, modelScale(picture, 20, 15, 3)), 1);
 }
 
 TEST_F(D3D11ScalerTest, TargetIsTheDeviceTextureOfTheRequestedSize)

@@ -114,7 +114,8 @@ long D3D11Scaler::createVertexBuffer(const Ifaces::ScalerVertex* vertices, std::
     if (!d->device || vertices == nullptr) {
         return E_POINTER;
     }
-    if (count == 0 || count > D3D11_REQ_DRAW_VERTEX_COUNT_2_TO_EXP) {
+    // The buffer's size must fit the description's 32-bit byte width.
+    if (count == 0 || count > UINT(-1) / sizeof(Ifaces::ScalerVertex)) {
         return E_INVALIDARG;
     }
     D3D11_BUFFER_DESC description = {};
