@@ -12,7 +12,9 @@ name=$2
 screen=${ORVANTA_XVFB_SCREEN:-3840x1080x24}
 split=${ORVANTA_XVFB_SPLIT:-1}
 mkdir -p "$dir"
-rm -f "$dir/$name.env" "$dir/$name.display"
+# A server left from an earlier start of the same fixture (CTest repeats
+# setups without their cleanups) is stopped first, so none is left behind.
+"$(dirname "$0")/xvfb-stop.sh" "$dir" "$name"
 
 # The server's output goes to a file: an inherited pipe would keep CTest
 # waiting for a test that has long finished.

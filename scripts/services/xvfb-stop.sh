@@ -7,7 +7,8 @@ name=$2
 pidfile=$dir/$name.pid
 if [[ -r $pidfile ]]; then
     pid=$(cat "$pidfile")
-    if kill "$pid" 2>/dev/null; then
+    # Only an Xvfb: the number may have gone to another process meanwhile.
+    if tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null | grep -q '^Xvfb ' && kill "$pid" 2>/dev/null; then
         for _ in $(seq 1 100); do
             kill -0 "$pid" 2>/dev/null || break
             sleep 0.05

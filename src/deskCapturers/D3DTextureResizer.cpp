@@ -47,6 +47,30 @@ bool rotationAngle(int rotation, float& angle)
     }
 }
 
+/// One public operation's run of scaler calls.
+class ScalerUse
+{
+public:
+    explicit ScalerUse(GpuScaler* scaler)
+        : m_scaler(scaler)
+    {
+        if (m_scaler) {
+            m_scaler->beginUse();
+        }
+    }
+    ~ScalerUse()
+    {
+        if (m_scaler) {
+            m_scaler->endUse();
+        }
+    }
+    ScalerUse(const ScalerUse&) = delete;
+    ScalerUse& operator=(const ScalerUse&) = delete;
+
+private:
+    GpuScaler* m_scaler;
+};
+
 } // namespace
 
 D3DTextureResizer::D3DTextureResizer() = default;
@@ -93,6 +117,7 @@ bool D3DTextureResizer::setContext(std::shared_ptr<GpuScaler> scaler)
         qCritical() << "Failed to create D3D11VertexShader" << win32ErrorMsg(E_POINTER);
         return false;
     }
+    const ScalerUse use(m_scaler.get());
 
     long result = m_scaler->createVertexShader();
     if (result < 0) {
@@ -124,6 +149,7 @@ bool D3DTextureResizer::setTargetSize(const cv::Size& size)
         qCritical() << "Failed to create D3D11Texture" << win32ErrorMsg(E_POINTER);
         return false;
     }
+    const ScalerUse use(m_scaler.get());
     m_hasTarget = false;
     long result = m_scaler->createTargetTexture(size.width, size.height);
     if (result < 0) {
@@ -147,6 +173,7 @@ void D3DTextureResizer::setRotation(int rotation)
     if (!m_scaler) {
         return;
     }
+    const ScalerUse use(m_scaler.get());
     const Quad vertices = quad(rotation);
     const long result = m_scaler->createVertexBuffer(vertices.data(), vertices.size());
     if (result < 0) {
@@ -163,6 +190,7 @@ void* D3DTextureResizer::resize(const ScalerSource& source)
     if (!m_scaler || !m_hasTarget || !m_hasVertexBuffer) {
         return nullptr;
     }
+    const ScalerUse use(m_scaler.get());
     const long result = m_scaler->createSourceView(source);
     if (result < 0) {
         qCritical() << "Failed to create D3D11DhaderResourceView" << win32ErrorMsg(result);
@@ -176,6 +204,7 @@ void* D3DTextureResizer::resize(const ScalerSource& source)
 
 cv::Mat D3DTextureResizer::resizeToCVMat(const ScalerSource& source)
 {
+    const ScalerUse use(m_scaler.get());
     if (!resize(source)) {
         qCritical() << "[D3DTextureResizer]: Failed to resize D3D11Texture";
         return cv::Mat();

@@ -8,11 +8,10 @@
 
 #include <QtCore/QDebug>
 #include <QtCore/QMetaType>
-#include <QtCore/QMutex>
-#include <QtCore/QMutexLocker>
 #include <QtCore/QThread>
 
 #include <cstdint>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -74,8 +73,10 @@ public:
     quint32 outputIndex = 0;
     QSize outputSize = QSize(0, 0);
     QSize originSize;
-    QMutex outputSizeLock;
-    QMutex originSizeLock;
+    // Standard mutexes rather than QMutex: their hand-overs are visible to the
+    // thread sanitizer, which cannot see into Qt's contended path.
+    std::mutex outputSizeLock;
+    std::mutex originSizeLock;
     int rotation = 0;
 
     // Set once a context named a platform; polls before that find nothing to rebuild.
@@ -84,7 +85,7 @@ public:
     // Serialises every use of the resizer and its device context: a consumer's
     // setOutputSize rebuilds the render target while the polling thread may be
     // drawing into it. Taken before outputSizeLock.
-    QMutex renderLock;
+    std::mutex renderLock;
 };
 
 DXGICapturer::DXGICapturer(QObject* parent)
@@ -120,13 +121,13 @@ DXGICapturer::~DXGICapturer()
 
 QSize DXGICapturer::outputSize()
 {
-    QMutexLocker lock(&d->outputSizeLock);
+    std::lock_guard<std::mutex> lock(d->outputSizeLock);
     return d->outputSize;
 }
 
 QSize DXGICapturer::originSize()
 {
-    QMutexLocker lock(&d->originSizeLock);
+    std::lock_guard<std::mutex> lock(d->originSizeLock);
     return d->originSize;
 }
 
@@ -140,7 +141,7 @@ cv::Mat DXGICapturer::nextFrame()
 void DXGICapturer::setOutputSize(QSize size)
 {
     {
-        QMutexLocker lock(&d->outputSizeLock);
+        std::lock_guard<std::mutex> lock(d->outputSizeLock);
         d->outputSize = size;
     }
     makeOutputContext();
@@ -165,7 +166,7 @@ long DXGICapturer::setCaptureContext(DeskCaptureContext context)
     d->deviceContext = d->duplicator->deviceScaler();
 
     {
-        QMutexLocker render(&d->renderLock);
+        std::lock_guard<std::mutex> render(d->renderLock);
         // A resizer that fails here shows itself later as frames that don't come.
         d->resizer.setContext(d->deviceContext);
     }
@@ -230,7 +231,7 @@ void DXGICapturer::loadDuplInfo()
     }
     const Orvanta::Ifaces::DuplicationDescription description = d->duplication->description();
     {
-        QMutexLocker lock(&d->originSizeLock);
+        std::lock_guard<std::mutex> lock(d->originSizeLock);
         d->originSize = QSize(int(description.width), int(description.height));
     }
     // Recorded only: frames come out as the duplication gives them.
@@ -243,10 +244,10 @@ void DXGICapturer::loadDuplInfo()
 
 long DXGICapturer::makeOutputContext()
 {
-    QMutexLocker render(&d->renderLock);
+    std::lock_guard<std::mutex> render(d->renderLock);
     QSize size;
     {
-        QMutexLocker lock(&d->outputSizeLock);
+        std::lock_guard<std::mutex> lock(d->outputSizeLock);
         size = d->outputSize;
         if (size.width() == 0 || size.height() == 0) {
             size = originSize();
@@ -258,7 +259,7 @@ long DXGICapturer::makeOutputContext()
 
 long DXGICapturer::initRenderCtx()
 {
-    QMutexLocker render(&d->renderLock);
+    std::lock_guard<std::mutex> render(d->renderLock);
     return d->resizer.setContext(d->deviceContext) ? S_OK : E_FAIL;
 }
 
@@ -307,7 +308,7 @@ bool DXGICapturer::requireNextFrame(cv::Mat& frame)
         return false;
     }
     {
-        QMutexLocker render(&d->renderLock);
+        std::lock_guard<std::mutex> render(d->renderLock);
         frame = d->resizer.resizeToCVMat(source);
     }
     // The read-back is complete here, so the frame can go back at once.

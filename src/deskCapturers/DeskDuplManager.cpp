@@ -40,6 +40,8 @@ DeskDuplManager::DeskDuplManager(std::shared_ptr<Orvanta::Ifaces::DisplaySystem>
     : IDeskDuplManager(parent)
     , d(new DeskDuplManagerPrivate)
 {
+    // Contexts travel in queued calls.
+    qRegisterMetaType<DeskCaptureContext>("DeskCaptureContext");
     d->factory = std::move(displaySystem);
     d->backends = std::move(backends);
 
@@ -202,7 +204,7 @@ QString DeskDuplManager::defaultCapturer()
 
 QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
 {
-    QMutexLocker locker(&d->mutex);
+    std::lock_guard<std::mutex> locker(d->mutex);
     auto row = d->capturers.find(id);
     if (row == d->capturers.end())
         return {};
@@ -219,7 +221,7 @@ QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
             QMetaObject::invokeMethod(
                 this,
                 [this, id] {
-                    QMutexLocker postedLocker(&d->mutex);
+                    std::lock_guard<std::mutex> postedLocker(d->mutex);
                     makeCapturer(id);
                 },
                 Qt::QueuedConnection);
@@ -252,7 +254,7 @@ void DeskDuplManager::makeCapturer(QString id)
 
 void DeskDuplManager::releaseCapturer(QString id)
 {
-    QMutexLocker locker(&d->mutex);
+    std::lock_guard<std::mutex> locker(d->mutex);
     auto row = d->capturers.find(id);
     if (row == d->capturers.end()) {
         qCritical() << "[DeskDuplManager]: Not found capturer to release capturer reference count :" << id;
@@ -268,14 +270,14 @@ void DeskDuplManager::releaseCapturer(QString id)
 
 QString DeskDuplManager::capturerDesc(QString id)
 {
-    QMutexLocker locker(&d->mutex);
+    std::lock_guard<std::mutex> locker(d->mutex);
     const auto row = d->capturers.constFind(id);
     return row == d->capturers.constEnd() ? QString() : row->context.desc;
 }
 
 QJsonObject DeskDuplManager::capturerMetadata(QString id)
 {
-    QMutexLocker locker(&d->mutex);
+    std::lock_guard<std::mutex> locker(d->mutex);
     const auto row = d->capturers.constFind(id);
     if (row == d->capturers.constEnd())
         return {};

@@ -4,9 +4,9 @@
 #include "IDeskCapture.h"
 
 #include <QtCore/QMap>
-#include <QtCore/QMutex>
 #include <QtCore/QSharedPointer>
 #include <QtCore/QVector>
+#include <mutex>
 
 #include <functional>
 #include <memory>
@@ -36,6 +36,6 @@ public:
     std::shared_ptr<Orvanta::Ifaces::DisplaySystem> factory;
     QMap<QString, CapturerRecord> capturers;
     DeskCaptureOption* option = nullptr;
-    QMutex mutex;
+    std::mutex mutex;
     std::function<IDeskCapture*(int mode)> backends;
 };

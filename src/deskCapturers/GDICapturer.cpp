@@ -32,13 +32,13 @@ long GDICapturer::setCaptureContext(DeskCaptureContext newContext)
 
 QSize GDICapturer::outputSize()
 {
-    QMutexLocker locker(&outputSizeLock);
+    std::lock_guard<std::mutex> locker(outputSizeLock);
     return m_outputSize;
 }
 
 void GDICapturer::setOutputSize(QSize size)
 {
-    QMutexLocker locker(&outputSizeLock);
+    std::lock_guard<std::mutex> locker(outputSizeLock);
     m_outputSize = size;
 }
 
@@ -80,39 +80,41 @@ cv::Mat GDICapturer::screenshot()
 
     QSize size;
     {
-        QMutexLocker locker(&outputSizeLock);
+        std::lock_guard<std::mutex> locker(outputSizeLock);
         size = m_outputSize;
     }
     const int W = size.width();
     const int H = size.height();
 
-    // A header on the grabber's memory; resize always writes a buffer of
-    // the frame's own, so nothing delivered points into the grabber.
+    // A header on the grabber's memory. Scaling and turning work in a
+    // buffer kept from call to call; only the exchange of blue and red writes
+    // the frame, a buffer of its own, so nothing delivered points into the
+    // grabber or is written again.
     const cv::Mat copied(
         image.height, image.width, CV_8UC4, const_cast<unsigned char*>(image.pixels), image.bytesPerLine);
     cv::Mat frame;
     try {
         switch (rotation()) {
         case int(OutputRotation::Rotate90):
-            cv::resize(copied, frame, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
-            cv::transpose(frame, frame);
-            cv::flip(frame, frame, 0);
+            cv::resize(copied, scratch, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
+            cv::transpose(scratch, scratch);
+            cv::flip(scratch, scratch, 0);
             break;
         case int(OutputRotation::Rotate180):
-            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
-            cv::flip(frame, frame, -1);
+            cv::resize(copied, scratch, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
+            cv::flip(scratch, scratch, -1);
             break;
         case int(OutputRotation::Rotate270):
-            cv::resize(copied, frame, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
-            cv::transpose(frame, frame);
-            cv::flip(frame, frame, 1);
+            cv::resize(copied, scratch, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
+            cv::transpose(scratch, scratch);
+            cv::flip(scratch, scratch, 1);
             break;
         default:
-            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
+            cv::resize(copied, scratch, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
             break;
         }
         // B, G, R, X becomes R, G, B, X; the fourth byte stays.
-        cv::cvtColor(frame, frame, cv::COLOR_BGR2RGBA);
+        cv::cvtColor(scratch, frame, cv::COLOR_BGR2RGBA);
     } catch (const cv::Exception& exception) {
         // An output size OpenCV can't scale to (such as 0) must not escape
         // into the timer that polls.

@@ -3,7 +3,7 @@
 #include "DeskCaptureContext.h"
 #include "IDeskCapture.h"
 
-#include <QtCore/QMutex>
+#include <mutex>
 
 #include <memory>
 
@@ -43,6 +43,8 @@ private:
     DeskCaptureContext context;
     DeskMonitorHandle monitor = 0;
     QSize m_outputSize;
-    QMutex outputSizeLock;
+    std::mutex outputSizeLock;
     std::unique_ptr<Orvanta::Ifaces::ScreenGrabber> grabber;
+    /// Scaled and turned pixels before the colour exchange; never delivered.
+    cv::Mat scratch;
 };

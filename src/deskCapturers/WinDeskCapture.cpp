@@ -46,7 +46,7 @@ WinDeskCapture::~WinDeskCapture()
     qInfo() << "WinDeskCapture timer has stopped, id: " << timerId;
     IDeskCapture* old = nullptr;
     {
-        QMutexLocker locker(&capturerLock);
+        std::lock_guard<std::mutex> locker(capturerLock);
         old = capturer;
         capturer = nullptr;
     }
@@ -80,7 +80,7 @@ void WinDeskCapture::onCaptureModeChanged()
 
     IDeskCapture* old = nullptr;
     {
-        QMutexLocker locker(&capturerLock);
+        std::lock_guard<std::mutex> locker(capturerLock);
         old = capturer;
         capturer = nullptr;
     }
@@ -121,7 +121,7 @@ void WinDeskCapture::onCaptureModeChanged()
     if (previousSize != QSize(-1, -1))
         made->setOutputSize(previousSize);
 
-    QMutexLocker locker(&capturerLock);
+    std::lock_guard<std::mutex> locker(capturerLock);
     capturer = made;
 }
 
@@ -140,36 +140,36 @@ void WinDeskCapture::acquireNextFrame()
     const cv::Mat m = capturer->nextFrame();
     if (m.empty())
         return;
-    QMutexLocker locker(&frameLock);
+    std::lock_guard<std::mutex> locker(frameLock);
     frame = m;
 }
 
 cv::Mat WinDeskCapture::nextFrame()
 {
     {
-        QMutexLocker locker(&capturerLock);
+        std::lock_guard<std::mutex> locker(capturerLock);
         if (!capturer)
             return cv::Mat();
     }
-    QMutexLocker locker(&frameLock);
+    std::lock_guard<std::mutex> locker(frameLock);
     return frame;
 }
 
 QSize WinDeskCapture::outputSize()
 {
-    QMutexLocker locker(&capturerLock);
+    std::lock_guard<std::mutex> locker(capturerLock);
     return capturer ? capturer->outputSize() : QSize(-1, -1);
 }
 
 QSize WinDeskCapture::originSize()
 {
-    QMutexLocker locker(&capturerLock);
+    std::lock_guard<std::mutex> locker(capturerLock);
     return capturer ? capturer->originSize() : QSize(-1, -1);
 }
 
 void WinDeskCapture::setOutputSize(QSize size)
 {
-    QMutexLocker locker(&capturerLock);
+    std::lock_guard<std::mutex> locker(capturerLock);
     if (capturer)
         capturer->setOutputSize(size);
 }

@@ -3,8 +3,8 @@
 #include "DeskCaptureContext.h"
 #include "IDeskCapture.h"
 
-#include <QtCore/QMutex>
 #include <QtCore/QPointer>
+#include <mutex>
 
 #include <functional>
 
@@ -48,12 +48,12 @@ protected:
 
 private:
     /// Guards `frame` for a header copy only.
-    QMutex frameLock;
+    std::mutex frameLock;
     cv::Mat frame;
     /// The back-end. Replaced only on the constructing thread; consumers read
     /// it under `capturerLock`, which a capture never holds.
     IDeskCapture* capturer = nullptr;
-    QMutex capturerLock;
+    std::mutex capturerLock;
     CaptureThread* thread = nullptr;
     DeskCaptureContext context;
     QPointer<DeskCaptureOption> option;

@@ -8,6 +8,7 @@
 #include "fakes/FakeCapture.h"
 #include "fakes/FakeCaptureWorkerSetup.h"
 
+#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QTest>
@@ -45,6 +46,8 @@ private slots:
 
     void beforeContextEverythingIsEmpty();
     void timerIsLoggedAtStartAndStop();
+    void intervalIsReadOnceFromTheConfiguration();
+    void intervalDefaultsTo33();
     void contextPicksTheBackendOfTheMode();
     void unknownModeLeavesTheFrontEmpty();
     void refusedContextStillReturnsZero();
@@ -119,6 +122,27 @@ void TestWinDeskCapture::timerIsLoggedAtStartAndStop()
     const QString id = info.at(0).mid(QStringLiteral("WinDeskCapture timer has started, id:  ").size());
     QVERIFY(id.toInt() > 0);
     QCOMPARE(info.at(1), "WinDeskCapture timer has stopped, id:  " + id);
+}
+
+void TestWinDeskCapture::intervalIsReadOnceFromTheConfiguration()
+{
+    ConfigurationManager::instance()->setGlobalValue("devUpdateInterval", 45);
+    WinDeskCapture front(&m_option, Fakes::fakeBackends(m_journal), nullptr);
+    ConfigurationManager::instance()->setGlobalValue("devUpdateInterval", 5);
+    const auto timers = QAbstractEventDispatcher::instance()->registeredTimers(&front);
+    QCOMPARE(timers.size(), 1);
+    QCOMPARE(timers.first().interval, 45);
+    QCOMPARE(timers.first().timerType, Qt::PreciseTimer);
+}
+
+void TestWinDeskCapture::intervalDefaultsTo33()
+{
+    ConfigurationManager::instance()->AppConfigJsonObj().remove("devUpdateInterval");
+    WinDeskCapture front(&m_option, Fakes::fakeBackends(m_journal), nullptr);
+    ConfigurationManager::instance()->setGlobalValue("devUpdateInterval", 5);
+    const auto timers = QAbstractEventDispatcher::instance()->registeredTimers(&front);
+    QCOMPARE(timers.size(), 1);
+    QCOMPARE(timers.first().interval, 33);
 }
 
 void TestWinDeskCapture::contextPicksTheBackendOfTheMode()

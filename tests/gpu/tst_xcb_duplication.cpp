@@ -1,5 +1,5 @@
-#include "DXGICapturer.h"
 #include "ConfigurationManager.h"
+#include "DXGICapturer.h"
 #include "DeskDuplManager.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
@@ -25,6 +25,7 @@ private slots:
     void idleScreenTimesOutSilently();
     void paintingProducesFramesOfTheRequestedSize();
     void eachMonitorSeesItsOwnPart();
+    void withoutGpuDeviceScalesOnTheCpu();
     void captureFrontDeliversInModeZero();
 
 private:
@@ -35,6 +36,7 @@ void XcbDuplicationTest::initTestCase()
 {
     QVERIFY2(!qEnvironmentVariableIsEmpty("DISPLAY"), "the xvfb fixture did not provide DISPLAY");
     QStandardPaths::setTestModeEnabled(true);
+    pinEglDisplay();
     QVERIFY(m_home.isValid());
 }
 
@@ -71,7 +73,10 @@ void XcbDuplicationTest::idleScreenTimesOutSilently()
     QCOMPARE(source.height, 1080);
     QCOMPARE(source.format, Orvanta::Ifaces::PixelFormat::B8G8R8X8Unorm);
     QVERIFY(source.pixels);
+    QCOMPARE(duplication->acquireNextFrame(0), DXGI_ERROR_INVALID_CALL); // one frame at a time
     QCOMPARE(duplication->releaseFrame(), S_OK);
+    QCOMPARE(duplication->releaseFrame(), DXGI_ERROR_INVALID_CALL);
+    QCOMPARE(duplication->frameSource(source), DXGI_ERROR_INVALID_CALL);
     for (int poll = 0; poll < 10; ++poll) {
         QCOMPARE(duplication->acquireNextFrame(0), DXGI_ERROR_WAIT_TIMEOUT);
     }
@@ -128,6 +133,19 @@ void XcbDuplicationTest::eachMonitorSeesItsOwnPart()
     QVERIFY(!right.waitForFrame().empty());
 
     QVERIFY(paintRoot(0, 0, 1920, 1080, 0x000000));
+    cv::Mat leftFrame;
+    for (int round = 0; round < 50; ++round) {
+        const cv::Mat next = left.waitForFrame();
+        if (!next.empty()) {
+            leftFrame = next;
+        }
+        if (!leftFrame.empty() && leftFrame.at<cv::Vec4b>(54, 96) == cv::Vec4b(0, 0, 0, 255)) {
+            break;
+        }
+    }
+    QCOMPARE(leftFrame.at<cv::Vec4b>(54, 96), cv::Vec4b(0, 0, 0, 255));
+    while (!left.capturer->nextFrame().empty()) { }
+
     QVERIFY(paintRoot(1920, 0, 1920, 1080, 0xFFFF00));
     QVERIFY(paintRoot(1920, 0, 960, 540, 0x00FFFF)); // the right monitor's top-left quarter
     cv::Mat frame;
@@ -136,7 +154,8 @@ void XcbDuplicationTest::eachMonitorSeesItsOwnPart()
         if (!next.empty()) {
             frame = next;
         }
-        if (!frame.empty() && frame.at<cv::Vec4b>(20, 20) == cv::Vec4b(0, 255, 255, 255)) {
+        if (!frame.empty() && frame.at<cv::Vec4b>(20, 20) == cv::Vec4b(0, 255, 255, 255)
+            && frame.at<cv::Vec4b>(80, 150) == cv::Vec4b(255, 255, 0, 255)) {
             break;
         }
     }
@@ -144,9 +163,36 @@ void XcbDuplicationTest::eachMonitorSeesItsOwnPart()
     QCOMPARE(frame.at<cv::Vec4b>(20, 20), cv::Vec4b(0, 255, 255, 255));
     QCOMPARE(frame.at<cv::Vec4b>(80, 150), cv::Vec4b(255, 255, 0, 255));
 
-    const cv::Mat leftFrame = left.waitForFrame();
-    QVERIFY(!leftFrame.empty());
-    QCOMPARE(leftFrame.at<cv::Vec4b>(54, 96), cv::Vec4b(0, 0, 0, 255));
+    // Drawing on the right monitor alone gives the left one nothing new.
+    for (int poll = 0; poll < 10; ++poll) {
+        QVERIFY(left.capturer->nextFrame().empty());
+    }
+}
+
+void XcbDuplicationTest::withoutGpuDeviceScalesOnTheCpu()
+{
+    X11Output output;
+    QCOMPARE(output.result, S_OK);
+    DeskCaptureContext context = output.context;
+    context.device.reset(); // as when no GPU context could be made for the output
+    DXGICapturer capturer(context);
+    QCOMPARE(capturer.originSize(), QSize(1920, 1080));
+    capturer.setOutputSize(QSize(96, 54));
+    QVERIFY(paintRoot(0, 0, 1920, 1080, 0x405060));
+    cv::Mat frame;
+    for (int poll = 0; poll < 500; ++poll) {
+        const cv::Mat next = capturer.nextFrame();
+        if (!next.empty()) {
+            frame = next;
+            if (frame.at<cv::Vec4b>(27, 48) == cv::Vec4b(0x40, 0x50, 0x60, 255)) {
+                break;
+            }
+        }
+        QTest::qWait(10);
+    }
+    QCOMPARE(frame.cols, 96);
+    QCOMPARE(frame.rows, 54);
+    QCOMPARE(frame.at<cv::Vec4b>(27, 48), cv::Vec4b(0x40, 0x50, 0x60, 255));
 }
 
 void XcbDuplicationTest::captureFrontDeliversInModeZero()

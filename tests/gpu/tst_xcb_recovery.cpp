@@ -14,9 +14,15 @@ class XcbRecoveryTest : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void shrinkingTheScreenRebuildsTheDuplication();
     void killedServerLeavesTheCapturerLost();
 };
+
+void XcbRecoveryTest::initTestCase()
+{
+    pinEglDisplay();
+}
 
 void XcbRecoveryTest::shrinkingTheScreenRebuildsTheDuplication()
 {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace Orvanta {
 namespace Cpu {
@@ -113,6 +114,68 @@ Rgba bilinear(const Ifaces::ScalerSource& source, float u, float v)
     return {mix(a.r, b.r, c.r, d.r), mix(a.g, b.g, c.g, d.g), mix(a.b, b.b, c.b, d.b), mix(a.a, b.a, c.a, d.a)};
 }
 
+/// Texture coordinates as affine functions of target pixel positions: u = ua x + ub y + uc.
+struct Plane
+{
+    double ua, ub, uc, va, vb, vc;
+};
+
+bool trianglePlane(const Ifaces::ScalerVertex* triangle, int viewportWidth, int viewportHeight, Plane& plane)
+{
+    double sx[3], sy[3];
+    for (int i = 0; i < 3; ++i) {
+        sx[i] = (double(triangle[i].x) + 1.0) * 0.5 * viewportWidth;
+        sy[i] = (1.0 - double(triangle[i].y)) * 0.5 * viewportHeight;
+    }
+    const double area = (sx[1] - sx[0]) * (sy[2] - sy[0]) - (sx[2] - sx[0]) * (sy[1] - sy[0]);
+    if (std::abs(area) < 1e-12) {
+        return false;
+    }
+    auto solve = [&](float a0, float a1, float a2, double& a, double& b, double& c) {
+        a = ((a1 - a0) * (sy[2] - sy[0]) - (a2 - a0) * (sy[1] - sy[0])) / area;
+        b = ((a2 - a0) * (sx[1] - sx[0]) - (a1 - a0) * (sx[2] - sx[0])) / area;
+        c = a0 - a * sx[0] - b * sy[0];
+    };
+    solve(triangle[0].u, triangle[1].u, triangle[2].u, plane.ua, plane.ub, plane.uc);
+    solve(triangle[0].v, triangle[1].v, triangle[2].v, plane.va, plane.vb, plane.vc);
+    return true;
+}
+
+bool samePlane(const Plane& a, const Plane& b)
+{
+    constexpr double kTolerance = 1e-6;
+    return std::abs(a.ua - b.ua) < kTolerance && std::abs(a.ub - b.ub) < kTolerance
+        && std::abs(a.uc - b.uc) < kTolerance && std::abs(a.va - b.va) < kTolerance
+        && std::abs(a.vb - b.vb) < kTolerance && std::abs(a.vc - b.vc) < kTolerance;
+}
+
+/// Where one target line or column samples along one source axis.
+struct Tap
+{
+    int first;
+    int second;
+    float weight; ///< of the second texel
+};
+
+std::vector<Tap> taps(int count, double slope, double offset, int texels, bool linear)
+{
+    std::vector<Tap> result(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        // The coordinate is rounded to 32 bits as the per-pixel path rounds it.
+        const float coordinate = static_cast<float>(slope * (i + 0.5) + offset);
+        if (linear) {
+            const float position = coordinate * texels - 0.5f;
+            const float base = std::floor(position);
+            const int index = static_cast<int>(base);
+            result[i] = {std::clamp(index, 0, texels - 1), std::clamp(index + 1, 0, texels - 1), position - base};
+        } else {
+            const int index = std::clamp(static_cast<int>(std::floor(coordinate * texels)), 0, texels - 1);
+            result[i] = {index, index, 0.0f};
+        }
+    }
+    return result;
+}
+
 } // namespace
 
 SoftwareScaler::SoftwareScaler() = default;
@@ -199,9 +262,103 @@ void SoftwareScaler::draw()
     if (!m_targetBound || !m_hasSourceView || !m_hasSampler) {
         return;
     }
+    if (drawAxisAligned()) {
+        return;
+    }
     for (std::size_t first = 0; first + 3 <= m_vertices.size(); first += 3) {
         drawTriangle(&m_vertices[first]);
     }
+}
+
+bool SoftwareScaler::drawAxisAligned()
+{
+    // The quad at any quarter turn maps each target axis onto one source axis,
+    // so every line and every column samples the same texels: those are worked
+    // out once, and 8-bit pixels are read directly.
+    const Ifaces::PixelFormat format = m_source.format;
+    if (format != Ifaces::PixelFormat::R8G8B8A8Unorm && format != Ifaces::PixelFormat::B8G8R8A8Unorm
+        && format != Ifaces::PixelFormat::B8G8R8X8Unorm) {
+        return false;
+    }
+    if (m_vertices.size() != 6 || m_viewportWidth != m_targetWidth || m_viewportHeight != m_targetHeight) {
+        return false;
+    }
+    Plane plane, second;
+    if (!trianglePlane(&m_vertices[0], m_viewportWidth, m_viewportHeight, plane)
+        || !trianglePlane(&m_vertices[3], m_viewportWidth, m_viewportHeight, second) || !samePlane(plane, second)) {
+        return false;
+    }
+    // The two triangles must make up the whole target: every corner of it is a vertex.
+    for (const auto& corner : {std::pair<float, float> {-1, -1}, {-1, 1}, {1, -1}, {1, 1}}) {
+        const bool found = std::any_of(m_vertices.begin(), m_vertices.end(), [&](const Ifaces::ScalerVertex& v) {
+            return std::abs(v.x - corner.first) < 1e-5f && std::abs(v.y - corner.second) < 1e-5f;
+        });
+        if (!found) {
+            return false;
+        }
+    }
+    // A quarter turn in 32-bit floats leaves the quad a hair off the axes; a
+    // drift that stays far below a texel over the whole target counts as none.
+    constexpr double kFlat = 1e-6;
+    const double across = m_targetWidth;
+    const double down = m_targetHeight;
+    bool turned;
+    if (std::abs(plane.ub) * down < kFlat && std::abs(plane.va) * across < kFlat) {
+        turned = false; // u follows the columns, v the lines
+    } else if (std::abs(plane.ua) * across < kFlat && std::abs(plane.vb) * down < kFlat) {
+        turned = true; // u follows the lines, v the columns
+    } else {
+        return false;
+    }
+
+    const double texelsPerX = std::hypot(plane.ua * m_source.width, plane.va * m_source.height);
+    const double texelsPerY = std::hypot(plane.ub * m_source.width, plane.vb * m_source.height);
+    const bool minifying = std::max(texelsPerX, texelsPerY) > 1.0;
+    const bool linear = minifying ? (m_sampler.filter & 0x10) != 0 : (m_sampler.filter & 0x04) != 0;
+
+    const std::vector<Tap> columns = turned ? taps(m_targetWidth, plane.va, plane.vc, m_source.height, linear)
+                                            : taps(m_targetWidth, plane.ua, plane.uc, m_source.width, linear);
+    const std::vector<Tap> lines = turned ? taps(m_targetHeight, plane.ub, plane.uc, m_source.width, linear)
+                                          : taps(m_targetHeight, plane.vb, plane.vc, m_source.height, linear);
+
+    int red = 0, blue = 2;
+    if (format != Ifaces::PixelFormat::R8G8B8A8Unorm) {
+        red = 2;
+        blue = 0;
+    }
+    const bool opaque = format == Ifaces::PixelFormat::B8G8R8X8Unorm;
+    const auto* pixels = static_cast<const std::uint8_t*>(m_source.pixels);
+    const std::size_t pitch = m_source.bytesPerLine;
+    auto texel = [pixels, pitch](int x, int y) {
+        return pixels + pitch * std::size_t(y) + std::size_t(x) * 4;
+    };
+
+    for (int y = 0; y < m_targetHeight; ++y) {
+        const Tap& line = lines[std::size_t(y)];
+        std::uint8_t* out = m_target.data() + std::size_t(y) * std::size_t(m_targetWidth) * 4;
+        for (int x = 0; x < m_targetWidth; ++x, out += 4) {
+            const Tap& column = columns[std::size_t(x)];
+            // Source x and y of the four texels, and the weights along each.
+            const Tap& alongX = turned ? line : column;
+            const Tap& alongY = turned ? column : line;
+            const std::uint8_t* a = texel(alongX.first, alongY.first);
+            const std::uint8_t* b = texel(alongX.second, alongY.first);
+            const std::uint8_t* c = texel(alongX.first, alongY.second);
+            const std::uint8_t* d = texel(alongX.second, alongY.second);
+            const float wx = alongX.weight;
+            const float wy = alongY.weight;
+            auto channel = [&](int i) {
+                const float top = a[i] + (b[i] - a[i]) * wx;
+                const float bottom = c[i] + (d[i] - c[i]) * wx;
+                return static_cast<std::uint8_t>(top + (bottom - top) * wy + 0.5f);
+            };
+            out[0] = channel(red);
+            out[1] = channel(1);
+            out[2] = channel(blue);
+            out[3] = opaque ? 255 : channel(3);
+        }
+    }
+    return true;
 }
 
 void SoftwareScaler::drawTriangle(const Ifaces::ScalerVertex* triangle)

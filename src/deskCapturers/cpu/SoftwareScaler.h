@@ -45,6 +45,7 @@ public:
     void releaseStaging() override;
 
 private:
+    bool drawAxisAligned();
     void drawTriangle(const Ifaces::ScalerVertex* triangle);
 
     std::vector<Ifaces::ScalerVertex> m_vertices;

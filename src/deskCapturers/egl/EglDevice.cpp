@@ -56,8 +56,10 @@ EGLDisplay openPlatformDisplay()
 
 /**
  * The process's one initialised EGL display. eglGetPlatformDisplay gives the
- * same handle to every caller and eglTerminate ends it for all of them, so
- * devices share this owner and the last one terminates.
+ * same handle to every caller in the process, and eglTerminate would end it
+ * for all of them, other libraries included; Mesa also unloads its driver
+ * then. So the display is initialised once and never terminated: devices own
+ * their contexts only.
  */
 class DisplayConnection
 {
@@ -65,26 +67,18 @@ public:
     static long acquire(std::shared_ptr<DisplayConnection>& connection)
     {
         static std::mutex mutex;
-        static std::weak_ptr<DisplayConnection> shared;
+        static std::shared_ptr<DisplayConnection> shared;
         std::lock_guard<std::mutex> lock(mutex);
-        connection = shared.lock();
-        if (connection)
-            return S_OK;
-
-        EGLDisplay display = openPlatformDisplay();
-        if (display == EGL_NO_DISPLAY)
-            return DXGI_ERROR_UNSUPPORTED;
-        if (!eglInitialize(display, nullptr, nullptr))
-            return EglDevice::resultFromEglError(eglGetError());
-        connection.reset(new DisplayConnection(display));
-        shared = connection;
+        if (!shared) {
+            EGLDisplay display = openPlatformDisplay();
+            if (display == EGL_NO_DISPLAY)
+                return DXGI_ERROR_UNSUPPORTED;
+            if (!eglInitialize(display, nullptr, nullptr))
+                return EglDevice::resultFromEglError(eglGetError());
+            shared.reset(new DisplayConnection(display));
+        }
+        connection = shared;
         return S_OK;
-    }
-
-    ~DisplayConnection()
-    {
-        eglTerminate(m_display);
-        eglReleaseThread();
     }
 
     DisplayConnection(const DisplayConnection&) = delete;

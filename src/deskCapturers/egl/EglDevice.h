@@ -20,8 +20,8 @@ class DisplayConnection;
  *
  * The context is not current on any thread after create(); whoever renders
  * with it calls makeCurrent() on its thread and doneCurrent() when done.
- * All devices of the process share one EGL display, which is terminated when
- * the last of them goes.
+ * All devices of the process share one EGL display, initialised at the first
+ * creation and kept for the life of the process.
  */
 class EglDevice : public Ifaces::GraphicsDevice
 {

@@ -6,6 +6,7 @@
 
 #include <GLES3/gl3.h>
 
+#include <algorithm>
 #include <cstdint>
 
 namespace Orvanta {
@@ -139,6 +140,8 @@ struct GlesScaler::Objects
     GLsizei sourceWidth = 0;
     GLsizei sourceHeight = 0;
     GLint sourceInternalFormat = 0;
+    const void* sourcePixels = nullptr; // what the texture was last filled from
+    std::size_t sourceBytesPerLine = 0;
     GLuint sourceView = 0; // the texture the next draw samples, 0 when none
 };
 
@@ -201,6 +204,7 @@ GlesScaler::GlesScaler(std::shared_ptr<void> owner, EGLDisplay display, EGLConte
 
 GlesScaler::~GlesScaler()
 {
+    m_use.reset();
     CurrentScope current(*this);
     if (!current.ok()) {
         return;
@@ -214,6 +218,20 @@ GlesScaler::~GlesScaler()
     glDeleteProgram(m_gl->program);
     glDeleteShader(m_gl->fragmentShader);
     glDeleteShader(m_gl->vertexShader);
+}
+
+void GlesScaler::beginUse()
+{
+    if (m_useDepth++ == 0) {
+        m_use = std::make_unique<CurrentScope>(*this);
+    }
+}
+
+void GlesScaler::endUse()
+{
+    if (m_useDepth > 0 && --m_useDepth == 0) {
+        m_use.reset();
+    }
 }
 
 long GlesScaler::createVertexShader()
@@ -391,8 +409,27 @@ long GlesScaler::createSourceView(const Ifaces::ScalerSource& source)
     glBindTexture(GL_TEXTURE_2D, m_gl->source);
     glPixelStorei(GL_UNPACK_ALIGNMENT, source.bytesPerLine % 4 == 0 ? 4 : 1);
     glPixelStorei(GL_UNPACK_ROW_LENGTH, static_cast<GLint>(source.bytesPerLine / pixelBytes));
-    if (m_gl->sourceWidth != source.width || m_gl->sourceHeight != source.height
-        || m_gl->sourceInternalFormat != upload.internalFormat) {
+    const bool sameTexture = m_gl->sourceWidth == source.width && m_gl->sourceHeight == source.height
+        && m_gl->sourceInternalFormat == upload.internalFormat;
+    const bool sameMemory = m_gl->sourcePixels == source.pixels && m_gl->sourceBytesPerLine == source.bytesPerLine;
+    if (sameTexture && sameMemory && source.changedRects) {
+        // The texture already holds the rest: only what changed crosses over.
+        for (std::size_t i = 0; i < source.changedRectCount; ++i) {
+            const Ifaces::ScalerRect& rect = source.changedRects[i];
+            const int x0 = std::max(rect.x, 0);
+            const int y0 = std::max(rect.y, 0);
+            const int x1 = std::min(rect.x + rect.width, source.width);
+            const int y1 = std::min(rect.y + rect.height, source.height);
+            if (x1 <= x0 || y1 <= y0) {
+                continue;
+            }
+            glPixelStorei(GL_UNPACK_SKIP_PIXELS, x0);
+            glPixelStorei(GL_UNPACK_SKIP_ROWS, y0);
+            glTexSubImage2D(GL_TEXTURE_2D, 0, x0, y0, x1 - x0, y1 - y0, upload.format, upload.type, source.pixels);
+        }
+        glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
+        glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
+    } else if (!sameTexture) {
         glTexImage2D(GL_TEXTURE_2D, 0, upload.internalFormat, source.width, source.height, 0, upload.format,
             upload.type, source.pixels);
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
@@ -413,8 +450,11 @@ long GlesScaler::createSourceView(const Ifaces::ScalerSource& source)
         m_gl->sourceWidth = 0;
         m_gl->sourceHeight = 0;
         m_gl->sourceInternalFormat = 0;
+        m_gl->sourcePixels = nullptr;
         return result;
     }
+    m_gl->sourcePixels = source.pixels;
+    m_gl->sourceBytesPerLine = source.bytesPerLine;
     m_gl->sourceView = m_gl->source;
     return S_OK;
 }

@@ -19,9 +19,10 @@ namespace Egl {
  * with clamped edges, an RGBA8 target, read back top line first. The vertex
  * stage mirrors y because OpenGL's framebuffer rows count from the bottom.
  *
- * Every operation makes the context current on the calling thread for its
- * own span and restores what was current before, so one scaler may be driven
- * from different threads one after the other, and several scalers may share a
+ * Every operation, or every run of operations between beginUse and endUse,
+ * makes the context current on the calling thread for its own span and
+ * restores what was current before, so one scaler may be driven from
+ * different threads one after the other, and several scalers may share a
  * thread. CPU sources are uploaded into a texture kept between frames.
  */
 class GlesScaler final : public Ifaces::GpuScaler
@@ -33,6 +34,8 @@ public:
     GlesScaler(const GlesScaler&) = delete;
     GlesScaler& operator=(const GlesScaler&) = delete;
 
+    void beginUse() override;
+    void endUse() override;
     long createVertexShader() override;
     long createPixelShader() override;
     long createInputLayout() override;
@@ -59,6 +62,8 @@ private:
     EGLDisplay m_display;
     EGLContext m_context;
     std::unique_ptr<Objects> m_gl;
+    std::unique_ptr<CurrentScope> m_use; // the context held for a run of operations
+    int m_useDepth = 0;
     std::vector<unsigned char> m_staging;
     bool m_hasStaging = false;
 };

@@ -74,6 +74,15 @@ struct SamplerDescription
     float maxLod = 0.0f;
 };
 
+/// A rectangle of a source in pixels.
+struct ScalerRect
+{
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+};
+
 /**
  * The picture to scale: either pixels in CPU memory or a texture that lives on
  * the scaler's own device. Only one of @c pixels and @c nativeTexture is set.
@@ -89,6 +98,11 @@ struct ScalerSource
     int width = 0;
     int height = 0;
     PixelFormat format = PixelFormat::Unknown;
+    /// A hint for scalers that keep a copy of the source: when set, only these
+    /// parts changed since the previous source with the same pixels, size and
+    /// format. Null means that anything may have changed.
+    const ScalerRect* changedRects = nullptr;
+    std::size_t changedRectCount = 0;
 };
 
 /// A read-back image: RGBA8 rows, the first row the top line of the target.
@@ -112,6 +126,17 @@ class GpuScaler
 {
 public:
     virtual ~GpuScaler() = default;
+
+    /// Bracket a run of the operations below made on one thread, so that an
+    /// adapter can set up its context once for the run rather than for each
+    /// operation. Runs nest; every beginUse is matched by an endUse on the
+    /// same thread. Optional: the operations work without them.
+    virtual void beginUse()
+    {
+    }
+    virtual void endUse()
+    {
+    }
 
     /// Pipeline objects, made once. The vertex stage passes position and
     /// coordinate through unchanged; the pixel stage returns the sample as is.

@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <vector>
 
 namespace Orvanta {
 namespace X11 {
@@ -110,6 +112,12 @@ struct XcbDuplication::State
     int y = 0;
     int width = 0;
     int height = 0;
+    xcb_xfixes_region_t region = XCB_NONE;
+    /// The monitor's picture, kept between frames: only damaged parts are fetched into it.
+    std::vector<std::uint8_t> picture;
+    std::vector<Ifaces::ScalerRect> changed;
+    bool fetchWhole = true;
+    bool changedAll = true;
     bool damaged = false;
     bool reconfigured = false;
     bool frameHeld = false;
@@ -180,9 +188,11 @@ long XcbDuplication::create(const char* displayName, std::shared_ptr<Ifaces::Dis
         return DXGI_ERROR_NOT_CURRENTLY_AVAILABLE;
     }
 
-    if (!state->memory.allocate(std::size_t(state->width) * std::size_t(state->height) * 4)) {
+    const std::size_t pictureBytes = std::size_t(state->width) * std::size_t(state->height) * 4;
+    if (!state->memory.allocate(pictureBytes)) {
         return E_OUTOFMEMORY;
     }
+    state->picture.assign(pictureBytes, 0);
     state->segment = xcb_generate_id(connection);
     // Writable: the server puts the fetched pictures into it.
     Reply<xcb_generic_error_t> attachError(xcb_request_check(
@@ -203,6 +213,8 @@ long XcbDuplication::create(const char* displayName, std::shared_ptr<Ifaces::Dis
         state->damage = XCB_NONE;
         return DXGI_ERROR_UNSUPPORTED;
     }
+    state->region = xcb_generate_id(connection);
+    xcb_xfixes_create_region(connection, state->region, 0, nullptr);
     xcb_flush(connection);
 
     duplication.reset(new XcbDuplication(std::move(state)));
@@ -220,6 +232,9 @@ XcbDuplication::~XcbDuplication()
     if (connection && !xcb_connection_has_error(connection)) {
         if (m_state->damage != XCB_NONE) {
             xcb_damage_destroy(connection, m_state->damage);
+        }
+        if (m_state->region != XCB_NONE) {
+            xcb_xfixes_destroy_region(connection, m_state->region);
         }
         if (m_state->segment != XCB_NONE) {
             xcb_shm_detach(connection, m_state->segment);
@@ -267,6 +282,41 @@ long XcbDuplication::processEvents()
     return m_state->reconfigured ? DXGI_ERROR_ACCESS_LOST : S_OK;
 }
 
+long XcbDuplication::fetch(const Ifaces::ScalerRect& piece)
+{
+    xcb_connection_t* connection = m_state->connection.get();
+    xcb_generic_error_t* rawError = nullptr;
+    Reply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(connection,
+        xcb_shm_get_image(connection, m_state->root, std::int16_t(m_state->x + piece.x),
+            std::int16_t(m_state->y + piece.y), std::uint16_t(piece.width), std::uint16_t(piece.height), ~0u,
+            XCB_IMAGE_FORMAT_Z_PIXMAP, m_state->segment, 0),
+        &rawError));
+    Reply<xcb_generic_error_t> error(rawError);
+    if (xcb_connection_has_error(connection)) {
+        return DXGI_ERROR_SESSION_DISCONNECTED;
+    }
+    if (!image || error) {
+        // The rectangle no longer lies on the screen: the layout changed under us.
+        return DXGI_ERROR_ACCESS_LOST;
+    }
+    if (image->depth != 24 && image->depth != 32) {
+        return DXGI_ERROR_UNSUPPORTED;
+    }
+    // The server packs the piece's lines; they go to their place in the picture.
+    const std::size_t lineBytes = std::size_t(piece.width) * 4;
+    const std::size_t pictureLine = std::size_t(m_state->width) * 4;
+    const auto* from = static_cast<const std::uint8_t*>(m_state->memory.address());
+    std::uint8_t* to = m_state->picture.data() + std::size_t(piece.y) * pictureLine + std::size_t(piece.x) * 4;
+    if (lineBytes == pictureLine) {
+        std::memcpy(to, from, lineBytes * std::size_t(piece.height));
+    } else {
+        for (int line = 0; line < piece.height; ++line) {
+            std::memcpy(to + pictureLine * std::size_t(line), from + lineBytes * std::size_t(line), lineBytes);
+        }
+    }
+    return S_OK;
+}
+
 bool XcbDuplication::geometryChanged() const
 {
     Ifaces::OutputDescription now;
@@ -299,25 +349,58 @@ long XcbDuplication::acquireNextFrame(unsigned timeoutMilliseconds)
     }
 
     // Re-arm first: whatever is drawn after the subtraction reports anew.
-    xcb_damage_subtract(connection, m_state->damage, XCB_NONE, XCB_NONE);
+    // The damage moves into the region, which says what to fetch.
     m_state->damaged = false;
-    xcb_generic_error_t* rawError = nullptr;
-    Reply<xcb_shm_get_image_reply_t> image(xcb_shm_get_image_reply(connection,
-        xcb_shm_get_image(connection, m_state->root, std::int16_t(m_state->x), std::int16_t(m_state->y),
-            std::uint16_t(m_state->width), std::uint16_t(m_state->height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
-            m_state->segment, 0),
-        &rawError));
-    Reply<xcb_generic_error_t> error(rawError);
-    if (xcb_connection_has_error(connection)) {
-        return DXGI_ERROR_SESSION_DISCONNECTED;
+    m_state->changed.clear();
+    if (m_state->fetchWhole) {
+        xcb_damage_subtract(connection, m_state->damage, XCB_NONE, XCB_NONE);
+        result = fetch({0, 0, m_state->width, m_state->height});
+        if (result < 0) {
+            return result;
+        }
+        m_state->fetchWhole = false;
+        m_state->changedAll = true;
+        m_state->frameHeld = true;
+        return S_OK;
     }
-    if (!image || error) {
-        // The rectangle no longer lies on the screen: the layout changed under us.
-        return DXGI_ERROR_ACCESS_LOST;
+
+    xcb_damage_subtract(connection, m_state->damage, XCB_NONE, m_state->region);
+    Reply<xcb_xfixes_fetch_region_reply_t> region(
+        xcb_xfixes_fetch_region_reply(connection, xcb_xfixes_fetch_region(connection, m_state->region), nullptr));
+    if (!region) {
+        return xcb_connection_has_error(connection) ? DXGI_ERROR_SESSION_DISCONNECTED : DXGI_ERROR_ACCESS_LOST;
     }
-    if (image->depth != 24 && image->depth != 32) {
-        return DXGI_ERROR_UNSUPPORTED;
+    const xcb_rectangle_t* rectangles = xcb_xfixes_fetch_region_rectangles(region.get());
+    const int count = xcb_xfixes_fetch_region_rectangles_length(region.get());
+    // Many small pieces cost a round trip each; past a few, their bounding box is cheaper.
+    constexpr int kMostPieces = 8;
+    auto add = [this](const xcb_rectangle_t& piece) {
+        const int x0 = std::max(int(piece.x) - m_state->x, 0);
+        const int y0 = std::max(int(piece.y) - m_state->y, 0);
+        const int x1 = std::min(int(piece.x) + int(piece.width) - m_state->x, m_state->width);
+        const int y1 = std::min(int(piece.y) + int(piece.height) - m_state->y, m_state->height);
+        if (x1 > x0 && y1 > y0) {
+            m_state->changed.push_back({x0, y0, x1 - x0, y1 - y0});
+        }
+    };
+    if (count > kMostPieces) {
+        add(region->extents);
+    } else {
+        for (int i = 0; i < count; ++i) {
+            add(rectangles[i]);
+        }
     }
+    if (m_state->changed.empty()) {
+        // Drawing elsewhere on the screen: nothing new on this monitor.
+        return DXGI_ERROR_WAIT_TIMEOUT;
+    }
+    for (const Ifaces::ScalerRect& piece : m_state->changed) {
+        result = fetch(piece);
+        if (result < 0) {
+            return result;
+        }
+    }
+    m_state->changedAll = false;
     m_state->frameHeld = true;
     return S_OK;
 }
@@ -328,11 +411,15 @@ long XcbDuplication::frameSource(Ifaces::ScalerSource& source)
         return DXGI_ERROR_INVALID_CALL;
     }
     source = Ifaces::ScalerSource();
-    source.pixels = m_state->memory.address();
+    source.pixels = m_state->picture.data();
     source.bytesPerLine = std::size_t(m_state->width) * 4;
     source.width = m_state->width;
     source.height = m_state->height;
     source.format = Ifaces::PixelFormat::B8G8R8X8Unorm;
+    if (!m_state->changedAll) {
+        source.changedRects = m_state->changed.data();
+        source.changedRectCount = m_state->changed.size();
+    }
     return S_OK;
 }
 

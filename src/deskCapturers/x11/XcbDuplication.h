@@ -23,8 +23,9 @@ namespace X11 {
  * The DAMAGE extension says whether anything was drawn since the last
  * acquire: when nothing was, acquiring answers DXGI_ERROR_WAIT_TIMEOUT after
  * one non-blocking look at the socket. When something was, MIT-SHM fetches
- * the monitor's rectangle into shared memory, which the scaler reads as
- * B, G, R, padding. A change of the screen's size or of the monitor's
+ * the damaged parts that lie on the monitor into a picture of the monitor
+ * kept between frames, which the scaler reads as B, G, R, padding, told which
+ * parts changed. Drawing only on other monitors gives no frame here. A change of the screen's size or of the monitor's
  * rectangle answers DXGI_ERROR_ACCESS_LOST, so that the capturer makes a new
  * session; a broken connection answers DXGI_ERROR_SESSION_DISCONNECTED.
  */
@@ -49,6 +50,7 @@ private:
     struct State;
     explicit XcbDuplication(std::unique_ptr<State> state);
     long processEvents();
+    long fetch(const Ifaces::ScalerRect& piece);
     bool geometryChanged() const;
 
     std::unique_ptr<State> m_state;

@@ -3,8 +3,8 @@
 #include "IDeskCapture.h"
 
 #include <QtCore/QList>
-#include <QtCore/QMutex>
 #include <QtCore/QSize>
+#include <mutex>
 
 #include <memory>
 
@@ -13,7 +13,7 @@ namespace Fakes {
 /// What the tests see of the fake back-ends, shared by all that one factory made.
 struct CaptureJournal
 {
-    QMutex mutex;
+    std::mutex mutex;
     int made = 0;
     int destroyed = 0;
     QList<int> modes;
@@ -35,7 +35,7 @@ public:
         : journal(std::move(journal))
         , mode(mode)
     {
-        QMutexLocker locker(&this->journal->mutex);
+        std::lock_guard<std::mutex> locker(this->journal->mutex);
         ++this->journal->made;
         this->journal->modes.append(mode);
         size = this->journal->defaultSize;
@@ -43,39 +43,39 @@ public:
 
     ~FakeCapture() override
     {
-        QMutexLocker locker(&journal->mutex);
+        std::lock_guard<std::mutex> locker(journal->mutex);
         ++journal->destroyed;
     }
 
     QSize outputSize() override
     {
-        QMutexLocker locker(&journal->mutex);
+        std::lock_guard<std::mutex> locker(journal->mutex);
         return size;
     }
 
     QSize originSize() override
     {
-        QMutexLocker locker(&journal->mutex);
+        std::lock_guard<std::mutex> locker(journal->mutex);
         return journal->defaultSize;
     }
 
     cv::Mat nextFrame() override
     {
-        QMutexLocker locker(&journal->mutex);
+        std::lock_guard<std::mutex> locker(journal->mutex);
         ++journal->nextFrameCalls;
         return journal->frames.isEmpty() ? cv::Mat() : journal->frames.takeFirst();
     }
 
     long setCaptureContext(DeskCaptureContext context) override
     {
-        QMutexLocker locker(&journal->mutex);
+        std::lock_guard<std::mutex> locker(journal->mutex);
         journal->contexts.append(context);
         return journal->contextResult;
     }
 
     void setOutputSize(QSize newSize) override
     {
-        QMutexLocker locker(&journal->mutex);
+        std::lock_guard<std::mutex> locker(journal->mutex);
         journal->sizesSet.append(newSize);
         size = newSize;
     }

@@ -1,0 +1,309 @@
+// Desktop duplication and GPU scaling: the per-frame cost of the duplication
+// path against the blit back-end on the same X screen, the GPU resize
+// against OpenCV's linear resize, and the CPU time of polling an idle screen.
+// The X screens are private Xvfb servers started here.
+#include "D3DTextureResizer.h"
+#include "DXGICapturer.h"
+#include "GDICapturer.h"
+#include "cpu/SoftwareScaler.h"
+#include "ifaces/DisplayAdapter.h"
+#include "ifaces/DisplayOutput.h"
+#include "ifaces/DisplaySystem.h"
+#include "ifaces/GpuScaler.h"
+#include "ifaces/GraphicsDevice.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QThread>
+
+#include <opencv2/imgproc.hpp>
+
+#include <benchmark/benchmark.h>
+#include <xcb/xcb.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+/// One Xvfb per screen size for the whole run; killed at exit.
+class BenchXServer
+{
+public:
+    explicit BenchXServer(const QByteArray& screen)
+    {
+        int fds[2];
+        if (pipe(fds) != 0) {
+            return;
+        }
+        const QByteArray fd = QByteArray::number(fds[1]);
+        m_pid = fork();
+        if (m_pid == 0) {
+            close(fds[0]);
+            const int devnull = open("/dev/null", O_RDWR);
+            dup2(devnull, 0);
+            dup2(devnull, 1);
+            dup2(devnull, 2);
+            execlp("Xvfb", "Xvfb", "-displayfd", fd.constData(), "-screen", "0", screen.constData(), "+extension",
+                "RANDR", "+extension", "DAMAGE", "+extension", "MIT-SHM", "-nolisten", "tcp", "-noreset",
+                static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(fds[1]);
+        pollfd descriptor = {fds[0], POLLIN, 0};
+        char c;
+        while (m_pid > 0 && ::poll(&descriptor, 1, 20000) > 0 && read(fds[0], &c, 1) == 1 && c != '\n') {
+            m_display.append(c);
+        }
+        close(fds[0]);
+        m_display.prepend(':');
+    }
+    ~BenchXServer()
+    {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+    const QByteArray& display() const
+    {
+        return m_display;
+    }
+
+private:
+    pid_t m_pid = -1;
+    QByteArray m_display;
+};
+
+BenchXServer& serverFor(const QByteArray& screen)
+{
+    static std::map<QByteArray, std::unique_ptr<BenchXServer>> servers;
+    auto& server = servers[screen];
+    if (!server) {
+        server = std::make_unique<BenchXServer>(screen);
+    }
+    qputenv("DISPLAY", server->display());
+    return *server;
+}
+
+/// A client that keeps changing the screen, as a playing video would.
+class Painter
+{
+public:
+    Painter()
+        : m_connection(xcb_connect(nullptr, nullptr))
+    {
+        m_screen = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data;
+        m_gc = xcb_generate_id(m_connection);
+        xcb_create_gc(m_connection, m_gc, m_screen->root, 0, nullptr);
+    }
+    ~Painter()
+    {
+        xcb_free_gc(m_connection, m_gc);
+        xcb_disconnect(m_connection);
+    }
+    /// Draws a square in a new colour and waits until the server has drawn it.
+    void change()
+    {
+        const std::uint32_t colour = (m_step++ * 0x10305u) & 0xFFFFFFu;
+        xcb_change_gc(m_connection, m_gc, XCB_GC_FOREGROUND, &colour);
+        const xcb_rectangle_t square = {std::int16_t(m_step % 512), 100, 256, 256};
+        xcb_poly_fill_rectangle(m_connection, m_screen->root, m_gc, 1, &square);
+        std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
+    }
+
+private:
+    xcb_connection_t* m_connection;
+    xcb_screen_t* m_screen = nullptr;
+    xcb_gcontext_t m_gc = 0;
+    unsigned m_step = 1;
+};
+
+/// The capture context of the first monitor of $DISPLAY.
+bool firstOutput(DeskCaptureContext& context, std::shared_ptr<Orvanta::Ifaces::DisplaySystem>& system)
+{
+    system = Orvanta::Ifaces::createPlatformDisplaySystem();
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
+    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
+    if (system->open() < 0 || system->enumAdapter(0, adapter) < 0 || adapter->enumOutput(0, output) < 0) {
+        return false;
+    }
+    adapter->createDevice(output, device);
+    Orvanta::Ifaces::OutputDescription description;
+    if (output->describe(description) < 0) {
+        return false;
+    }
+    context.monitor = description.monitor;
+    context.position = QRect(int(description.left), int(description.top), int(description.right - description.left),
+        int(description.bottom - description.top));
+    context.width = context.position.width();
+    context.height = context.position.height();
+    context.adapter = adapter;
+    context.output = output;
+    context.device = device;
+    context.outputIndex = 0;
+    return true;
+}
+
+template <typename Capturer> void frameOnChangingScreen(benchmark::State& state, const QByteArray& screen)
+{
+    serverFor(screen);
+    DeskCaptureContext context;
+    std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
+    if (!firstOutput(context, system)) {
+        state.SkipWithError("no X screen");
+        return;
+    }
+    Capturer capturer;
+    if (capturer.setCaptureContext(context) < 0) {
+        state.SkipWithError("capturer refused the screen");
+        return;
+    }
+    capturer.setOutputSize(QSize(320, 180));
+    Painter painter;
+    capturer.nextFrame();
+    std::int64_t frames = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        painter.change();
+        state.ResumeTiming();
+        const cv::Mat frame = capturer.nextFrame();
+        frames += frame.empty() ? 0 : 1;
+        benchmark::DoNotOptimize(frame.data);
+    }
+    state.counters["frames"] = benchmark::Counter(double(frames), benchmark::Counter::kAvgIterations);
+}
+
+void DuplicationFrame1080Ours(benchmark::State& state)
+{
+    frameOnChangingScreen<DXGICapturer>(state, "1920x1080x24");
+}
+void DuplicationFrame1080Reference(benchmark::State& state)
+{
+    frameOnChangingScreen<GDICapturer>(state, "1920x1080x24");
+}
+void DuplicationFrame2160Ours(benchmark::State& state)
+{
+    frameOnChangingScreen<DXGICapturer>(state, "3840x2160x24");
+}
+void DuplicationFrame2160Reference(benchmark::State& state)
+{
+    frameOnChangingScreen<GDICapturer>(state, "3840x2160x24");
+}
+
+cv::Mat desktopPicture()
+{
+    cv::Mat picture(1080, 1920, CV_8UC4);
+    cv::randu(picture, cv::Scalar::all(0), cv::Scalar::all(255));
+    return picture;
+}
+
+void ResizeGpuOurs(benchmark::State& state)
+{
+    const cv::Mat picture = desktopPicture();
+    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
+    {
+        serverFor("1920x1080x24");
+        DeskCaptureContext context;
+        std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
+        if (firstOutput(context, system)) {
+            device = context.device;
+        }
+    }
+    D3DTextureResizer resizer;
+    if (!resizer.setContext(Orvanta::Ifaces::createPlatformGpuScaler(device))
+        || !resizer.setTargetSize(cv::Size(320, 180))) {
+        state.SkipWithError("no scaler");
+        return;
+    }
+    Orvanta::Ifaces::ScalerSource source;
+    source.pixels = picture.data;
+    source.bytesPerLine = picture.step[0];
+    source.width = picture.cols;
+    source.height = picture.rows;
+    source.format = Orvanta::Ifaces::PixelFormat::B8G8R8A8Unorm;
+    for (auto _ : state) {
+        const cv::Mat frame = resizer.resizeToCVMat(source);
+        benchmark::DoNotOptimize(frame.data);
+    }
+}
+
+// The same drawing without a GPU context: what runs where none can be made.
+void ResizeCpuOurs(benchmark::State& state)
+{
+    const cv::Mat picture = desktopPicture();
+    D3DTextureResizer resizer;
+    if (!resizer.setContext(std::make_shared<Orvanta::Cpu::SoftwareScaler>())
+        || !resizer.setTargetSize(cv::Size(320, 180))) {
+        state.SkipWithError("no scaler");
+        return;
+    }
+    Orvanta::Ifaces::ScalerSource source;
+    source.pixels = picture.data;
+    source.bytesPerLine = picture.step[0];
+    source.width = picture.cols;
+    source.height = picture.rows;
+    source.format = Orvanta::Ifaces::PixelFormat::B8G8R8A8Unorm;
+    for (auto _ : state) {
+        const cv::Mat frame = resizer.resizeToCVMat(source);
+        benchmark::DoNotOptimize(frame.data);
+    }
+}
+
+void ResizeGpuReference(benchmark::State& state)
+{
+    const cv::Mat picture = desktopPicture();
+    for (auto _ : state) {
+        cv::Mat frame;
+        cv::resize(picture, frame, cv::Size(320, 180), 0, 0, cv::INTER_LINEAR);
+        benchmark::DoNotOptimize(frame.data);
+    }
+}
+
+// One iteration is one second of the front's polling at its default 33 ms
+// on a screen where nothing changes; the CPU column is the cost of that second.
+void DuplicationIdleSecondOurs(benchmark::State& state)
+{
+    serverFor("1920x1080x24");
+    DeskCaptureContext context;
+    std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
+    if (!firstOutput(context, system)) {
+        state.SkipWithError("no X screen");
+        return;
+    }
+    DXGICapturer capturer;
+    if (capturer.setCaptureContext(context) < 0) {
+        state.SkipWithError("capturer refused the screen");
+        return;
+    }
+    capturer.setOutputSize(QSize(320, 180));
+    for (int poll = 0; poll < 100 && capturer.nextFrame().empty(); ++poll) {
+        QThread::msleep(10); // the first, whole-screen damage
+    }
+    std::int64_t frames = 0;
+    for (auto _ : state) {
+        for (int poll = 0; poll < 30; ++poll) {
+            frames += capturer.nextFrame().empty() ? 0 : 1;
+            QThread::msleep(33);
+        }
+    }
+    state.counters["frames"] = benchmark::Counter(double(frames));
+}
+
+} // namespace
+
+BENCHMARK(DuplicationFrame1080Ours)->Name("DuplicationFrame1080To320/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(DuplicationFrame1080Reference)->Name("DuplicationFrame1080To320/reference")->Unit(benchmark::kMicrosecond);
+BENCHMARK(DuplicationFrame2160Ours)->Name("DuplicationFrame2160To320/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(DuplicationFrame2160Reference)->Name("DuplicationFrame2160To320/reference")->Unit(benchmark::kMicrosecond);
+BENCHMARK(ResizeGpuOurs)->Name("ResizeGpu1080To320/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(ResizeGpuReference)->Name("ResizeGpu1080To320/reference")->Unit(benchmark::kMicrosecond);
+BENCHMARK(ResizeCpuOurs)->Name("ResizeCpu1080To320/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(ResizeGpuReference)->Name("ResizeCpu1080To320/reference")->Unit(benchmark::kMicrosecond);
+BENCHMARK(DuplicationIdleSecondOurs)->Name("DuplicationIdleSecond/ours")->Unit(benchmark::kMillisecond)->Iterations(3);
