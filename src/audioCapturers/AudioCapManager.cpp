@@ -121,6 +121,7 @@ QSharedPointer<AudioCapturer> AudioCapManager::capturer(const QString& id)
 
 void AudioCapManager::onDeviceReady(DeviceHandle device, const QString& id)
 {
+    QMutexLocker readyLocker(&readyLock);
     {
         QMutexLocker locker(&capturersLock);
         if (capturers.contains(id)) {

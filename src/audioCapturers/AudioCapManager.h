@@ -67,4 +67,7 @@ private:
     QHash<QString, CapturerEntry> capturers;
     // The hash is written by pool tasks and read by the application.
     mutable QMutex capturersLock;
+    // The construction pass's second round runs beside the first pool tasks:
+    // one endpoint must not get two capturers.
+    QMutex readyLock;
 };

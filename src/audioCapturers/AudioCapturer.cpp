@@ -12,6 +12,7 @@
 #include <QtCore/QDebug>
 #include <QtCore/QElapsedTimer>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -203,7 +204,7 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
         return;
     }
 
-    if (!volumeTimer.isValid() || volumeTimer.elapsed() > AudioCapturer::VOLUME_UPDATE_INTERVAL_MS)
+    if (volumeCacheExpired(volumeTimer.isValid(), volumeTimer.isValid() ? volumeTimer.elapsed() : 0))
         updateVolumeCache();
     const float volume = cachedVolume.load(std::memory_order_relaxed);
     // Below 1 % the correction would blow noise up, so it stops there.
@@ -221,10 +222,13 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
     float* const input = fftInput.data();
     const int frames = std::min(frame->nb_samples, fftInput.size());
     for (int plane = 0; plane < 2; ++plane) {
+        // Copy and window in one pass; entries past the frame's samples keep
+        // their earlier values and are windowed in place.
         const float* samples = reinterpret_cast<const float*>(frame->extended_data[plane]);
-        std::copy(samples, samples + frames, input);
         const float* const windowValues = window.constData();
-        for (int i = 0; i < fftInput.size(); ++i)
+        for (int i = 0; i < frames; ++i)
+            input[i] = samples[i] * windowValues[i];
+        for (int i = frames; i < fftInput.size(); ++i)
             input[i] *= windowValues[i];
         fft->fft(input, fftReal.data(), fftImag.data());
 
@@ -357,6 +361,11 @@ AudioCapturer::DeviceHandle AudioCapturer::DeviceSelect(std::shared_ptr<Orvanta:
 long AudioCapturerPrivate::load(std::shared_ptr<Orvanta::Ifaces::AudioEndpoint> device)
 {
     using Orvanta::Ifaces::DataFlow;
+
+    // The capture thread reads its peak interval from the configuration
+    // store, whose creation isn't safe from several threads at once: make
+    // sure it exists before any capture thread starts.
+    ConfigurationManager::instance();
 
     prepareAnalysis();
 

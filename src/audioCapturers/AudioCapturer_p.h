@@ -66,6 +66,13 @@ public:
     void updateVolumeCache();
     void handlePeakValues();
 
+    /// Whether a cached volume of this age is read again before a block: only
+    /// when it is older than VOLUME_UPDATE_INTERVAL_MS, or was never read.
+    static bool volumeCacheExpired(bool timerValid, qint64 ageMs)
+    {
+        return !timerValid || ageMs > AudioCapturer::VOLUME_UPDATE_INTERVAL_MS;
+    }
+
     static AVSampleFormat convertSampleFormat(const Orvanta::Ifaces::WaveFormatExtensible& format);
     static std::uint64_t convertToAvChannelLayout(const Orvanta::Ifaces::WaveFormatExtensible& format);
 

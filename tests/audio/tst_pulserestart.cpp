@@ -1,7 +1,10 @@
 #include "AudioCapManager.h"
 #include "AudioCapturer.h"
 #include "ConfigurationManager.h"
+#include "Helpers.h"
+#include "MessageCapture.h"
 #include "PulseTestSupport.h"
+#include "ResultCodes.h"
 
 #include <QtCore/QPointer>
 #include <QtCore/QTemporaryDir>
@@ -68,6 +71,25 @@ private slots:
         QVERIFY(player.started());
         QTRY_VERIFY_WITH_TIMEOUT(
             !collector.spectra().isEmpty() && PulseTest::strongestBand(collector.spectra().last()[0]) == 64, 15000);
+    }
+
+    void registryWithoutServerHoldsNothingAndReturns()
+    {
+        QVERIFY(PulseTest::fixtureScript("pulse-stop.sh"));
+        {
+            MessageCapture capture;
+            AudioCapManager manager;
+            QVERIFY(manager.allCapturers().isEmpty());
+            QVERIFY(manager.defaultCapturer().isNull());
+            QVERIFY(capture.contains(QtCriticalMsg,
+                QStringLiteral("Failed to create MMDeviceEnumerator instance  \"%1\"")
+                    .arg(win32ErrorMsg(AUDCLNT_E_SERVICE_NOT_RUNNING))));
+            QVERIFY(capture.contains(QtCriticalMsg,
+                QStringLiteral("Failed to load current audio devices \"%1\"")
+                    .arg(win32ErrorMsg(AUDCLNT_E_SERVICE_NOT_RUNNING))));
+        }
+        QVERIFY(PulseTest::fixtureScript("pulse-start.sh"));
+        QVERIFY(!PulseTest::pactl({"info"}).isNull());
     }
 
     void repeatedLossesLeaveNothingBehind()

@@ -1,6 +1,7 @@
 #include "AudioCapturer.h"
 #include "AudioCapturer_p.h"
 #include "IAudioCapture.h"
+#include "SoundMetaTypes.h"
 #include "SoundTestSupport.h"
 
 #include "MessageCapture.h"
@@ -69,6 +70,7 @@ private slots:
     void recordTypesAreRegisteredByName();
     void peakStringsTypeIsRegisteredOnConnection();
     void recordLayout();
+    void interfaceSignalIsDeliveredQueued();
 
     // Set-up.
     void constructorTouchesNoDevice();
@@ -88,6 +90,7 @@ private slots:
     void monoDeviceGivesTwoChannels();
     void volumeBelowOnePercentLeavesMagnitudesUndivided();
     void volumeIsReadAgainOnlyWhenOld();
+    void volumeOfExactlyTheIntervalIsKept();
     void failedVolumeReadKeepsLastVolume();
     void noVolumeSourceKeepsFullVolume();
     void failedConversionIsLoggedAndDropsBlock();
@@ -155,6 +158,32 @@ void AudioCapturerTest::recordLayout()
     QCOMPARE(sizeof(SoundChannel::channel), size_t(8));
     QCOMPARE(AudioCapturer::samplesSize, quint32(2048));
     QCOMPARE(AudioCapturer::VOLUME_UPDATE_INTERVAL_MS, 100);
+}
+
+void AudioCapturerTest::interfaceSignalIsDeliveredQueued()
+{
+    Orvanta::registerSoundChannelListMetaType();
+    QObject parent;
+    auto* capture = new IAudioCapture(&parent);
+    QCOMPARE(capture->parent(), &parent);
+
+    QVector<SoundChannel> sent(2);
+    sent[0].channel = 1;
+    sent[1].channel = 2;
+    sent[0].spectrums = {{10.0f, 0.0f, -qInf()}};
+    sent[1].spectrums = {{10.0f, 2.0f, 6.0206f}};
+
+    QVector<SoundChannel> received;
+    QObject receiver;
+    connect(
+        capture, &IAudioCapture::spectrumsChanged, &receiver,
+        [&](const QVector<SoundChannel>& spectra) { received = spectra; }, Qt::QueuedConnection);
+    emit capture->spectrumsChanged(sent);
+    QVERIFY(received.isEmpty());
+    QTRY_COMPARE(received.size(), 2);
+    QCOMPARE(received[1].channel, quint64(2));
+    QCOMPARE(received[1].spectrums[0].amplitude, 2.0f);
+    QVERIFY(std::isinf(received[0].spectrums[0].decibel));
 }
 
 void AudioCapturerTest::constructorTouchesNoDevice()
@@ -464,6 +493,14 @@ void AudioCapturerTest::volumeIsReadAgainOnlyWhenOld()
     prepared.d->volumeTimer.invalidate();
     prepared.feed(silence);
     QCOMPARE(meter->volumeReads, 2);
+}
+
+void AudioCapturerTest::volumeOfExactlyTheIntervalIsKept()
+{
+    QVERIFY(!AudioCapturerPrivate::volumeCacheExpired(true, 0));
+    QVERIFY(!AudioCapturerPrivate::volumeCacheExpired(true, 100));
+    QVERIFY(AudioCapturerPrivate::volumeCacheExpired(true, 101));
+    QVERIFY(AudioCapturerPrivate::volumeCacheExpired(false, 0));
 }
 
 void AudioCapturerTest::failedVolumeReadKeepsLastVolume()
