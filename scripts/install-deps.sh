@@ -27,8 +27,12 @@ packages=(
     libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
     # machine information: PCI ID database
     libpci-dev pci.ids
+    # installer digests: OpenSSL's libcrypto
+    libssl-dev
     # local HTTP server for the network tests
     python3
+    # feedback zips: independent readers for the tests, zip for the benchmark's reference
+    zip unzip
 )
 
 export DEBIAN_FRONTEND=noninteractive

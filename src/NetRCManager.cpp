@@ -4,9 +4,9 @@
 #include "HardwareInfo.h"
 #include "Helpers.h"
 #include "NetworkErrorMetaType.h"
+#include "ifaces/Sha256Digest.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QCryptographicHash>
 #include <QtCore/QDebug>
 #include <QtCore/QEventLoop>
 #include <QtCore/QFile>
@@ -14,12 +14,15 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QReadWriteLock>
-#include <QtCore/QSharedPointer>
 #include <QtCore/QUrl>
 #include <QtNetwork/QHttpMultiPart>
 #include <QtNetwork/QNetworkRequest>
 
+#include <memory>
+
 namespace {
+
+constexpr qint64 kDownloadBufferBytes = 4 * 1024 * 1024;
 
 QReadWriteLock& serverUrlLock()
 {
@@ -118,7 +121,10 @@ void NetRCManager::checkVersion()
             // version makes the update pointless.
             qInfo() << "The new version has been made available";
             emit hasNewAppVersion();
-            reply->deleteLater();
+            // A receiver may have destroyed this object, and the reply with it.
+            if (reply) {
+                reply->deleteLater();
+            }
         },
         Qt::DirectConnection);
 
@@ -141,17 +147,25 @@ void NetRCManager::downloadLatestApp()
         return;
     }
 
-    const QSharedPointer<QCryptographicHash> digest
-        = QSharedPointer<QCryptographicHash>::create(QCryptographicHash::Sha256);
+    const std::shared_ptr<Orvanta::Ifaces::Sha256Digest> digest = Orvanta::createSha256Digest();
     QPointer<QNetworkReply> reply = manager.get(QNetworkRequest(QUrl(latestPkgUrl, QUrl::TolerantMode)));
     reply->setParent(this);
+    // Bounds what the network layer holds for us while the digest and the
+    // disk keep up; without it a slow consumer lets the whole file pile up.
+    reply->setReadBufferSize(kDownloadBufferBytes);
+
+    // A chunk that did not reach the disk (a full disk, say) leaves a file
+    // that the digest of the received bytes no longer describes.
+    const auto writeFailed = std::make_shared<bool>(false);
 
     // Each chunk goes through the digest and to the disk as it arrives: the
     // installer is never held in memory as a whole.
-    const auto storeAvailable = [reply, file, digest]() {
+    const auto storeAvailable = [reply, file, digest, writeFailed]() {
         const QByteArray data = reply->readAll();
-        digest->addData(data);
-        file->write(data);
+        digest->addData(data.constData(), static_cast<std::size_t>(data.size()));
+        if (file->write(data) != data.size()) {
+            *writeFailed = true;
+        }
     };
 
     connect(reply, &QIODevice::readyRead, this, [reply, file, storeAvailable]() {
@@ -166,7 +180,7 @@ void NetRCManager::downloadLatestApp()
         storeAvailable();
     });
 
-    connect(reply, &QNetworkReply::finished, this, [this, reply, file, digest, path, storeAvailable]() {
+    connect(reply, &QNetworkReply::finished, this, [this, reply, file, digest, path, storeAvailable, writeFailed]() {
         if (!reply || !file) {
             return;
         }
@@ -174,16 +188,18 @@ void NetRCManager::downloadLatestApp()
         if (reply->bytesAvailable() > 0) {
             storeAvailable();
         }
-        file->flush();
+        if (!file->flush()) {
+            *writeFailed = true;
+        }
         file->close();
         file->deleteLater();
         reply->deleteLater();
 
-        const QString computed = QString::fromLatin1(digest->result().toHex().toUpper());
+        const QString computed = QString::fromLatin1(QByteArray::fromStdString(digest->result()).toHex().toUpper());
         const QString expected = latestChecksum.toUpper();
         qDebug() << computed;
         qDebug() << expected;
-        if (computed == expected) {
+        if (computed == expected && !*writeFailed) {
             qInfo() << "The new installation file has been downloaded";
             emit newInstallationFileDownloaded(path);
         } else {

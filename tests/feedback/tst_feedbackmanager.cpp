@@ -90,6 +90,7 @@ private slots:
     void globalJsonInZipHoldsThisObjectsFacts();
     void secondZipReplacesFirst();
     void zipPassesIndependentTest();
+    void consoleApplicationHasNoScreens();
 
 private:
     std::unique_ptr<ConfigSandbox> m_sandbox;
@@ -399,5 +400,21 @@ void FeedbackManagerTest::zipPassesIndependentTest()
     QVERIFY2(output.contains(QStringLiteral("No errors detected")), qPrintable(output));
 }
 
-QTEST_MAIN(FeedbackManagerTest)
+void FeedbackManagerTest::consoleApplicationHasNoScreens()
+{
+    // This program runs without a GUI application: the platform's screen
+    // list is empty and the screen line with it, rather than an abort.
+    const Orvanta::MachineSources platform = Orvanta::platformMachineSources();
+    QVERIFY(platform.screens->screenSizes().empty());
+    Orvanta::MachineSources sources = m_machine->sources();
+    sources.screens = platform.screens;
+    Orvanta::ScopedMachineSources scope(sources);
+    QCOMPARE(HardwareInfo::screen(), QString());
+    FeedbackManager feedback;
+    const QJsonObject global
+        = QJsonDocument::fromJson(readFile(m_sandbox->filePath(QStringLiteral("global.json")))).object();
+    QCOMPARE(global.value(QStringLiteral("sysInfo")).toObject().value(QStringLiteral("screen")).toString(), QString());
+}
+
+QTEST_GUILESS_MAIN(FeedbackManagerTest)
 #include "tst_feedbackmanager.moc"

@@ -5,6 +5,7 @@
 #include "MessageCapture.h"
 #include "ServerControl.h"
 #include "fakes/FakeMachineSources.h"
+#include "ifaces/Sha256Digest.h"
 
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QTimer>
@@ -71,6 +72,7 @@ private slots:
     void silentServerUntilClosedDuringCheck();
 
     // download
+    void digestGivesKnownValues();
     void largeInstallerStreamsAndVerifies();
     void lowerCaseDigestMatches();
     void wrongDigestRemovesInstaller();
@@ -80,6 +82,7 @@ private slots:
     void downloadBeforeAnyVersionReplyRemovesOldInstaller();
     void redirectIsNotFollowed();
     void installerThatCannotBeCreated();
+    void installerThatCannotBeWrittenIsNotAnnounced();
     void destructionDuringDownloadLeavesNoInstaller();
 
     // feedback upload
@@ -319,6 +322,25 @@ void NetRCManagerTest::silentServerUntilClosedDuringCheck()
 
 // ---- download -------------------------------------------------------------
 
+void NetRCManagerTest::digestGivesKnownValues()
+{
+    const auto hex = [](const std::string& bytes) {
+        return QByteArray::fromStdString(bytes).toHex();
+    };
+    const std::unique_ptr<Orvanta::Ifaces::Sha256Digest> empty = Orvanta::createSha256Digest();
+    QCOMPARE(hex(empty->result()), QByteArray("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"));
+
+    const std::unique_ptr<Orvanta::Ifaces::Sha256Digest> digest = Orvanta::createSha256Digest();
+    digest->addData("a", 1);
+    digest->addData("bc", 2);
+    QCOMPARE(hex(digest->result()), QByteArray("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+    // Asking for the value does not end the computation.
+    QCOMPARE(hex(digest->result()), QByteArray("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+    const QByteArray rest("dbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq");
+    digest->addData(rest.constData(), static_cast<std::size_t>(rest.size()));
+    QCOMPARE(hex(digest->result()), QCryptographicHash::hash("abc" + rest, QCryptographicHash::Sha256).toHex());
+}
+
 void NetRCManagerTest::largeInstallerStreamsAndVerifies()
 {
     const qint64 size = 200 * 1000 * 1000;
@@ -465,6 +487,24 @@ void NetRCManagerTest::installerThatCannotBeCreated()
                          .arg(probe.errorString())});
     QTest::qWait(100);
     QCOMPARE(m_server->requests().size(), 0);
+}
+
+void NetRCManagerTest::installerThatCannotBeWrittenIsNotAnnounced()
+{
+    // The installer's name leads to a device that is always full: the bytes
+    // arrive and match the digest, but never reach the disk.
+    QVERIFY(QFile::link(QStringLiteral("/dev/full"), installerPath()));
+    const qint64 size = 2 * 1024 * 1024;
+    NetRCManager net;
+    announceVersion(net, versionReply(kVersion, m_server->blobUrl(size, 8), m_server->blobDigest(size, 8)));
+    MessageCapture capture;
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    net.downloadLatestApp();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")), kWait);
+    QCOMPARE(downloaded.count(), 0);
+    QVERIFY(!QFileInfo(installerPath()).isSymLink());
+    QVERIFY(!QFile::exists(installerPath()));
 }
 
 void NetRCManagerTest::destructionDuringDownloadLeavesNoInstaller()
@@ -840,5 +880,5 @@ void NetRCManagerTest::destructionDuringBlockingReportEndsWait()
     QVERIFY(watch.isNull());
 }
 
-QTEST_MAIN(NetRCManagerTest)
+QTEST_GUILESS_MAIN(NetRCManagerTest)
 #include "tst_netrcmanager.moc"

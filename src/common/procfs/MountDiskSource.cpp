@@ -82,8 +82,9 @@ bool MountDiskSource::space(const std::string& drive, Ifaces::DiskSpace& space) 
     if (::statvfs(drive.c_str(), &info) != 0) {
         return false;
     }
-    // Free as the caller may use it, as GetDiskFreeSpaceExW counts it under quotas.
-    space.free = static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
+    // All free blocks, those reserved for root included: the disk's own
+    // count of free bytes, not the caller's share of it.
+    space.free = static_cast<std::uint64_t>(info.f_bfree) * info.f_frsize;
     space.total = static_cast<std::uint64_t>(info.f_blocks) * info.f_frsize;
     return true;
 }
