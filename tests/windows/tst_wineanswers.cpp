@@ -1,10 +1,16 @@
-// The duplication logic fed with the answers that Wine's DXGI adapter gives
-// (tst_dxgidisplay asserts them under Wine): the output is found and offers
-// IDXGIOutput5, but DuplicateOutput1 answers E_NOTIMPL. The capturer reports
-// the code from its set-up, and polling keeps failing the same way with
-// empty frames: E_NOTIMPL is not on the stop list, so every poll spends the
-// full five tries.
+// The capture logic fed with the answers that Wine's adapters give, which
+// the Wine tests assert (tst_dxgidisplay, tst_wasapiendpoints).
+//
+// Duplication: the output is found and offers IDXGIOutput5, but
+// DuplicateOutput1 answers E_NOTIMPL. The capturer reports the code from its
+// set-up, and polling keeps failing the same way with empty frames: E_NOTIMPL
+// is not on the stop list, so every poll spends the full five tries.
+//
+// Audio: the mix format of an endpoint is extensible 32-bit float stereo,
+// which the capturer's conversion takes as packed float with the stereo
+// layout.
 
+#include "AudioCapturer_p.h"
 #include "DXGICapturer.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
@@ -13,6 +19,11 @@
 #include "fakes/FakeDesktopDuplicator.h"
 
 #include <QtTest/QtTest>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/samplefmt.h>
+}
 
 namespace {
 
@@ -35,6 +46,7 @@ class WineAnswersTest : public QObject
 private slots:
     void duplicationNotImplementedFailsTheSetUp();
     void pollingAfterwardsTriesFiveTimesAndGivesNothing();
+    void endpointMixFormatMapsToPackedFloatStereo();
 };
 
 void WineAnswersTest::duplicationNotImplementedFailsTheSetUp()
@@ -72,6 +84,25 @@ void WineAnswersTest::pollingAfterwardsTriesFiveTimesAndGivesNothing()
     QCOMPARE(script->sessionsMade, 0);
     QCOMPARE(log.texts(QtWarningMsg), QStringList(QVector<QString>(5, logText(kRetryText, E_NOTIMPL)).toList()));
     QCOMPARE(sleeper->waits, QList<unsigned>({500, 500, 500, 500, 500}));
+}
+
+void WineAnswersTest::endpointMixFormatMapsToPackedFloatStereo()
+{
+    // Field by field as Wine's winepulse reports the null sink's mix format.
+    Orvanta::Ifaces::WaveFormatExtensible format = {};
+    format.Format.wFormatTag = Orvanta::Ifaces::WaveFormatTag::Extensible;
+    format.Format.nChannels = 2;
+    format.Format.nSamplesPerSec = 44100;
+    format.Format.wBitsPerSample = 32;
+    format.Format.nBlockAlign = 8;
+    format.Format.nAvgBytesPerSec = 44100 * 8;
+    format.Format.cbSize = 22;
+    format.Samples.wValidBitsPerSample = 32;
+    format.dwChannelMask = 0x3; // front left, front right
+    format.SubFormat = Orvanta::Ifaces::subFormatIeeeFloat();
+
+    QCOMPARE(int(AudioCapturerPrivate::convertSampleFormat(format)), int(AV_SAMPLE_FMT_FLT));
+    QCOMPARE(AudioCapturerPrivate::convertToAvChannelLayout(format), std::uint64_t(AV_CH_LAYOUT_STEREO));
 }
 
 QTEST_GUILESS_MAIN(WineAnswersTest)
