@@ -1,5 +1,6 @@
 #include "ConfigurationManager.h"
 #include "DeskCaptureOption.h"
+#include "DeskCapturerId.h"
 #include "DeskDuplManager.h"
 #include "Helpers.h"
 #include "MessageCapture.h"
@@ -71,6 +72,7 @@ private slots:
     void initTestCase();
     void init();
 
+    void identifierAndTextRules();
     void identifiersAndDescriptions();
     void metadataOfAnOutput();
     void unknownIdentifiers();
@@ -129,6 +131,24 @@ std::shared_ptr<FakeDisplaySystem> TestDeskDuplManager::twoAdapters()
     second->addOutput(L"\\\\.\\DISPLAY2", 1920, -200, 2560, 1440, 0x2001);
     second->addOutput(L"", 4480, 0, 2560, 1440, 0x2002);
     return system;
+}
+
+void TestDeskDuplManager::identifierAndTextRules()
+{
+    using namespace Orvanta::DeskCapturerId;
+    QCOMPARE(baseId("\\\\.\\DISPLAY2"), QStringLiteral("DISPLAY2"));
+    QCOMPARE(identifier(baseId("\\\\.\\DISPLAY2"), 1, 0), QStringLiteral("DISPLAY2-A1-O0"));
+    QCOMPARE(description("DISPLAY2", 2560, 1440, 0), QStringLiteral("DISPLAY2 2560x1440 (OUT1)"));
+    // An empty name, or one that is only its prefix, gives the base OUTPUT and a text without it.
+    QCOMPARE(baseId(""), QStringLiteral("OUTPUT"));
+    QCOMPARE(baseId("\\\\.\\ "), QStringLiteral("OUTPUT"));
+    QCOMPARE(identifier(baseId(""), 1, 0), QStringLiteral("OUTPUT-A1-O0"));
+    QCOMPARE(description(baseId(""), 2560, 1440, 0), QStringLiteral("2560x1440 (OUT1)"));
+    // The name behind the last backslash, trimmed; "DISPLAY" in any case.
+    QCOMPARE(baseId("\\\\.\\ Monitor7 "), QStringLiteral("Monitor7"));
+    QCOMPARE(description("Monitor7", 800, 600, 2), QStringLiteral("800x600 (OUT3)"));
+    QCOMPARE(description("display3", 800, 600, 0), QStringLiteral("display3 800x600 (OUT1)"));
+    QCOMPARE(baseId("LEFT"), QStringLiteral("LEFT"));
 }
 
 void TestDeskDuplManager::identifiersAndDescriptions()
