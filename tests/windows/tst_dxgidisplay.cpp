@@ -49,6 +49,7 @@ TEST_F(DxgiDisplayTest, PlatformSystemIsDxgiAndNeedsDevices)
     EXPECT_NE(dynamic_cast<Dxgi::DxgiDisplaySystem*>(m_system.get()), nullptr);
     EXPECT_FALSE(m_system->devicesOptional());
     // IsUserAnAdmin: Wine's user is an administrator.
+    EXPECT_TRUE(m_system->hasAdministratorRights());
     EXPECT_EQ(m_system->hasAdministratorRights(), IsUserAnAdmin() != FALSE);
 }
 
