@@ -1,6 +1,6 @@
 #include "Helpers.h"
 
-#include "ifaces/ErrorTextSource.h"
+#include "ResultCodeText.h"
 
 #include <QtCore/QStringList>
 
@@ -40,13 +40,5 @@ QDate convertDateMacro(const QString& date)
 
 QString win32ErrorMsg(long code)
 {
-    if (code >= 0) {
-        return QStringLiteral("No error");
-    }
-    const std::wstring message = Orvanta::platformErrorTextSource().systemMessage(code);
-    const QString number = QStringLiteral("0x%1").arg(QString::number(code, 16).toUpper());
-    if (!message.empty()) {
-        return QStringLiteral("%1: %2").arg(number, QString::fromStdWString(message));
-    }
-    return QStringLiteral("%1: Unknown expect").arg(number);
+    return QString::fromStdWString(Orvanta::resultCodeText(code, Orvanta::platformErrorTextSource()));
 }

@@ -6,12 +6,6 @@
 // capture logic and its log texts are identical on every platform. The values
 // are sign-extended from 32 bits, as a Windows `long` holds them.
 
-#ifdef _WIN32
-#include <winerror.h>
-#ifndef RO_E_CLOSED
-#define RO_E_CLOSED ((long)0x80000013L)
-#endif
-#else
 #include <cstdint>
 
 namespace Orvanta {
@@ -20,6 +14,22 @@ constexpr long hresultFromBits(std::uint32_t bits)
     return static_cast<long>(static_cast<std::int32_t>(bits));
 }
 } // namespace Orvanta
+
+#ifdef _WIN32
+// winerror.h's codes are casts to HRESULT, which windows.h declares; the
+// AUDCLNT_ codes live in audioclient.h.
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+
+#include <audioclient.h>
+#include <winerror.h>
+// Older SDK headers lack the Windows runtime's closed-object code.
+#ifndef RO_E_CLOSED
+#define RO_E_CLOSED ((long)0x80000013L)
+#endif
+#else
 
 constexpr long S_OK = 0;
 constexpr long S_FALSE = 1;

@@ -1,31 +1,15 @@
 #pragma once
 
-// The Core Audio declarations that every Windows SDK has but some toolchains'
-// headers lack or leave incomplete, in one place.
+// Core Audio identifiers and text helpers shared by the WASAPI adapters.
 
-#include <windows.h>
+// The SDK gaps themselves (the peak meter's definition, the property keys,
+// identifiers GCC cannot take from __declspec(uuid)) are filled in the
+// library's one compatibility header.
+#include "win32/WindowsSdkCompat.h"
 
-#include <initguid.h> // before the property keys, so that they are defined here
-
-#include <audioclient.h>
-#include <endpointvolume.h>
-#include <functiondiscoverykeys_devpkey.h>
-#include <mmdeviceapi.h>
 #include <propidl.h>
 
 #include <string>
-
-#ifndef __IAudioMeterInformation_INTERFACE_DEFINED__
-#define __IAudioMeterInformation_INTERFACE_DEFINED__
-// Some headers only forward-declare the peak meter.
-struct IAudioMeterInformation : public IUnknown
-{
-    virtual HRESULT STDMETHODCALLTYPE GetPeakValue(float* peak) = 0;
-    virtual HRESULT STDMETHODCALLTYPE GetMeteringChannelCount(UINT* channelCount) = 0;
-    virtual HRESULT STDMETHODCALLTYPE GetChannelsPeakValues(UINT32 channelCount, float* peakValues) = 0;
-    virtual HRESULT STDMETHODCALLTYPE QueryHardwareSupport(DWORD* hardwareSupportMask) = 0;
-};
-#endif
 
 namespace Orvanta {
 namespace Wasapi {
@@ -40,8 +24,7 @@ constexpr IID kIidMMNotificationClient = {0x7991EEC9, 0x7E89, 0x4D85, {0x83, 0x9
 constexpr IID kIidAudioClient = {0x1CB9AD4C, 0xDBFA, 0x4C32, {0xB1, 0x78, 0xC2, 0xF5, 0x68, 0xA7, 0x03, 0xB2}};
 constexpr IID kIidAudioCaptureClient = {0xC8ADBD64, 0xE71E, 0x48A0, {0xA4, 0xDE, 0x18, 0x5C, 0x39, 0x5C, 0xD3, 0x17}};
 constexpr IID kIidAudioEndpointVolume = {0x5CDF2C82, 0x841E, 0x4546, {0x97, 0x22, 0x0C, 0xF7, 0x40, 0x78, 0x22, 0x9A}};
-constexpr IID kIidAudioMeterInformation
-    = {0xC02216F6, 0x8C67, 0x4B5B, {0x9D, 0x00, 0xD0, 0x08, 0xE7, 0x3E, 0x00, 0x64}};
+constexpr IID kIidAudioMeterInformation = Win32::kIidAudioMeterInformation;
 
 inline std::string toUtf8(const wchar_t* text)
 {
