@@ -9,6 +9,7 @@
 #   --label REGEX       run only the tests whose label matches (ctest -L)
 #   --build-dir DIR     where to build (default: build, or build-<sanitizers>)
 #   --no-install        skip the package installation step
+#   --no-windows        skip the Windows stage (mingw-w64 cross build run under Wine)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -16,12 +17,14 @@ sanitizers=""
 label=""
 build=""
 install=1
+windows=1
 while [[ $# -gt 0 ]]; do
     case $1 in
         --sanitizers) sanitizers=$2; shift 2 ;;
         --label) label=$2; shift 2 ;;
         --build-dir) build=$2; shift 2 ;;
         --no-install) install=0; shift ;;
+        --no-windows) windows=0; shift ;;
         *) echo "unknown option: $1" >&2; exit 2 ;;
     esac
 done
@@ -59,3 +62,9 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:supp
 ctest_args=(--test-dir "$build" --output-on-failure --timeout 900)
 [[ -n $label ]] && ctest_args+=(-L "$label")
 ctest "${ctest_args[@]}"
+
+# The Windows adapters: cross-compiled and run under Wine after the Linux
+# suite. Sanitizer builds and label-filtered runs leave it out.
+if ((windows)) && [[ -z $sanitizers && -z $label ]]; then
+    ORVANTA_SKIP_INSTALL=$((1 - install)) bash "$root/scripts/test-windows.sh" "$root/build-windows"
+fi
