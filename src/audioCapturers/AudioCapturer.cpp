@@ -5,9 +5,9 @@
 #include "ConfigurationManager.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
-#include "ifaces/EndpointWatcher.h"
 #include "SoundMetaTypes.h"
 #include "SpectrumMath.h"
+#include "ifaces/EndpointWatcher.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QElapsedTimer>
