@@ -17,6 +17,8 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "BenchXServer.h"
+
 #include <benchmark/benchmark.h>
 #include <xcb/xcb.h>
 
@@ -31,98 +33,16 @@
 
 namespace {
 
-/// One Xvfb per screen size for the whole run; killed at exit.
-class BenchXServer
-{
-public:
-    explicit BenchXServer(const QByteArray& screen)
-    {
-        int fds[2];
-        if (pipe(fds) != 0) {
-            return;
-        }
-        const QByteArray fd = QByteArray::number(fds[1]);
-        m_pid = fork();
-        if (m_pid == 0) {
-            close(fds[0]);
-            const int devnull = open("/dev/null", O_RDWR);
-            dup2(devnull, 0);
-            dup2(devnull, 1);
-            dup2(devnull, 2);
-            execlp("Xvfb", "Xvfb", "-displayfd", fd.constData(), "-screen", "0", screen.constData(), "+extension",
-                "RANDR", "+extension", "DAMAGE", "+extension", "MIT-SHM", "-nolisten", "tcp", "-noreset",
-                static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        pollfd descriptor = {fds[0], POLLIN, 0};
-        char c;
-        while (m_pid > 0 && ::poll(&descriptor, 1, 20000) > 0 && read(fds[0], &c, 1) == 1 && c != '\n') {
-            m_display.append(c);
-        }
-        close(fds[0]);
-        m_display.prepend(':');
-    }
-    ~BenchXServer()
-    {
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    const QByteArray& display() const
-    {
-        return m_display;
-    }
-
-private:
-    pid_t m_pid = -1;
-    QByteArray m_display;
-};
-
 BenchXServer& serverFor(const QByteArray& screen)
 {
     static std::map<QByteArray, std::unique_ptr<BenchXServer>> servers;
     auto& server = servers[screen];
     if (!server) {
-        server = std::make_unique<BenchXServer>(screen);
+        server = std::make_unique<BenchXServer>(screen.toStdString());
     }
-    qputenv("DISPLAY", server->display());
+    qputenv("DISPLAY", QByteArray::fromStdString(server->display()));
     return *server;
 }
-
-/// A client that keeps changing the screen, as a playing video would.
-class Painter
-{
-public:
-    Painter()
-        : m_connection(xcb_connect(nullptr, nullptr))
-    {
-        m_screen = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data;
-        m_gc = xcb_generate_id(m_connection);
-        xcb_create_gc(m_connection, m_gc, m_screen->root, 0, nullptr);
-    }
-    ~Painter()
-    {
-        xcb_free_gc(m_connection, m_gc);
-        xcb_disconnect(m_connection);
-    }
-    /// Draws a square in a new colour and waits until the server has drawn it.
-    void change()
-    {
-        const std::uint32_t colour = (m_step++ * 0x10305u) & 0xFFFFFFu;
-        xcb_change_gc(m_connection, m_gc, XCB_GC_FOREGROUND, &colour);
-        const xcb_rectangle_t square = {std::int16_t(m_step % 512), 100, 256, 256};
-        xcb_poly_fill_rectangle(m_connection, m_screen->root, m_gc, 1, &square);
-        std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
-    }
-
-private:
-    xcb_connection_t* m_connection;
-    xcb_screen_t* m_screen = nullptr;
-    xcb_gcontext_t m_gc = 0;
-    unsigned m_step = 1;
-};
 
 /// The capture context of the first monitor of $DISPLAY.
 bool firstOutput(DeskCaptureContext& context, std::shared_ptr<Orvanta::Ifaces::DisplaySystem>& system)
@@ -166,7 +86,7 @@ template <typename Capturer> void frameOnChangingScreen(benchmark::State& state,
         return;
     }
     capturer.setOutputSize(QSize(320, 180));
-    Painter painter;
+    ScreenPainter painter;
     capturer.nextFrame();
     std::int64_t frames = 0;
     for (auto _ : state) {

@@ -12,6 +12,8 @@
 
 #include <QtCore/QByteArray>
 
+#include "BenchXServer.h"
+
 #include <benchmark/benchmark.h>
 #include <xcb/xcb.h>
 
@@ -98,85 +100,6 @@ private:
     bool m_running = false;
 };
 
-/// An Xvfb of its own, killed at exit.
-class XServer
-{
-public:
-    explicit XServer(const char* screen)
-    {
-        int fds[2];
-        if (pipe(fds) != 0)
-            return;
-        const std::string fd = std::to_string(fds[1]);
-        m_pid = fork();
-        if (m_pid == 0) {
-            close(fds[0]);
-            const int devnull = open("/dev/null", O_RDWR);
-            dup2(devnull, 0);
-            dup2(devnull, 1);
-            dup2(devnull, 2);
-            execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", screen, "+extension", "RANDR",
-                "+extension", "DAMAGE", "+extension", "MIT-SHM", "-nolisten", "tcp", "-noreset",
-                static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        pollfd descriptor = {fds[0], POLLIN, 0};
-        char c;
-        while (m_pid > 0 && ::poll(&descriptor, 1, 20000) > 0 && read(fds[0], &c, 1) == 1 && c != '\n')
-            m_display += c;
-        close(fds[0]);
-        m_display.insert(0, ":");
-    }
-    ~XServer()
-    {
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    const std::string& display() const
-    {
-        return m_display;
-    }
-
-private:
-    pid_t m_pid = -1;
-    std::string m_display;
-};
-
-/// Keeps changing the X screen, as a playing video would.
-class Painter
-{
-public:
-    Painter()
-        : m_connection(xcb_connect(nullptr, nullptr))
-    {
-        m_screen = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data;
-        m_gc = xcb_generate_id(m_connection);
-        xcb_create_gc(m_connection, m_gc, m_screen->root, 0, nullptr);
-    }
-    ~Painter()
-    {
-        xcb_free_gc(m_connection, m_gc);
-        xcb_disconnect(m_connection);
-    }
-    void change()
-    {
-        const std::uint32_t colour = (m_step++ * 0x10305u) & 0xFFFFFFu;
-        xcb_change_gc(m_connection, m_gc, XCB_GC_FOREGROUND, &colour);
-        const xcb_rectangle_t square = {std::int16_t(m_step % 512), 100, 256, 256};
-        xcb_poly_fill_rectangle(m_connection, m_screen->root, m_gc, 1, &square);
-        std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
-    }
-
-private:
-    xcb_connection_t* m_connection;
-    xcb_screen_t* m_screen = nullptr;
-    xcb_gcontext_t m_gc = 0;
-    unsigned m_step = 1;
-};
-
 using Clock = std::chrono::steady_clock;
 
 /// Times the one nextFrame() call of each iteration that delivers a frame.
@@ -220,7 +143,7 @@ void PortalFrameOurs(benchmark::State& state)
 
 void PortalFrameReference(benchmark::State& state)
 {
-    static XServer server("1920x1080x24");
+    static BenchXServer server("1920x1080x24");
     ::setenv("DISPLAY", server.display().c_str(), 1);
     auto system = Orvanta::Ifaces::createPlatformDisplaySystem();
     std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
@@ -248,7 +171,7 @@ void PortalFrameReference(benchmark::State& state)
         return;
     }
     capturer.setOutputSize(QSize(320, 180));
-    Painter painter;
+    ScreenPainter painter;
     timeDeliveredFrames(state, capturer, [&painter] { painter.change(); });
 }
 
