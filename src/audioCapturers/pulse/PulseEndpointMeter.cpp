@@ -88,29 +88,13 @@ EndpointMeter::EndpointMeter(std::shared_ptr<ServerConnection> connection, std::
 
 long EndpointMeter::deviceVolume(pa_cvolume& volume, std::uint32_t& channels) const
 {
-    if (m_flow == Ifaces::DataFlow::Capture) {
-        std::vector<SourceRecord> sources;
-        const long hr = m_connection->sources(m_name, sources);
-        if (hr < 0) {
-            return hr;
-        }
-        if (sources.empty()) {
-            return AUDCLNT_E_DEVICE_INVALIDATED;
-        }
-        volume = sources.front().volume;
-        channels = sources.front().sampleSpec.channels;
-        return S_OK;
-    }
-    std::vector<SinkRecord> sinks;
-    const long hr = m_connection->sinks(m_name, sinks);
+    DeviceFormat format;
+    const long hr = m_connection->deviceFormat(m_name, m_flow == Ifaces::DataFlow::Capture, format);
     if (hr < 0) {
         return hr;
     }
-    if (sinks.empty()) {
-        return AUDCLNT_E_DEVICE_INVALIDATED;
-    }
-    volume = sinks.front().volume;
-    channels = sinks.front().sampleSpec.channels;
+    volume = format.volume;
+    channels = format.sampleSpec.channels;
     return S_OK;
 }
 

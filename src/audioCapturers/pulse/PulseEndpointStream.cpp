@@ -148,27 +148,12 @@ EndpointStream::~EndpointStream() = default;
 
 long EndpointStream::mixFormat(Ifaces::WaveFormatExtensible& format)
 {
-    if (m_flow == Ifaces::DataFlow::Capture) {
-        std::vector<SourceRecord> sources;
-        const long hr = m_connection->sources(m_name, sources);
-        if (hr < 0) {
-            return hr;
-        }
-        if (sources.empty()) {
-            return AUDCLNT_E_DEVICE_INVALIDATED;
-        }
-        format = toWaveFormat(sources.front().sampleSpec, sources.front().channelMap);
-        return S_OK;
-    }
-    std::vector<SinkRecord> sinks;
-    const long hr = m_connection->sinks(m_name, sinks);
+    DeviceFormat device;
+    const long hr = m_connection->deviceFormat(m_name, m_flow == Ifaces::DataFlow::Capture, device);
     if (hr < 0) {
         return hr;
     }
-    if (sinks.empty()) {
-        return AUDCLNT_E_DEVICE_INVALIDATED;
-    }
-    format = toWaveFormat(sinks.front().sampleSpec, sinks.front().channelMap);
+    format = toWaveFormat(device.sampleSpec, device.channelMap);
     return S_OK;
 }
 

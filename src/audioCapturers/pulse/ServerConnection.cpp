@@ -337,6 +337,36 @@ long ServerConnection::sources(const std::string& name, std::vector<SourceRecord
     });
 }
 
+namespace {
+
+template <typename Record> long firstFormat(long hr, const std::vector<Record>& records, DeviceFormat& format)
+{
+    if (hr < 0) {
+        return hr;
+    }
+    if (records.empty()) {
+        return AUDCLNT_E_DEVICE_INVALIDATED;
+    }
+    format.sampleSpec = records.front().sampleSpec;
+    format.channelMap = records.front().channelMap;
+    format.volume = records.front().volume;
+    return S_OK;
+}
+
+} // namespace
+
+long ServerConnection::deviceFormat(const std::string& name, bool isSource, DeviceFormat& format)
+{
+    if (isSource) {
+        std::vector<SourceRecord> sources;
+        const long hr = this->sources(name, sources);
+        return firstFormat(hr, sources, format);
+    }
+    std::vector<SinkRecord> sinks;
+    const long hr = this->sinks(name, sinks);
+    return firstFormat(hr, sinks, format);
+}
+
 long ServerConnection::server(ServerRecord& record)
 {
     return blockingQuery(*this, record, [](pa_context* context, void* request) {

@@ -46,6 +46,14 @@ struct SourceRecord
     pa_cvolume volume {};
 };
 
+/// What the stream and the meter need of one sink or source.
+struct DeviceFormat
+{
+    pa_sample_spec sampleSpec {};
+    pa_channel_map channelMap {};
+    pa_cvolume volume {};
+};
+
 struct ServerRecord
 {
     std::string defaultSink;
@@ -95,6 +103,8 @@ public:
     // Blocking queries; @p name empty means all.
     long sinks(const std::string& name, std::vector<SinkRecord>& records);
     long sources(const std::string& name, std::vector<SourceRecord>& records);
+    /// The source (@p isSource) or sink named @p name; AUDCLNT_E_DEVICE_INVALIDATED once it is gone.
+    long deviceFormat(const std::string& name, bool isSource, DeviceFormat& format);
     long server(ServerRecord& record);
 
     // The same queries for the loop's thread: @p done runs there when the
