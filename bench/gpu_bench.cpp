@@ -124,21 +124,12 @@ cv::Mat desktopPicture()
     return picture;
 }
 
-void ResizeGpuOurs(benchmark::State& state)
+// Draws a random desktop-sized picture into 320x180 through @p scaler, once per iteration.
+void timeResize(benchmark::State& state, std::shared_ptr<Orvanta::Ifaces::GpuScaler> scaler)
 {
     const cv::Mat picture = desktopPicture();
-    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
-    {
-        serverFor("1920x1080x24");
-        DeskCaptureContext context;
-        std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
-        if (firstOutput(context, system)) {
-            device = context.device;
-        }
-    }
     D3DTextureResizer resizer;
-    if (!resizer.setContext(Orvanta::Ifaces::createPlatformGpuScaler(device))
-        || !resizer.setTargetSize(cv::Size(320, 180))) {
+    if (!resizer.setContext(std::move(scaler)) || !resizer.setTargetSize(cv::Size(320, 180))) {
         state.SkipWithError("no scaler");
         return;
     }
@@ -154,26 +145,24 @@ void ResizeGpuOurs(benchmark::State& state)
     }
 }
 
+void ResizeGpuOurs(benchmark::State& state)
+{
+    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
+    {
+        serverFor("1920x1080x24");
+        DeskCaptureContext context;
+        std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
+        if (firstOutput(context, system)) {
+            device = context.device;
+        }
+    }
+    timeResize(state, Orvanta::Ifaces::createPlatformGpuScaler(device));
+}
+
 // The same drawing without a GPU context: what runs where none can be made.
 void ResizeCpuOurs(benchmark::State& state)
 {
-    const cv::Mat picture = desktopPicture();
-    D3DTextureResizer resizer;
-    if (!resizer.setContext(std::make_shared<Orvanta::Cpu::SoftwareScaler>())
-        || !resizer.setTargetSize(cv::Size(320, 180))) {
-        state.SkipWithError("no scaler");
-        return;
-    }
-    Orvanta::Ifaces::ScalerSource source;
-    source.pixels = picture.data;
-    source.bytesPerLine = picture.step[0];
-    source.width = picture.cols;
-    source.height = picture.rows;
-    source.format = Orvanta::Ifaces::PixelFormat::B8G8R8A8Unorm;
-    for (auto _ : state) {
-        const cv::Mat frame = resizer.resizeToCVMat(source);
-        benchmark::DoNotOptimize(frame.data);
-    }
+    timeResize(state, std::make_shared<Orvanta::Cpu::SoftwareScaler>());
 }
 
 void ResizeGpuReference(benchmark::State& state)
