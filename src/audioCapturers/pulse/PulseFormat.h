@@ -20,7 +20,7 @@ namespace Pulse {
  */
 Ifaces::WaveFormatExtensible toWaveFormat(const pa_sample_spec& spec, const pa_channel_map& map);
 
-/// The sample specification for @p format; false when the server has none.
+/// The server's sample format, rate and channel count for @p format; false when the server has no such format.
 bool toSampleSpec(const Ifaces::WaveFormatExtensible& format, pa_sample_spec& spec);
 
 /// The channel map for @p format: its speaker mask in bit order, or the
