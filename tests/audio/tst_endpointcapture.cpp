@@ -10,6 +10,8 @@
 #include <QtCore/QThread>
 #include <QtTest/QtTest>
 
+#include <functional>
+
 #include <cmath>
 
 using namespace Orvanta::Ifaces;
@@ -230,67 +232,34 @@ private slots:
 
     void loadFailuresAreLoggedAndReturned()
     {
-        const QString text = QStringLiteral("%1 \"%2\"");
-        {
+        // Each step of load() that fails ends it with that step's line and code.
+        auto expectFailure = [](const std::function<void(Rig&)>& breakStep, long code, const char* step) {
             Rig rig;
-            rig.endpoint->dataFlowResult = E_NOINTERFACE;
+            breakStep(rig);
             MessageCapture capture;
             AudioCapturer capturer;
-            QCOMPARE(capturer.load(rig.endpoint), E_NOINTERFACE);
-            QVERIFY(capture.contains(
-                QtCriticalMsg, text.arg("Failed to get data flow of IMMEndpoint ", win32ErrorMsg(E_NOINTERFACE))));
-        }
+            QCOMPARE(capturer.load(rig.endpoint), code);
+            const QString line = QStringLiteral("%1 \"%2\"").arg(QLatin1String(step), win32ErrorMsg(code));
+            QVERIFY2(capture.contains(QtCriticalMsg, line), qPrintable(capture.all().join(QLatin1Char('\n'))));
+        };
+        expectFailure([](Rig& rig) { rig.endpoint->dataFlowResult = E_NOINTERFACE; }, E_NOINTERFACE,
+            "Failed to get data flow of IMMEndpoint ");
+        expectFailure([](Rig& rig) { rig.endpoint->activations.stream = nullptr; }, E_NOINTERFACE,
+            "Failed to active IAudioClient");
+        expectFailure([](Rig& rig) { rig.endpoint->activations.volume = nullptr; }, E_NOINTERFACE,
+            "Failed to active the IAudioEndpointVolume interface ");
+        expectFailure([](Rig& rig) { rig.script->mixFormatResult = AUDCLNT_E_DEVICE_INVALIDATED; },
+            AUDCLNT_E_DEVICE_INVALIDATED, "Failed to get mix format of IAudioClient ");
+        expectFailure([](Rig& rig) { rig.script->captureClientResult = AUDCLNT_E_WRONG_ENDPOINT_TYPE; },
+            AUDCLNT_E_WRONG_ENDPOINT_TYPE, "Failed to get AudioClient service ");
+        expectFailure([](Rig& rig) { rig.script->startResult = AUDCLNT_E_NOT_INITIALIZED; }, AUDCLNT_E_NOT_INITIALIZED,
+            "Failed to start audio client capture ");
         {
             MessageCapture capture;
             AudioCapturer capturer;
             QCOMPARE(capturer.load(nullptr), E_POINTER);
-            QVERIFY(capture.contains(
-                QtCriticalMsg, text.arg("Failed to query IMMEndpoint interface ", win32ErrorMsg(E_POINTER))));
-        }
-        {
-            Rig rig;
-            rig.endpoint->activations.stream = nullptr;
-            MessageCapture capture;
-            AudioCapturer capturer;
-            QCOMPARE(capturer.load(rig.endpoint), E_NOINTERFACE);
-            QVERIFY(capture.contains(
-                QtCriticalMsg, text.arg("Failed to active IAudioClient", win32ErrorMsg(E_NOINTERFACE))));
-        }
-        {
-            Rig rig;
-            rig.endpoint->activations.volume = nullptr;
-            MessageCapture capture;
-            AudioCapturer capturer;
-            QCOMPARE(capturer.load(rig.endpoint), E_NOINTERFACE);
             QVERIFY(capture.contains(QtCriticalMsg,
-                text.arg("Failed to active the IAudioEndpointVolume interface ", win32ErrorMsg(E_NOINTERFACE))));
-        }
-        {
-            Rig rig;
-            rig.script->mixFormatResult = AUDCLNT_E_DEVICE_INVALIDATED;
-            MessageCapture capture;
-            AudioCapturer capturer;
-            QCOMPARE(capturer.load(rig.endpoint), AUDCLNT_E_DEVICE_INVALIDATED);
-            QVERIFY(capture.contains(QtCriticalMsg,
-                text.arg("Failed to get mix format of IAudioClient ", win32ErrorMsg(AUDCLNT_E_DEVICE_INVALIDATED))));
-        }
-        {
-            Rig rig;
-            rig.script->captureClientResult = AUDCLNT_E_WRONG_ENDPOINT_TYPE;
-            MessageCapture capture;
-            AudioCapturer capturer;
-            QCOMPARE(capturer.load(rig.endpoint), AUDCLNT_E_WRONG_ENDPOINT_TYPE);
-            QVERIFY(capture.contains(QtCriticalMsg,
-                text.arg("Failed to get AudioClient service ", win32ErrorMsg(AUDCLNT_E_WRONG_ENDPOINT_TYPE))));
-        }
-        {
-            Rig rig;
-            rig.script->startResult = AUDCLNT_E_NOT_INITIALIZED;
-            MessageCapture capture;
-            AudioCapturer capturer;
-            QCOMPARE(capturer.load(rig.endpoint), AUDCLNT_E_NOT_INITIALIZED);
-            QVERIFY(capture.contains(QtCriticalMsg,
-                text.arg("Failed to start audio client capture ", win32ErrorMsg(AUDCLNT_E_NOT_INITIALIZED))));
+                QStringLiteral("%1 \"%2\"").arg("Failed to query IMMEndpoint interface ", win32ErrorMsg(E_POINTER))));
         }
     }
 
