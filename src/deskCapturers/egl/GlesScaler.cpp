@@ -2,6 +2,7 @@
 
 #include "ResultCodes.h"
 #include "cpu/SoftwareScaler.h"
+#include "egl/DmaBufImporter.h"
 #include "egl/EglDevice.h"
 
 #include <GLES3/gl3.h>
@@ -143,6 +144,7 @@ struct GlesScaler::Objects
     const void* sourcePixels = nullptr; // what the texture was last filled from
     std::size_t sourceBytesPerLine = 0;
     GLuint sourceView = 0; // the texture the next draw samples, 0 when none
+    GLuint imported = 0; // a texture whose storage is an imported DMA-BUF
 };
 
 /// Makes the scaler's context current for one operation and puts back what was current.
@@ -199,6 +201,7 @@ GlesScaler::GlesScaler(std::shared_ptr<void> owner, EGLDisplay display, EGLConte
     , m_display(display)
     , m_context(context)
     , m_gl(std::make_unique<Objects>())
+    , m_importer(std::make_unique<DmaBufImporter>(display))
 {
 }
 
@@ -209,6 +212,8 @@ GlesScaler::~GlesScaler()
     if (!current.ok()) {
         return;
     }
+    m_importer.reset();
+    glDeleteTextures(1, &m_gl->imported);
     glDeleteTextures(1, &m_gl->source);
     glDeleteFramebuffers(1, &m_gl->framebuffer);
     glDeleteTextures(1, &m_gl->target);
@@ -395,6 +400,9 @@ long GlesScaler::createSourceView(const Ifaces::ScalerSource& source)
         m_gl->sourceView = static_cast<GLuint>(reinterpret_cast<std::uintptr_t>(source.nativeTexture));
         return S_OK;
     }
+    if (source.dmaBuf) {
+        return importSource(*source.dmaBuf);
+    }
     UploadFormat upload;
     const std::size_t pixelBytes = Ifaces::bytesPerPixel(source.format);
     if (!source.pixels || source.width <= 0 || source.height <= 0 || !uploadFormat(source.format, upload)
@@ -459,6 +467,36 @@ long GlesScaler::createSourceView(const Ifaces::ScalerSource& source)
     return S_OK;
 }
 
+long GlesScaler::importSource(const Ifaces::DmaBufImage& image)
+{
+    clearGlErrors();
+    // A texture of its own: the upload texture keeps the pixels that partial
+    // uploads of CPU sources build on.
+    if (!m_gl->imported) {
+        glGenTextures(1, &m_gl->imported);
+    }
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, m_gl->imported);
+    const long result = m_importer->bindToTexture(image);
+    if (result < 0) {
+        return result;
+    }
+    // The driver reads the DRM layout itself, padding bytes of X formats as opaque.
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_SWIZZLE_R, GL_RED);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_SWIZZLE_G, GL_GREEN);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_SWIZZLE_B, GL_BLUE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_SWIZZLE_A, GL_ALPHA);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 0);
+    m_gl->sourceView = m_gl->imported;
+    return S_OK;
+}
+
+std::vector<Ifaces::DmaBufFormat> GlesScaler::importableDmaBufFormats(const std::vector<std::uint32_t>& wanted) const
+{
+    return m_importer->formats(wanted);
+}
+
 void GlesScaler::draw()
 {
     CurrentScope current(*this);
@@ -488,6 +526,8 @@ void GlesScaler::draw()
 void GlesScaler::releaseSourceView()
 {
     m_gl->sourceView = 0;
+    // The picture has been drawn: the buffer may go back to its producer.
+    m_importer->release();
 }
 
 void* GlesScaler::nativeTarget() const

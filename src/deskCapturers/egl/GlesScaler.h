@@ -4,11 +4,14 @@
 
 #include <EGL/egl.h>
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
 namespace Orvanta {
 namespace Egl {
+
+class DmaBufImporter;
 
 /**
  * The scaler's pipeline on OpenGL ES 3 through an EGL context without a
@@ -23,7 +26,9 @@ namespace Egl {
  * makes the context current on the calling thread for its own span and
  * restores what was current before, so one scaler may be driven from
  * different threads one after the other, and several scalers may share a
- * thread. CPU sources are uploaded into a texture kept between frames.
+ * thread. CPU sources are uploaded into a texture kept between frames;
+ * DMA-BUF sources are imported where the driver can (see
+ * importableDmaBufFormats()).
  */
 class GlesScaler final : public Ifaces::GpuScaler
 {
@@ -54,7 +59,13 @@ public:
     void unmapStaging() override;
     void releaseStaging() override;
 
+    /// Of the DRM formats @p wanted, those this scaler takes as DMA-BUF
+    /// sources, with their modifiers; empty where the driver imports none.
+    std::vector<Ifaces::DmaBufFormat> importableDmaBufFormats(const std::vector<std::uint32_t>& wanted) const;
+
 private:
+    long importSource(const Ifaces::DmaBufImage& image);
+
     class CurrentScope;
     struct Objects;
 
@@ -62,6 +73,7 @@ private:
     EGLDisplay m_display;
     EGLContext m_context;
     std::unique_ptr<Objects> m_gl;
+    std::unique_ptr<DmaBufImporter> m_importer;
     std::unique_ptr<CurrentScope> m_use; // the context held for a run of operations
     int m_useDepth = 0;
     std::vector<unsigned char> m_staging;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace Orvanta {
 namespace Ifaces {
@@ -83,9 +84,51 @@ struct ScalerRect
     int height = 0;
 };
 
+/// Format modifier of a DMA-BUF laid out in plain rows (DRM_FORMAT_MOD_LINEAR).
+constexpr std::uint64_t DmaBufLinearModifier = 0;
+
+/// A DRM four-character code, such as 'XR24' (bytes B, G, R, padding in memory).
+constexpr std::uint32_t drmFourcc(char a, char b, char c, char d)
+{
+    return std::uint32_t(std::uint8_t(a)) | std::uint32_t(std::uint8_t(b)) << 8 | std::uint32_t(std::uint8_t(c)) << 16
+        | std::uint32_t(std::uint8_t(d)) << 24;
+}
+
+/// A layout a scaler imports from DMA-BUFs: a DRM format and the modifiers it takes with it.
+struct DmaBufFormat
+{
+    std::uint32_t fourcc = 0;
+    std::vector<std::uint64_t> modifiers;
+};
+
+/// One plane of a DMA-BUF picture. The descriptor belongs to whoever made the image.
+struct DmaBufPlane
+{
+    int fd = -1;
+    std::uint32_t offset = 0;
+    std::uint32_t stride = 0;
+};
+
 /**
- * The picture to scale: either pixels in CPU memory or a texture that lives on
- * the scaler's own device. Only one of @c pixels and @c nativeTexture is set.
+ * A picture in GPU memory shared by another process (Linux DMA-BUF): imported
+ * by the scaler without a copy through the CPU.
+ */
+struct DmaBufImage
+{
+    static constexpr int MaxPlanes = 4;
+
+    int width = 0;
+    int height = 0;
+    std::uint32_t fourcc = 0;
+    std::uint64_t modifier = DmaBufLinearModifier;
+    int planeCount = 0;
+    DmaBufPlane planes[MaxPlanes];
+};
+
+/**
+ * The picture to scale: pixels in CPU memory, a texture that lives on the
+ * scaler's own device, or a DMA-BUF the scaler's device imports. Only one of
+ * @c pixels, @c nativeTexture and @c dmaBuf is set.
  * The caller keeps the memory alive until the scaler has released its view of
  * it (releaseSourceView).
  */
@@ -95,6 +138,8 @@ struct ScalerSource
     std::size_t bytesPerLine = 0;
     /// A device texture (ID3D11Texture2D* for Direct3D 11); not owned.
     void* nativeTexture = nullptr;
+    /// A DMA-BUF picture; not owned. Width, height and format are those of the image.
+    const DmaBufImage* dmaBuf = nullptr;
     int width = 0;
     int height = 0;
     PixelFormat format = PixelFormat::Unknown;

@@ -7,10 +7,17 @@
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
 
+#include <fcntl.h>
+#include <linux/dma-buf.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <mutex>
-#include <unistd.h>
 
 namespace Orvanta {
 namespace PipeWire {
@@ -18,6 +25,7 @@ namespace PipeWire {
 namespace {
 
 constexpr int MaxDimension = 16384;
+constexpr std::size_t MaxFormatParams = 16;
 
 void initialiseOnce()
 {
@@ -25,9 +33,67 @@ void initialiseOnce()
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
 }
 
-/// One format offer: the 8-bit RGB layouts at @p width by @p height exactly,
-/// or, with @p anySize, at any size with that one preferred.
-const spa_pod* buildFormat(spa_pod_builder* builder, int width, int height, bool anySize)
+/// The 8-bit RGB layouts the stream takes, as PipeWire, DRM and the scaler name them.
+struct Layout
+{
+    spa_video_format spa;
+    std::uint32_t fourcc; ///< 0: never offered as a DMA-BUF
+    Ifaces::PixelFormat pixelFormat;
+    std::size_t bytesPerPixel;
+};
+
+constexpr Layout Layouts[] = {
+    {SPA_VIDEO_FORMAT_BGRx, Ifaces::drmFourcc('X', 'R', '2', '4'), Ifaces::PixelFormat::B8G8R8X8Unorm, 4},
+    {SPA_VIDEO_FORMAT_BGRA, Ifaces::drmFourcc('A', 'R', '2', '4'), Ifaces::PixelFormat::B8G8R8A8Unorm, 4},
+    {SPA_VIDEO_FORMAT_RGBx, Ifaces::drmFourcc('X', 'B', '2', '4'), Ifaces::PixelFormat::R8G8B8A8Unorm, 4},
+    {SPA_VIDEO_FORMAT_RGBA, Ifaces::drmFourcc('A', 'B', '2', '4'), Ifaces::PixelFormat::R8G8B8A8Unorm, 4},
+    // Three-byte pixels have no GPU format of their own: they are widened on copy.
+    {SPA_VIDEO_FORMAT_RGB, 0, Ifaces::PixelFormat::R8G8B8A8Unorm, 3},
+};
+
+const Layout* layoutOf(spa_video_format format)
+{
+    for (const Layout& layout : Layouts) {
+        if (layout.spa == format)
+            return &layout;
+    }
+    return nullptr;
+}
+
+bool containsModifier(const std::vector<Ifaces::DmaBufFormat>& formats, std::uint32_t fourcc, std::uint64_t modifier)
+{
+    for (const Ifaces::DmaBufFormat& format : formats) {
+        if (format.fourcc != fourcc)
+            continue;
+        for (const std::uint64_t candidate : format.modifiers) {
+            if (candidate == modifier)
+                return true;
+        }
+    }
+    return false;
+}
+
+/// Per format, the GPU's modifiers and then plain rows, which the CPU reads when the GPU does not.
+std::vector<Ifaces::DmaBufFormat> dmaBufOffers(const std::vector<Ifaces::DmaBufFormat>& importable)
+{
+    std::vector<Ifaces::DmaBufFormat> offers;
+    for (const Layout& layout : Layouts) {
+        if (!layout.fourcc)
+            continue;
+        Ifaces::DmaBufFormat offer;
+        offer.fourcc = layout.fourcc;
+        for (const Ifaces::DmaBufFormat& format : importable) {
+            if (format.fourcc == layout.fourcc)
+                offer.modifiers = format.modifiers;
+        }
+        if (!containsModifier({offer}, layout.fourcc, Ifaces::DmaBufLinearModifier))
+            offer.modifiers.push_back(Ifaces::DmaBufLinearModifier);
+        offers.push_back(std::move(offer));
+    }
+    return offers;
+}
+
+void addSize(spa_pod_builder* builder, int width, int height, bool anySize)
 {
     spa_rectangle preferred {std::uint32_t(width > 0 ? width : 1920), std::uint32_t(height > 0 ? height : 1080)};
     spa_rectangle smallest {1, 1};
@@ -35,13 +101,6 @@ const spa_pod* buildFormat(spa_pod_builder* builder, int width, int height, bool
     spa_fraction rate {30, 1};
     spa_fraction slowest {0, 1};
     spa_fraction fastest {1000, 1};
-    spa_pod_frame frame;
-    spa_pod_builder_push_object(builder, &frame, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
-    spa_pod_builder_add(builder, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
-        SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format,
-        SPA_POD_CHOICE_ENUM_Id(6, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRA,
-            SPA_VIDEO_FORMAT_RGBx, SPA_VIDEO_FORMAT_RGBA, SPA_VIDEO_FORMAT_RGB),
-        0);
     if (anySize)
         spa_pod_builder_add(
             builder, SPA_FORMAT_VIDEO_size, SPA_POD_CHOICE_RANGE_Rectangle(&preferred, &smallest, &largest), 0);
@@ -49,15 +108,64 @@ const spa_pod* buildFormat(spa_pod_builder* builder, int width, int height, bool
         spa_pod_builder_add(builder, SPA_FORMAT_VIDEO_size, SPA_POD_Rectangle(&preferred), 0);
     spa_pod_builder_add(
         builder, SPA_FORMAT_VIDEO_framerate, SPA_POD_CHOICE_RANGE_Fraction(&rate, &slowest, &fastest), 0);
+}
+
+/// A shared-memory offer: the 8-bit RGB layouts at @p width by @p height
+/// exactly, or, with @p anySize, at any size with that one preferred.
+const spa_pod* buildMemoryFormat(spa_pod_builder* builder, int width, int height, bool anySize)
+{
+    spa_pod_frame frame;
+    spa_pod_builder_push_object(builder, &frame, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
+    spa_pod_builder_add(builder, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
+        SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format,
+        SPA_POD_CHOICE_ENUM_Id(6, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRA,
+            SPA_VIDEO_FORMAT_RGBx, SPA_VIDEO_FORMAT_RGBA, SPA_VIDEO_FORMAT_RGB),
+        0);
+    addSize(builder, width, height, anySize);
     return static_cast<const spa_pod*>(spa_pod_builder_pop(builder, &frame));
 }
 
-/// The size asked for first, then any size the source has.
-std::uint32_t buildFormats(spa_pod_builder* builder, int width, int height, const spa_pod* params[2])
+/// A DMA-BUF offer of one layout. The allocating side picks the modifier,
+/// hence "don't fixate"; "mandatory" keeps sources without DMA-BUFs from
+/// matching it, so that they fall through to the shared-memory offers.
+const spa_pod* buildDmaBufFormat(
+    spa_pod_builder* builder, const Ifaces::DmaBufFormat& offer, int width, int height, bool anySize)
 {
-    params[0] = buildFormat(builder, width, height, false);
-    params[1] = buildFormat(builder, width, height, true);
-    return 2;
+    const Layout* layout = nullptr;
+    for (const Layout& candidate : Layouts) {
+        if (candidate.fourcc == offer.fourcc)
+            layout = &candidate;
+    }
+    spa_pod_frame frame;
+    spa_pod_builder_push_object(builder, &frame, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
+    spa_pod_builder_add(builder, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
+        SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format, SPA_POD_Id(layout->spa), 0);
+    spa_pod_builder_prop(
+        builder, SPA_FORMAT_VIDEO_modifier, SPA_POD_PROP_FLAG_MANDATORY | SPA_POD_PROP_FLAG_DONT_FIXATE);
+    spa_pod_frame choice;
+    spa_pod_builder_push_choice(builder, &choice, SPA_CHOICE_Enum, 0);
+    spa_pod_builder_long(builder, std::int64_t(offer.modifiers.front())); // the default
+    for (const std::uint64_t modifier : offer.modifiers)
+        spa_pod_builder_long(builder, std::int64_t(modifier));
+    spa_pod_builder_pop(builder, &choice);
+    addSize(builder, width, height, anySize);
+    return static_cast<const spa_pod*>(spa_pod_builder_pop(builder, &frame));
+}
+
+/// DMA-BUFs first, the size asked for before any size; then shared memory likewise.
+std::uint32_t buildFormats(spa_pod_builder* builder, const std::vector<Ifaces::DmaBufFormat>& offers, int width,
+    int height, const spa_pod* params[MaxFormatParams])
+{
+    std::uint32_t count = 0;
+    for (const bool anySize : {false, true}) {
+        for (const Ifaces::DmaBufFormat& offer : offers) {
+            if (!offer.modifiers.empty() && count < MaxFormatParams - 2)
+                params[count++] = buildDmaBufFormat(builder, offer, width, height, anySize);
+        }
+    }
+    params[count++] = buildMemoryFormat(builder, width, height, false);
+    params[count++] = buildMemoryFormat(builder, width, height, true);
+    return count;
 }
 
 int rotationFromTransform(std::uint32_t transform)
@@ -77,6 +185,69 @@ int rotationFromTransform(std::uint32_t transform)
     }
 }
 
+bool isCorrupted(const spa_buffer* buffer)
+{
+    auto* header
+        = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
+    return header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED);
+}
+
+/// A DMA-BUF mapped for reading on the CPU, kept for the life of its buffer.
+class DmaBufMapping
+{
+public:
+    static std::unique_ptr<DmaBufMapping> map(const spa_data& data)
+    {
+        const std::size_t length = std::size_t(data.mapoffset) + data.maxsize;
+        if (data.fd < 0 || data.maxsize == 0)
+            return nullptr;
+        void* address = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, int(data.fd), 0);
+        if (address == MAP_FAILED)
+            return nullptr;
+        return std::unique_ptr<DmaBufMapping>(new DmaBufMapping(int(data.fd), address, length, data.mapoffset));
+    }
+    ~DmaBufMapping()
+    {
+        ::munmap(m_address, m_length);
+    }
+    DmaBufMapping(const DmaBufMapping&) = delete;
+    DmaBufMapping& operator=(const DmaBufMapping&) = delete;
+
+    const std::uint8_t* pixels() const
+    {
+        return static_cast<const std::uint8_t*>(m_address) + m_offset;
+    }
+    /// Brackets CPU reads, so that caches agree with what the device wrote.
+    /// Exporters without caches to manage refuse the call, which is fine.
+    void beginRead() const
+    {
+        sync(DMA_BUF_SYNC_START | DMA_BUF_SYNC_READ);
+    }
+    void endRead() const
+    {
+        sync(DMA_BUF_SYNC_END | DMA_BUF_SYNC_READ);
+    }
+
+private:
+    DmaBufMapping(int fd, void* address, std::size_t length, std::size_t offset)
+        : m_fd(fd)
+        , m_address(address)
+        , m_length(length)
+        , m_offset(offset)
+    {
+    }
+    void sync(std::uint64_t flags) const
+    {
+        dma_buf_sync request {flags};
+        while (::ioctl(m_fd, DMA_BUF_IOCTL_SYNC, &request) < 0 && (errno == EINTR || errno == EAGAIN)) { }
+    }
+
+    int m_fd;
+    void* m_address;
+    std::size_t m_length;
+    std::size_t m_offset;
+};
+
 } // namespace
 
 struct PipeWireStream::Loop
@@ -91,20 +262,29 @@ struct PipeWireStream::Loop
     pw_stream_events streamEvents {};
 
     // Guarded by the thread loop's lock.
-    std::vector<std::uint8_t> latest; ///< the newest picture, four bytes a pixel
+    std::vector<std::uint8_t> latest; ///< the newest copied picture, four bytes a pixel
     std::vector<std::uint8_t> spare; ///< memory for the next copy
     Ifaces::ScalerSource latestSource;
-    bool fresh = false;
+    bool fresh = false; ///< latest holds a picture not taken yet
+    pw_buffer* pending = nullptr; ///< the newest held DMA-BUF, not taken yet
+    std::uint64_t generation = 0; ///< counts buffer removals: a held buffer of an older one is gone
     long failed = S_OK;
     bool connected = false;
     bool closed = false;
     spa_video_format format = SPA_VIDEO_FORMAT_UNKNOWN;
+    bool dmaBuf = false;
+    bool importDmaBuf = false; ///< the negotiated DMA-BUFs go to the GPU uncopied
+    std::uint64_t modifier = Ifaces::DmaBufLinearModifier;
     int requestedWidth = 0;
     int requestedHeight = 0;
+    std::vector<Ifaces::DmaBufFormat> importable;
+    std::vector<Ifaces::DmaBufFormat> offers; ///< what is offered as DMA-BUFs now
+    std::map<const pw_buffer*, std::unique_ptr<DmaBufMapping>> mappings; ///< DMA-BUFs read on the CPU
 
     std::atomic<int> width {0};
     std::atomic<int> height {0};
     std::atomic<int> rotation {1};
+    std::atomic<bool> negotiatedDmaBuf {false};
 
     class Lock
     {
@@ -124,6 +304,15 @@ struct PipeWireStream::Loop
     private:
         pw_thread_loop* m_loop;
     };
+
+    long offerFormats()
+    {
+        std::vector<std::uint8_t> memory(16384);
+        spa_pod_builder builder = SPA_POD_BUILDER_INIT(memory.data(), std::uint32_t(memory.size()));
+        const spa_pod* params[MaxFormatParams];
+        const std::uint32_t count = buildFormats(&builder, offers, requestedWidth, requestedHeight, params);
+        return pw_stream_update_params(stream, params, count) < 0 ? E_FAIL : S_OK;
+    }
 
     static void onCoreError(void* data, std::uint32_t id, int, int res, const char*)
     {
@@ -169,16 +358,25 @@ struct PipeWireStream::Loop
         spa_video_info_raw info {};
         if (spa_format_video_raw_parse(param, &info) < 0)
             return;
+        const Layout* layout = layoutOf(info.format);
         self->format = info.format;
         self->width = int(info.size.width);
         self->height = int(info.size.height);
+        // A modifier in the format means DMA-BUFs; until the allocating side
+        // has fixed it, the buffers asked for below are not made yet.
+        self->dmaBuf = spa_pod_find_prop(param, nullptr, SPA_FORMAT_VIDEO_modifier) != nullptr;
+        self->modifier = info.modifier;
+        self->importDmaBuf
+            = self->dmaBuf && layout && containsModifier(self->importable, layout->fourcc, info.modifier);
+        self->negotiatedDmaBuf = self->dmaBuf;
 
+        const int dataTypes = self->dmaBuf ? (1 << SPA_DATA_DmaBuf) : ((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd));
         std::uint8_t buffer[1024];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
         const spa_pod* params[3];
         params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamBuffers,
             SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 16),
-            SPA_PARAM_BUFFERS_dataType, SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd))));
+            SPA_PARAM_BUFFERS_dataType, SPA_POD_CHOICE_FLAGS_Int(dataTypes)));
         params[1] = static_cast<const spa_pod*>(
             spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
                 SPA_POD_Id(SPA_META_Header), SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_header))));
@@ -188,12 +386,19 @@ struct PipeWireStream::Loop
         pw_stream_update_params(self->stream, params, 3);
     }
 
+    static void onRemoveBuffer(void* data, pw_buffer* buffer)
+    {
+        auto* self = static_cast<Loop*>(data);
+        self->mappings.erase(buffer);
+        if (self->pending == buffer)
+            self->pending = nullptr;
+        ++self->generation;
+    }
+
     static void onProcess(void* data)
     {
         auto* self = static_cast<Loop*>(data);
-        // Drain: only the newest buffer is worth keeping. Its pixels are copied
-        // out and every buffer goes straight back, because sources stall while
-        // a consumer holds on to their buffers between cycles.
+        // Drain: only the newest buffer is worth keeping.
         pw_buffer* newest = nullptr;
         while (pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream)) {
             if (newest)
@@ -205,62 +410,76 @@ struct PipeWireStream::Loop
         if (auto* transform = static_cast<spa_meta_videotransform*>(
                 spa_buffer_find_meta_data(newest->buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
             self->rotation = rotationFromTransform(transform->transform);
-        self->copyOut(newest->buffer);
+        const spa_buffer* buffer = newest->buffer;
+        if (buffer->n_datas >= 1 && buffer->datas[0].type == SPA_DATA_DmaBuf && self->importDmaBuf) {
+            self->holdForReader(newest);
+            return;
+        }
+        self->copyOut(newest);
         pw_stream_queue_buffer(self->stream, newest);
     }
 
-    /// Copies the picture of @p buffer into the newest-frame slot, as four bytes a pixel.
-    void copyOut(const spa_buffer* buffer)
+    /// Keeps @p buffer for the reader instead of the one kept before, which goes back.
+    void holdForReader(pw_buffer* buffer)
     {
-        if (buffer->n_datas < 1)
+        const spa_data& plane = buffer->buffer->datas[0];
+        if (isCorrupted(buffer->buffer) || plane.fd < 0 || !plane.chunk || plane.chunk->stride <= 0) {
+            pw_stream_queue_buffer(stream, buffer);
             return;
-        if (auto* header = static_cast<spa_meta_header*>(
-                spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
-            if (header->flags & SPA_META_HEADER_FLAG_CORRUPTED)
-                return;
         }
+        if (pending)
+            pw_stream_queue_buffer(stream, pending);
+        pending = buffer;
+        fresh = false; // a copy made before is older than this
+    }
+
+    /// Copies the picture of @p buffer into the newest-frame slot, as four bytes a pixel.
+    void copyOut(pw_buffer* source)
+    {
+        const spa_buffer* buffer = source->buffer;
+        if (buffer->n_datas < 1 || isCorrupted(buffer))
+            return;
         const spa_data& data = buffer->datas[0];
+        const Layout* layout = layoutOf(format);
         const int w = width;
         const int h = height;
-        if (!data.data || !data.chunk || w <= 0 || h <= 0 || data.chunk->size == 0)
+        if (!layout || !data.chunk || w <= 0 || h <= 0 || data.chunk->size == 0)
             return;
 
-        Ifaces::PixelFormat pixelFormat = Ifaces::PixelFormat::Unknown;
-        std::size_t pixelBytes = 4;
-        switch (format) {
-        case SPA_VIDEO_FORMAT_BGRx:
-            pixelFormat = Ifaces::PixelFormat::B8G8R8X8Unorm;
-            break;
-        case SPA_VIDEO_FORMAT_BGRA:
-            pixelFormat = Ifaces::PixelFormat::B8G8R8A8Unorm;
-            break;
-        case SPA_VIDEO_FORMAT_RGBx:
-        case SPA_VIDEO_FORMAT_RGBA:
-            pixelFormat = Ifaces::PixelFormat::R8G8B8A8Unorm;
-            break;
-        case SPA_VIDEO_FORMAT_RGB:
-            pixelFormat = Ifaces::PixelFormat::R8G8B8A8Unorm;
-            pixelBytes = 3;
-            break;
-        default:
-            return;
+        const std::uint8_t* base = static_cast<const std::uint8_t*>(data.data);
+        const DmaBufMapping* mapping = nullptr;
+        if (data.type == SPA_DATA_DmaBuf) {
+            std::unique_ptr<DmaBufMapping>& mapped = mappings[source];
+            if (!mapped)
+                mapped = DmaBufMapping::map(data);
+            mapping = mapped.get();
+            if (!mapping) {
+                mappings.erase(source);
+                refuseDmaBuf(layout->fourcc, modifier);
+                return;
+            }
+            base = mapping->pixels();
         }
-        const std::size_t row = std::size_t(w) * pixelBytes;
+        if (!base)
+            return;
+
+        const std::size_t row = std::size_t(w) * layout->bytesPerPixel;
         const std::size_t stride = data.chunk->stride > 0 ? std::size_t(data.chunk->stride) : row;
         const std::size_t offset = data.maxsize ? data.chunk->offset % data.maxsize : 0;
         if (stride < row || offset + stride * std::size_t(h - 1) + row > data.maxsize)
             return;
-        const auto* pixels = static_cast<const std::uint8_t*>(data.data) + offset;
+        const std::uint8_t* pixels = base + offset;
 
+        if (mapping)
+            mapping->beginRead();
         std::vector<std::uint8_t> slot = std::move(spare);
         slot.resize(std::size_t(w) * std::size_t(h) * 4);
         for (int y = 0; y < h; ++y) {
             const std::uint8_t* in = pixels + stride * std::size_t(y);
             std::uint8_t* out = slot.data() + std::size_t(y) * std::size_t(w) * 4;
-            if (pixelBytes == 4) {
+            if (layout->bytesPerPixel == 4) {
                 std::memcpy(out, in, row);
             } else {
-                // Three-byte pixels have no GPU upload format of their own: widen them.
                 for (int x = 0; x < w; ++x, in += 3, out += 4) {
                     out[0] = in[0];
                     out[1] = in[1];
@@ -269,14 +488,37 @@ struct PipeWireStream::Loop
                 }
             }
         }
+        if (mapping)
+            mapping->endRead();
         spare = std::move(latest);
         latest = std::move(slot);
         latestSource = Ifaces::ScalerSource();
         latestSource.width = w;
         latestSource.height = h;
         latestSource.bytesPerLine = std::size_t(w) * 4;
-        latestSource.format = pixelFormat;
+        latestSource.format = layout->pixelFormat;
         fresh = true;
+        if (pending) {
+            pw_stream_queue_buffer(stream, pending); // older than this copy
+            pending = nullptr;
+        }
+    }
+
+    /// Stops offering DMA-BUFs of @p fourcc with @p refused, which this process cannot read,
+    /// and lets the source choose again among what remains.
+    void refuseDmaBuf(std::uint32_t fourcc, std::uint64_t refused)
+    {
+        bool changed = false;
+        for (Ifaces::DmaBufFormat& offer : offers) {
+            if (offer.fourcc != fourcc)
+                continue;
+            const auto before = offer.modifiers.size();
+            offer.modifiers.erase(
+                std::remove(offer.modifiers.begin(), offer.modifiers.end(), refused), offer.modifiers.end());
+            changed = changed || offer.modifiers.size() != before;
+        }
+        if (changed)
+            offerFormats();
     }
 };
 
@@ -290,8 +532,7 @@ PipeWireStream::~PipeWireStream()
     close();
 }
 
-long PipeWireStream::open(int fd, std::uint32_t nodeId, int width, int height, std::shared_ptr<PipeWireStream>& result,
-    const char* targetName)
+long PipeWireStream::open(int fd, std::uint32_t nodeId, const Request& request, std::shared_ptr<PipeWireStream>& result)
 {
     result.reset();
     initialiseOnce();
@@ -327,30 +568,43 @@ long PipeWireStream::open(int fd, std::uint32_t nodeId, int width, int height, s
 
     pw_properties* props = pw_properties_new(
         PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE, "Screen", nullptr);
-    if (targetName && *targetName)
-        pw_properties_set(props, PW_KEY_TARGET_OBJECT, targetName);
+    if (!request.targetName.empty())
+        pw_properties_set(props, PW_KEY_TARGET_OBJECT, request.targetName.c_str());
     loop.stream = pw_stream_new(loop.core, "orvanta-screen", props);
     if (!loop.stream)
         return E_OUTOFMEMORY;
     loop.streamEvents.version = PW_VERSION_STREAM_EVENTS;
     loop.streamEvents.state_changed = &Loop::onStateChanged;
     loop.streamEvents.param_changed = &Loop::onParamChanged;
+    loop.streamEvents.remove_buffer = &Loop::onRemoveBuffer;
     loop.streamEvents.process = &Loop::onProcess;
     pw_stream_add_listener(loop.stream, &loop.streamListener, &loop.streamEvents, &loop);
 
-    std::uint8_t buffer[2048];
-    spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    const spa_pod* params[2];
-    const std::uint32_t count = buildFormats(&builder, width, height, params);
-    loop.requestedWidth = width;
-    loop.requestedHeight = height;
+    loop.requestedWidth = request.width;
+    loop.requestedHeight = request.height;
+    loop.importable = request.importable;
+    loop.offers = dmaBufOffers(request.importable);
+    std::vector<std::uint8_t> memory(16384);
+    spa_pod_builder builder = SPA_POD_BUILDER_INIT(memory.data(), std::uint32_t(memory.size()));
+    const spa_pod* params[MaxFormatParams];
+    const std::uint32_t count = buildFormats(&builder, loop.offers, request.width, request.height, params);
     const auto flags = static_cast<pw_stream_flags>(
         PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_INACTIVE);
-    const std::uint32_t target = (targetName && *targetName) ? PW_ID_ANY : nodeId;
+    const std::uint32_t target = request.targetName.empty() ? nodeId : PW_ID_ANY;
     if (pw_stream_connect(loop.stream, PW_DIRECTION_INPUT, target, flags, params, count) < 0)
         return E_FAIL;
     result = std::move(self);
     return S_OK;
+}
+
+std::vector<std::uint32_t> PipeWireStream::dmaBufFourccs()
+{
+    std::vector<std::uint32_t> fourccs;
+    for (const Layout& layout : Layouts) {
+        if (layout.fourcc)
+            fourccs.push_back(layout.fourcc);
+    }
+    return fourccs;
 }
 
 long PipeWireStream::failure() const
@@ -380,11 +634,34 @@ long PipeWireStream::takeNewest(std::unique_ptr<Frame>& frame)
     const long hr = failure();
     if (hr < 0)
         return hr;
-    if (!m_loop->fresh)
+    Loop& loop = *m_loop;
+    if (loop.pending) {
+        const spa_buffer* buffer = loop.pending->buffer;
+        const Layout* layout = layoutOf(loop.format);
+        Ifaces::DmaBufImage image;
+        image.width = loop.width;
+        image.height = loop.height;
+        image.fourcc = layout ? layout->fourcc : 0;
+        image.modifier = loop.modifier;
+        image.planeCount = int(std::min<std::uint32_t>(buffer->n_datas, Ifaces::DmaBufImage::MaxPlanes));
+        for (int i = 0; i < image.planeCount; ++i) {
+            const spa_data& plane = buffer->datas[i];
+            // A descriptor of the frame's own: the stream closes its copy when
+            // it removes the buffer, which may happen while the reader draws.
+            image.planes[i].fd = ::fcntl(int(plane.fd), F_DUPFD_CLOEXEC, 0);
+            image.planes[i].offset = plane.chunk ? plane.chunk->offset : 0;
+            image.planes[i].stride = plane.chunk ? std::uint32_t(plane.chunk->stride) : 0;
+        }
+        frame.reset(new Frame(shared_from_this(), loop.pending, loop.generation, image,
+            layout ? layout->pixelFormat : Ifaces::PixelFormat::Unknown));
+        loop.pending = nullptr;
         return S_OK;
-    m_loop->fresh = false;
-    frame.reset(new Frame(shared_from_this(), std::move(m_loop->latest), m_loop->latestSource));
-    m_loop->latest.clear();
+    }
+    if (!loop.fresh)
+        return S_OK;
+    loop.fresh = false;
+    frame.reset(new Frame(shared_from_this(), std::move(loop.latest), loop.latestSource));
+    loop.latest.clear();
     return S_OK;
 }
 
@@ -402,11 +679,7 @@ long PipeWireStream::renegotiate(int width, int height)
         return S_OK;
     m_loop->requestedWidth = width;
     m_loop->requestedHeight = height;
-    std::uint8_t buffer[2048];
-    spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    const spa_pod* params[2];
-    const std::uint32_t count = buildFormats(&builder, width, height, params);
-    return pw_stream_update_params(m_loop->stream, params, count) < 0 ? E_FAIL : S_OK;
+    return m_loop->offerFormats();
 }
 
 int PipeWireStream::rotation() const
@@ -418,6 +691,11 @@ void PipeWireStream::negotiatedSize(int& width, int& height) const
 {
     width = m_loop->width;
     height = m_loop->height;
+}
+
+bool PipeWireStream::negotiatedDmaBuf() const
+{
+    return m_loop->negotiatedDmaBuf;
 }
 
 void PipeWireStream::close()
@@ -457,20 +735,50 @@ PipeWireStream::Frame::Frame(
     m_source.pixels = m_pixels.empty() ? nullptr : m_pixels.data();
 }
 
+PipeWireStream::Frame::Frame(std::shared_ptr<PipeWireStream> stream, pw_buffer* held, std::uint64_t generation,
+    const Ifaces::DmaBufImage& image, Ifaces::PixelFormat format)
+    : m_stream(std::move(stream))
+    , m_held(held)
+    , m_generation(generation)
+    , m_image(image)
+{
+    m_source.width = image.width;
+    m_source.height = image.height;
+    m_source.format = format;
+    m_source.dmaBuf = &m_image;
+}
+
 PipeWireStream::Frame::~Frame()
 {
-    // Hand the memory back for the next copy, saving an allocation a frame.
+    for (int i = 0; i < m_image.planeCount; ++i) {
+        if (m_image.planes[i].fd >= 0)
+            ::close(m_image.planes[i].fd);
+    }
     Loop& loop = *m_stream->m_loop;
-    if (!loop.threadLoop || m_pixels.empty())
+    if (!loop.threadLoop || (m_pixels.empty() && !m_held))
         return;
     Loop::Lock lock(loop.threadLoop);
+    if (m_held) {
+        // Back to the source, unless the stream has let go of its buffers since.
+        if (!loop.closed && loop.stream && loop.generation == m_generation)
+            pw_stream_queue_buffer(loop.stream, m_held);
+        return;
+    }
+    // Hand the memory back for the next copy, saving an allocation a frame.
     if (loop.spare.capacity() < m_pixels.capacity())
         loop.spare = std::move(m_pixels);
 }
 
 bool PipeWireStream::Frame::hasPixels() const
 {
+    if (m_source.dmaBuf)
+        return m_image.planeCount > 0 && m_image.planes[0].fd >= 0 && m_source.format != Ifaces::PixelFormat::Unknown;
     return m_source.pixels != nullptr;
+}
+
+bool PipeWireStream::Frame::isDmaBuf() const
+{
+    return m_source.dmaBuf != nullptr;
 }
 
 const Ifaces::ScalerSource& PipeWireStream::Frame::source() const

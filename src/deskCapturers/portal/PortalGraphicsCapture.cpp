@@ -127,6 +127,8 @@ class PortalDevice final : public Ifaces::CaptureDevice
 public:
     std::shared_ptr<Ifaces::GpuScaler> scaler;
     std::shared_ptr<Ifaces::DeviceContextGuard> guard = std::make_shared<ContextMutex>();
+    /// What the scaler imports from DMA-BUFs without a copy.
+    std::vector<Ifaces::DmaBufFormat> importable;
 };
 
 class PortalFrame final : public Ifaces::CapturedFrame
@@ -227,8 +229,12 @@ public:
         if (!portalItem)
             return E_INVALIDARG;
         std::shared_ptr<PipeWire::PipeWireStream> stream;
-        const long hr = PipeWire::PipeWireStream::open(
-            portalItem->takeFd(), portalItem->stream.nodeId, m_size.width, m_size.height, stream);
+        PipeWire::PipeWireStream::Request request;
+        request.width = m_size.width;
+        request.height = m_size.height;
+        request.importable = m_device.importable;
+        const long hr
+            = PipeWire::PipeWireStream::open(portalItem->takeFd(), portalItem->stream.nodeId, request, stream);
         if (hr < 0)
             return hr;
         m_portal = portalItem->portal;
@@ -419,10 +425,13 @@ long PortalGraphicsCapture::createCaptureDevice(
     std::shared_ptr<Egl::EglDevice> egl = std::dynamic_pointer_cast<Egl::EglDevice>(device);
     if (!egl && Egl::EglDevice::create(egl) < 0)
         egl.reset();
-    if (egl)
-        result->scaler = std::make_shared<Egl::GlesScaler>(egl, egl->display(), egl->context());
-    else
+    if (egl) {
+        auto scaler = std::make_shared<Egl::GlesScaler>(egl, egl->display(), egl->context());
+        result->importable = scaler->importableDmaBufFormats(PipeWire::PipeWireStream::dmaBufFourccs());
+        result->scaler = std::move(scaler);
+    } else {
         result->scaler = std::make_shared<Cpu::SoftwareScaler>();
+    }
     captureDevice = std::move(result);
     return S_OK;
 }

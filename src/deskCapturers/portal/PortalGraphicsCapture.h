@@ -29,7 +29,8 @@ class ScreenCastPortal;
  * - The stream's video transform is the rotation; a pool re-creation asks
  *   the source for the new size.
  * - Frames are scaled with OpenGL ES on the capture device's EGL context, or
- *   on the CPU where no context can be made.
+ *   on the CPU where no context can be made. DMA-BUFs that the context
+ *   imports reach it without a copy; all other buffers are copied once.
  */
 class PortalGraphicsCapture final : public Ifaces::GraphicsCaptureSystem,
                                     public std::enable_shared_from_this<PortalGraphicsCapture>

@@ -1,0 +1,243 @@
+// The screen-cast stream against a real PipeWire server: DMA-BUF negotiation
+// with a source that allocates DMA-BUFs, the buffers held for a GPU that
+// imports them, the copy for one that does not, and the fall-back to shared
+// memory when a DMA-BUF cannot be read.
+#include "ResultCodes.h"
+#include "pipewire/PipeWireStream.h"
+
+#include <QtTest/QtTest>
+
+#include <sys/mman.h>
+
+#include <memory>
+
+using Orvanta::PipeWire::PipeWireStream;
+namespace Ifaces = Orvanta::Ifaces;
+
+namespace {
+
+constexpr int Width = 64;
+constexpr int Height = 36;
+const std::uint32_t Xrgb = Ifaces::drmFourcc('X', 'R', '2', '4');
+
+/// The test source program, for the life of one test.
+class DmaBufSource
+{
+public:
+    explicit DmaBufSource(const QString& name, bool unmappable = false)
+    {
+        QStringList arguments {"--name", name, "--size", QStringLiteral("%1x%2").arg(Width).arg(Height)};
+        if (unmappable)
+            arguments << "--unmappable";
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(QStringLiteral(ORVANTA_DMABUF_SOURCE), arguments);
+    }
+    ~DmaBufSource()
+    {
+        m_process.terminate();
+        if (!m_process.waitForFinished(5000))
+            m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+    /// True once the source's node can be found by name.
+    bool started()
+    {
+        if (!m_process.waitForStarted(5000))
+            return false;
+        QDeadlineTimer deadline(20000);
+        while (!m_process.canReadLine() && !deadline.hasExpired() && m_process.state() == QProcess::Running)
+            m_process.waitForReadyRead(100);
+        return m_process.readLine().trimmed() == "ready";
+    }
+
+private:
+    QProcess m_process;
+};
+
+std::shared_ptr<PipeWireStream> openStream(const QString& node, std::vector<Ifaces::DmaBufFormat> importable)
+{
+    PipeWireStream::Request request;
+    request.width = Width;
+    request.height = Height;
+    request.targetName = node.toStdString();
+    request.importable = std::move(importable);
+    std::shared_ptr<PipeWireStream> stream;
+    if (PipeWireStream::open(-1, 0, request, stream) < 0 || stream->start() < 0)
+        return nullptr;
+    return stream;
+}
+
+/// The next frame of @p stream (null after 20 s).
+std::unique_ptr<PipeWireStream::Frame> waitForFrame(PipeWireStream& stream)
+{
+    QDeadlineTimer deadline(20000);
+    while (!deadline.hasExpired()) {
+        std::unique_ptr<PipeWireStream::Frame> frame;
+        if (stream.takeNewest(frame) < 0)
+            return nullptr;
+        if (frame && frame->hasPixels())
+            return frame;
+        QTest::qWait(5);
+    }
+    return nullptr;
+}
+
+/// Pixel (x, y) of four-byte rows as "B,G,R".
+QString bgrAt(const std::uint8_t* pixels, std::size_t stride, int x, int y)
+{
+    const std::uint8_t* p = pixels + stride * std::size_t(y) + std::size_t(x) * 4;
+    return QStringLiteral("%1,%2,%3").arg(p[0]).arg(p[1]).arg(p[2]);
+}
+
+void verifyQuadrants(const std::uint8_t* pixels, std::size_t stride)
+{
+    QCOMPARE(bgrAt(pixels, stride, 2, 2), QStringLiteral("0,0,255")); // red
+    QCOMPARE(bgrAt(pixels, stride, Width - 3, 2), QStringLiteral("0,255,0")); // green
+    QCOMPARE(bgrAt(pixels, stride, 2, Height - 3), QStringLiteral("255,0,0")); // blue
+    QCOMPARE(bgrAt(pixels, stride, Width - 3, Height - 3), QStringLiteral("255,255,255"));
+}
+
+/// Maps the first plane of a held DMA-BUF frame and checks its picture.
+void verifyDmaBufPicture(const PipeWireStream::Frame& frame)
+{
+    const Ifaces::DmaBufImage* image = frame.source().dmaBuf;
+    QVERIFY(image);
+    QCOMPARE(image->planeCount, 1);
+    const std::size_t length = image->planes[0].offset + std::size_t(image->planes[0].stride) * Height;
+    void* mapped = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, image->planes[0].fd, 0);
+    QVERIFY(mapped != MAP_FAILED);
+    verifyQuadrants(static_cast<const std::uint8_t*>(mapped) + image->planes[0].offset, image->planes[0].stride);
+    ::munmap(mapped, length);
+}
+
+} // namespace
+
+class PipeWireStreamTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void importableDmaBufsAreHeldNotCopied();
+    void heldFramesGoBackToTheSource();
+    void aFrameMayOutliveItsStream();
+    void dmaBufsTheGpuCannotImportAreCopied();
+    void anUnreadableDmaBufFallsBackToSharedMemory();
+    void aSourceWithoutDmaBufsGivesSharedMemory();
+
+private:
+    int m_sources = 0;
+    QString nextName()
+    {
+        return QStringLiteral("test-dmabufsrc-%1-%2").arg(QCoreApplication::applicationPid()).arg(++m_sources);
+    }
+};
+
+void PipeWireStreamTest::initTestCase()
+{
+    QVERIFY2(!qgetenv("ORVANTA_PIPEWIRE_PIDFILE").isEmpty(), "the PipeWire fixture did not run");
+}
+
+void PipeWireStreamTest::importableDmaBufsAreHeldNotCopied()
+{
+    const QString name = nextName();
+    DmaBufSource source(name);
+    QVERIFY(source.started());
+    auto stream = openStream(name, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    QVERIFY(stream);
+    auto frame = waitForFrame(*stream);
+    QVERIFY(frame);
+    QVERIFY(stream->negotiatedDmaBuf());
+    QVERIFY(frame->isDmaBuf());
+    QVERIFY(!frame->source().pixels);
+    QCOMPARE(frame->source().width, Width);
+    QCOMPARE(frame->source().height, Height);
+    QCOMPARE(frame->source().format, Ifaces::PixelFormat::B8G8R8X8Unorm);
+    QCOMPARE(frame->source().dmaBuf->fourcc, Xrgb);
+    QCOMPARE(frame->source().dmaBuf->modifier, Ifaces::DmaBufLinearModifier);
+    QCOMPARE(frame->source().dmaBuf->planes[0].stride, std::uint32_t(Width * 4));
+    verifyDmaBufPicture(*frame);
+}
+
+void PipeWireStreamTest::heldFramesGoBackToTheSource()
+{
+    const QString name = nextName();
+    DmaBufSource source(name);
+    QVERIFY(source.started());
+    auto stream = openStream(name, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    QVERIFY(stream);
+    // One frame kept for the whole test, as a slow reader would: the others
+    // still come, because every frame let go returns its buffer.
+    auto kept = waitForFrame(*stream);
+    QVERIFY(kept);
+    QVERIFY(kept->isDmaBuf());
+    for (int i = 0; i < 60; ++i) {
+        auto frame = waitForFrame(*stream);
+        QVERIFY2(frame, qPrintable(QStringLiteral("frame %1 did not come").arg(i)));
+        QVERIFY(frame->isDmaBuf());
+    }
+    verifyDmaBufPicture(*kept);
+}
+
+void PipeWireStreamTest::aFrameMayOutliveItsStream()
+{
+    const QString name = nextName();
+    DmaBufSource source(name);
+    QVERIFY(source.started());
+    auto stream = openStream(name, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    QVERIFY(stream);
+    auto frame = waitForFrame(*stream);
+    QVERIFY(frame);
+    stream->close();
+    std::unique_ptr<PipeWireStream::Frame> none;
+    QCOMPARE(stream->takeNewest(none), RO_E_CLOSED);
+    // The frame's own descriptor still reaches the picture after the stream let go of its buffers.
+    verifyDmaBufPicture(*frame);
+    stream.reset();
+    frame.reset();
+}
+
+void PipeWireStreamTest::dmaBufsTheGpuCannotImportAreCopied()
+{
+    const QString name = nextName();
+    DmaBufSource source(name);
+    QVERIFY(source.started());
+    auto stream = openStream(name, {});
+    QVERIFY(stream);
+    auto frame = waitForFrame(*stream);
+    QVERIFY(frame);
+    QVERIFY(stream->negotiatedDmaBuf());
+    QVERIFY(!frame->isDmaBuf());
+    QVERIFY(frame->source().pixels);
+    QCOMPARE(frame->source().format, Ifaces::PixelFormat::B8G8R8X8Unorm);
+    verifyQuadrants(static_cast<const std::uint8_t*>(frame->source().pixels), frame->source().bytesPerLine);
+}
+
+void PipeWireStreamTest::anUnreadableDmaBufFallsBackToSharedMemory()
+{
+    const QString name = nextName();
+    DmaBufSource source(name, true);
+    QVERIFY(source.started());
+    auto stream = openStream(name, {});
+    QVERIFY(stream);
+    auto frame = waitForFrame(*stream);
+    QVERIFY(frame);
+    QVERIFY(!stream->negotiatedDmaBuf());
+    QVERIFY(!frame->isDmaBuf());
+    verifyQuadrants(static_cast<const std::uint8_t*>(frame->source().pixels), frame->source().bytesPerLine);
+}
+
+void PipeWireStreamTest::aSourceWithoutDmaBufsGivesSharedMemory()
+{
+    // The fixture's video test source knows nothing of modifiers.
+    auto stream = openStream(QStringLiteral("test-videotestsrc"), {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    QVERIFY(stream);
+    auto frame = waitForFrame(*stream);
+    QVERIFY(frame);
+    QVERIFY(!stream->negotiatedDmaBuf());
+    QVERIFY(!frame->isDmaBuf());
+    QVERIFY(frame->source().pixels);
+}
+
+QTEST_GUILESS_MAIN(PipeWireStreamTest)
+#include "tst_pipewire_stream.moc"
