@@ -2,9 +2,11 @@
 
 // The Windows Runtime ABI of graphics capture, declared by hand: the
 // mingw-w64 headers ship none of Windows.Graphics.Capture, and C++/WinRT is
-// not available there. Only what the capture adapter calls is declared; each
-// interface lists its vtable in the order of the runtime's metadata, methods
-// that are not called included, so that the slots line up.
+// not available there. Only what the capture adapter calls or implements is
+// declared; each interface lists its vtable in the order of the runtime's
+// metadata, methods that are not called included, so that the slots line up.
+// The collection interfaces are declared here too: mingw-w64's generic
+// IIterator<T> has a GetMany with one parameter too many.
 
 #include <inspectable.h>
 #include <windows.h>

@@ -416,11 +416,12 @@ long WgcGraphicsCapture::requestCapabilityAccess(const std::vector<std::string>&
         return hr;
     // The answer per capability stays with the operation: what the caller
     // learns is how the request ended.
-    return operation->put_Completed(AccessMapCompletion::create(
+    const ComPtr<Abi::IAccessStatusMapCompletedHandler> handler = AccessMapCompletion::create(
         [completed = std::move(completed)](Abi::IAsyncOperationAccessStatusMap*, Abi::AsyncStatus status) {
             if (completed)
                 completed(int(status));
-        }).Get());
+        });
+    return operation->put_Completed(handler.Get());
 }
 
 long WgcGraphicsCapture::requestBorderlessAccess(AccessHandler completed)
@@ -434,14 +435,15 @@ long WgcGraphicsCapture::requestBorderlessAccess(AccessHandler completed)
     hr = access->RequestAccessAsync(Abi::GraphicsCaptureAccessBorderless, operation.GetAddressOf());
     if (hr < 0)
         return hr;
-    return operation->put_Completed(AccessCompletion::create(
-        [completed = std::move(completed)](Abi::IAsyncOperationAccessStatus* operation, Abi::AsyncStatus status) {
+    const ComPtr<Abi::IAccessStatusCompletedHandler> handler = AccessCompletion::create(
+        [completed = std::move(completed)](Abi::IAsyncOperationAccessStatus* finished, Abi::AsyncStatus status) {
             std::int32_t result = -1; // no answer: the request failed or was cancelled
-            if (status == Abi::AsyncCompleted && operation)
-                operation->GetResults(&result);
+            if (status == Abi::AsyncCompleted && finished)
+                finished->GetResults(&result);
             if (completed)
                 completed(int(result));
-        }).Get());
+        });
+    return operation->put_Completed(handler.Get());
 }
 
 long WgcGraphicsCapture::enumerateMonitors(std::vector<Ifaces::MonitorEntry>& monitors)
