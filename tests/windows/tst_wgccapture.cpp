@@ -148,8 +148,9 @@ TEST(WgcGraphicsCapture, CapabilityRequestFailsWithClassNotRegisteredAndNeverCom
     auto calls = std::make_shared<int>(0);
     const long result = system.requestCapabilityAccess(CaptureCapabilities, [calls](int) { ++*calls; });
 
-    // Wine registers no AppCapability class, so activating its statics fails
-    // the way it does on a system older than the capability API.
+    // Wine's RoGetActivationFactory looks the class up among the registered
+    // runtime classes and finds no AppCapability there, so activating its
+    // statics fails as on a system older than the capability API.
     EXPECT_EQ(result, REGDB_E_CLASSNOTREG);
     EXPECT_EQ(*calls, 0);
     // Nothing kept the handler: no later completion can call it.
