@@ -3,6 +3,9 @@
 #include "ResultCodes.h"
 #include "dxgi/DxgiDisplaySystem.h"
 #include "wgc/WgcAbi.h"
+#include "wgc/WgcComObject.h"
+#include "wgc/WgcRuntime.h"
+#include "wgc/WgcStringIterable.h"
 
 #include <d3d10.h>
 #include <d3d11.h>
@@ -28,122 +31,12 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-constexpr GUID IID_Unknown = Abi::makeGuid(0x00000000, 0x0000, 0x0000, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46);
-const long ProcedureNotFound = long(HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND));
-
-/// @p name of @p module as a function of type T, or null.
-template <typename T> T procedure(HMODULE module, const char* name)
-{
-    // Through the generic function type: GetProcAddress knows no signatures.
-    return reinterpret_cast<T>(reinterpret_cast<void (*)()>(::GetProcAddress(module, name)));
-}
-
-/// The runtime's activation and string functions, looked up once: they are
-/// missing on systems without the Windows Runtime.
-class Runtime
-{
-public:
-    using GetActivationFactory = HRESULT(WINAPI*)(HSTRING, REFIID, void**);
-    using CreateString = HRESULT(WINAPI*)(LPCWSTR, UINT32, HSTRING*);
-    using DeleteString = HRESULT(WINAPI*)(HSTRING);
-    using StringBuffer = LPCWSTR(WINAPI*)(HSTRING, UINT32*);
-    using CreateDeviceFromDxgi = HRESULT(WINAPI*)(IDXGIDevice*, IInspectable**);
-
-    static const Runtime& instance()
-    {
-        static const Runtime runtime;
-        return runtime;
-    }
-
-    GetActivationFactory getActivationFactory = nullptr;
-    CreateString createString = nullptr;
-    DeleteString deleteString = nullptr;
-    StringBuffer stringBuffer = nullptr;
-    CreateDeviceFromDxgi createDeviceFromDxgi = nullptr;
-
-private:
-    Runtime()
-    {
-        if (HMODULE combase = ::LoadLibraryW(L"combase.dll")) {
-            getActivationFactory = procedure<GetActivationFactory>(combase, "RoGetActivationFactory");
-            createString = procedure<CreateString>(combase, "WindowsCreateString");
-            deleteString = procedure<DeleteString>(combase, "WindowsDeleteString");
-            stringBuffer = procedure<StringBuffer>(combase, "WindowsGetStringRawBuffer");
-        }
-        if (HMODULE d3d11 = ::LoadLibraryW(L"d3d11.dll"))
-            createDeviceFromDxgi = procedure<CreateDeviceFromDxgi>(d3d11, "CreateDirect3D11DeviceFromDXGIDevice");
-    }
-};
-
-/// An owned HSTRING.
-class HString
-{
-public:
-    explicit HString(const std::wstring& text)
-    {
-        const Runtime& runtime = Runtime::instance();
-        if (runtime.createString)
-            m_result = runtime.createString(text.c_str(), UINT32(text.size()), &m_string);
-        else
-            m_result = ProcedureNotFound;
-    }
-    HString()
-        : m_result(S_OK)
-    {
-    }
-    ~HString()
-    {
-        if (m_string && Runtime::instance().deleteString)
-            Runtime::instance().deleteString(m_string);
-    }
-    HString(const HString&) = delete;
-    HString& operator=(const HString&) = delete;
-
-    HSTRING get() const
-    {
-        return m_string;
-    }
-    HSTRING* put()
-    {
-        return &m_string;
-    }
-    long result() const
-    {
-        return m_result;
-    }
-    std::string toUtf8() const
-    {
-        const Runtime& runtime = Runtime::instance();
-        if (!m_string || !runtime.stringBuffer)
-            return std::string();
-        UINT32 length = 0;
-        const wchar_t* text = runtime.stringBuffer(m_string, &length);
-        std::string utf8;
-        if (!text || length == 0)
-            return utf8;
-        const int bytes = ::WideCharToMultiByte(CP_UTF8, 0, text, int(length), nullptr, 0, nullptr, nullptr);
-        utf8.resize(std::size_t(bytes > 0 ? bytes : 0));
-        if (bytes > 0)
-            ::WideCharToMultiByte(CP_UTF8, 0, text, int(length), &utf8[0], bytes, nullptr, nullptr);
-        return utf8;
-    }
-
-private:
-    HSTRING m_string = nullptr;
-    long m_result;
-};
-
-std::wstring widen(const std::string& text)
-{
-    return std::wstring(text.begin(), text.end()); // class, property and contract names are ASCII
-}
-
 template <typename T> long activationFactory(const wchar_t* className, REFIID iid, ComPtr<T>& factory)
 {
     const Runtime& runtime = Runtime::instance();
     if (!runtime.getActivationFactory)
         return REGDB_E_CLASSNOTREG;
-    HString name(className);
+    HString name(std::wstring {className});
     if (name.result() < 0)
         return name.result();
     return runtime.getActivationFactory(name.get(), iid, reinterpret_cast<void**>(factory.ReleaseAndGetAddressOf()));
@@ -156,56 +49,10 @@ template <typename T> long query(IUnknown* from, REFIID iid, ComPtr<T>& to)
     return from->QueryInterface(iid, reinterpret_cast<void**>(to.ReleaseAndGetAddressOf()));
 }
 
-/// The completion handler of an access request; agile, as the runtime calls
-/// it on a thread of its own.
-class AccessCompletion final : public Abi::IAccessStatusCompletedHandler
-{
-public:
-    explicit AccessCompletion(Ifaces::GraphicsCaptureSystem::AccessHandler handler)
-        : m_handler(std::move(handler))
-    {
-    }
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        if (IsEqualGUID(iid, IID_Unknown) || IsEqualGUID(iid, Abi::IID_AccessStatusCompletedHandler)
-            || IsEqualGUID(iid, Abi::IID_IAgileObject)) {
-            *object = static_cast<Abi::IAccessStatusCompletedHandler*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override
-    {
-        return ++m_references;
-    }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const ULONG left = --m_references;
-        if (left == 0)
-            delete this;
-        return left;
-    }
-    HRESULT STDMETHODCALLTYPE Invoke(Abi::IAsyncOperationAccessStatus* operation, Abi::AsyncStatus status) override
-    {
-        std::int32_t result = -1; // no answer: the request failed or was cancelled
-        if (status == Abi::AsyncCompleted && operation)
-            operation->GetResults(&result);
-        if (m_handler)
-            m_handler(int(result));
-        return S_OK;
-    }
-
-private:
-    ~AccessCompletion() = default;
-
-    std::atomic<ULONG> m_references {1};
-    Ifaces::GraphicsCaptureSystem::AccessHandler m_handler;
-};
+using AccessCompletion = AsyncCompletion<Abi::IAccessStatusCompletedHandler, Abi::IAsyncOperationAccessStatus,
+    Abi::IID_AccessStatusCompletedHandler>;
+using AccessMapCompletion = AsyncCompletion<Abi::IAccessStatusMapCompletedHandler, Abi::IAsyncOperationAccessStatusMap,
+    Abi::IID_AccessStatusMapCompletedHandler>;
 
 class Item final : public Ifaces::CaptureItem
 {
@@ -513,7 +360,7 @@ bool WgcGraphicsCapture::isApiContractPresent(const std::string& contract, unsig
     ComPtr<Abi::IApiInformationStatics> api;
     if (activationFactory(L"Windows.Foundation.Metadata.ApiInformation", Abi::IID_IApiInformationStatics, api) < 0)
         return false;
-    HString name(widen(contract));
+    HString name = HString::fromUtf8(contract);
     Abi::Boolean present = 0;
     if (name.result() < 0 || api->IsApiContractPresentByMajor(name.get(), UINT16(version), &present) < 0)
         return false;
@@ -525,8 +372,8 @@ bool WgcGraphicsCapture::isPropertyPresent(const std::string& type, const std::s
     ComPtr<Abi::IApiInformationStatics> api;
     if (activationFactory(L"Windows.Foundation.Metadata.ApiInformation", Abi::IID_IApiInformationStatics, api) < 0)
         return false;
-    HString typeName(widen(type));
-    HString propertyName(widen(property));
+    HString typeName = HString::fromUtf8(type);
+    HString propertyName = HString::fromUtf8(property);
     Abi::Boolean present = 0;
     if (typeName.result() < 0 || propertyName.result() < 0
         || api->IsPropertyPresent(typeName.get(), propertyName.get(), &present) < 0)
@@ -552,12 +399,29 @@ long WgcGraphicsCapture::deviceFamilyVersion(std::string& version)
     return S_OK;
 }
 
-long WgcGraphicsCapture::requestCapabilityAccess(const std::vector<std::string>&, AccessHandler)
+long WgcGraphicsCapture::requestCapabilityAccess(const std::vector<std::string>& capabilities, AccessHandler completed)
 {
-    // The capability names are declarations of packaged applications; a plain
-    // desktop process has nothing to ask for, and the request (which takes an
-    // IIterable<HSTRING> of the runtime) is not made.
-    return S_OK;
+    ComPtr<Abi::IAppCapabilityStatics> appCapability;
+    long hr = activationFactory(L"Windows.Security.Authorization.AppCapabilityAccess.AppCapability",
+        Abi::IID_IAppCapabilityStatics, appCapability);
+    if (hr < 0)
+        return hr;
+    ComPtr<Abi::IIterableString> names;
+    hr = StringIterable::create(capabilities, names);
+    if (hr < 0)
+        return hr;
+    ComPtr<Abi::IAsyncOperationAccessStatusMap> operation;
+    hr = appCapability->RequestAccessForCapabilitiesAsync(names.Get(), operation.GetAddressOf());
+    if (hr < 0)
+        return hr;
+    // The answer per capability stays with the operation: what the caller
+    // learns is how the request ended.
+    const ComPtr<Abi::IAccessStatusMapCompletedHandler> handler = AccessMapCompletion::create(
+        [completed = std::move(completed)](Abi::IAsyncOperationAccessStatusMap*, Abi::AsyncStatus status) {
+            if (completed)
+                completed(int(status));
+        });
+    return operation->put_Completed(handler.Get());
 }
 
 long WgcGraphicsCapture::requestBorderlessAccess(AccessHandler completed)
@@ -571,8 +435,14 @@ long WgcGraphicsCapture::requestBorderlessAccess(AccessHandler completed)
     hr = access->RequestAccessAsync(Abi::GraphicsCaptureAccessBorderless, operation.GetAddressOf());
     if (hr < 0)
         return hr;
-    ComPtr<Abi::IAccessStatusCompletedHandler> handler;
-    handler.Attach(new AccessCompletion(std::move(completed)));
+    const ComPtr<Abi::IAccessStatusCompletedHandler> handler = AccessCompletion::create(
+        [completed = std::move(completed)](Abi::IAsyncOperationAccessStatus* finished, Abi::AsyncStatus status) {
+            std::int32_t result = -1; // no answer: the request failed or was cancelled
+            if (status == Abi::AsyncCompleted && finished)
+                finished->GetResults(&result);
+            if (completed)
+                completed(int(result));
+        });
     return operation->put_Completed(handler.Get());
 }
 
@@ -614,7 +484,7 @@ long WgcGraphicsCapture::createCaptureDevice(
         return hr;
     const Runtime& runtime = Runtime::instance();
     if (!runtime.createDeviceFromDxgi)
-        return ProcedureNotFound;
+        return Runtime::missing();
     ComPtr<IInspectable> inspectable;
     hr = runtime.createDeviceFromDxgi(dxgiDevice.Get(), inspectable.GetAddressOf());
     if (hr < 0)
