@@ -145,9 +145,11 @@ public:
     /// The system's version as a decimal string.
     virtual long deviceFamilyVersion(std::string& version) = 0;
 
-    /// Asks for @p capabilities; @p completed gets the access status later.
+    /// Asks for @p capabilities; @p completed gets the request's completion status
+    /// (a Windows.Foundation.AsyncStatus value) later.
     virtual long requestCapabilityAccess(const std::vector<std::string>& capabilities, AccessHandler completed) = 0;
-    /// Asks for capture without a border; @p completed gets the access status later.
+    /// Asks for capture without a border; @p completed gets the answer (an
+    /// AppCapabilityAccessStatus value, or -1 when the request did not complete) later.
     virtual long requestBorderlessAccess(AccessHandler completed) = 0;
 
     /// The monitors of the desktop, in the platform's order.

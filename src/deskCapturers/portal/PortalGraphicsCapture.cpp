@@ -27,7 +27,7 @@ namespace Portal {
 
 namespace {
 
-constexpr int AccessAllowed = 0; // AppCapabilityAccessStatus::Allowed
+constexpr int RequestCompleted = 1; // Windows.Foundation.AsyncStatus::Completed
 
 /// Restore tokens by monitor handle, for the life of the process: the user
 /// chooses a monitor once, later sessions reuse the choice.
@@ -364,7 +364,7 @@ long PortalGraphicsCapture::requestCapabilityAccess(const std::vector<std::strin
     if (!completed)
         return S_OK;
     std::lock_guard<std::mutex> lock(m_threadsMutex);
-    m_completions.emplace_back([handler = std::move(completed)] { handler(AccessAllowed); });
+    m_completions.emplace_back([handler = std::move(completed)] { handler(RequestCompleted); });
     return S_OK;
 }
 
