@@ -9,7 +9,12 @@ question to the user; the count is written to the file named by --dialogs.
 
 The cursor mode of the last SelectSources goes to the file named by --cursor.
 
-Usage: fake-screencast-portal.py --size WxH --dialogs FILE --cursor FILE
+When the file named by --source-program holds the path of a source program
+(taking --name NODE --size WxH and printing "ready" once its node is there),
+sessions started after that get a node of that program instead of the video
+test source; an empty or missing file means the video test source.
+
+Usage: fake-screencast-portal.py --size WxH --dialogs FILE --cursor FILE [--source-program FILE]
 """
 import argparse
 import json
@@ -72,6 +77,31 @@ def destroy_node(node):
     subprocess.run(["pw-cli", "destroy", str(node)], capture_output=True, timeout=10)
 
 
+def source_program(path):
+    """The source program named in the file @path, or None."""
+    try:
+        with open(path) as f:
+            program = f.read().strip()
+    except OSError:
+        return None
+    return program or None
+
+
+def start_program_node(program, name, width, height):
+    """Runs @program as the source named @name; (process, node id), or (None, None)."""
+    process = subprocess.Popen([program, "--name", name, "--size", "%dx%d" % (width, height)],
+                               stdout=subprocess.PIPE, text=True)
+    if process.stdout.readline().strip() != "ready":
+        process.kill()
+        process.wait()
+        return None, None
+    node = find_node(name)
+    if node is None:
+        process.kill()
+        process.wait()
+    return process, node
+
+
 class Session(dbus.service.Object):
     def __init__(self, bus, path, portal):
         super().__init__(bus, path)
@@ -79,8 +109,14 @@ class Session(dbus.service.Object):
         self.path = path
         self.restored = False
         self.node = None
+        self.process = None
 
     def close(self):
+        if self.process is not None:
+            self.process.terminate()
+            self.process.wait()
+            self.process = None
+            self.node = None
         if self.node is not None:
             destroy_node(self.node)
             self.node = None
@@ -164,7 +200,12 @@ class ScreenCast(dbus.service.Object):
         if session is None:
             return self.respond(path, 2, {})
         self.counter += 1
-        node = create_node("screencast-%d-%d" % (os.getpid(), self.counter), self.width, self.height)
+        name = "screencast-%d-%d" % (os.getpid(), self.counter)
+        program = source_program(self.args.source_program) if self.args.source_program else None
+        if program:
+            session.process, node = start_program_node(program, name, self.width, self.height)
+        else:
+            node = create_node(name, self.width, self.height)
         if node is None:
             return self.respond(path, 2, {})
         session.node = node
@@ -199,6 +240,7 @@ def main():
     parser.add_argument("--size", default="640x360")
     parser.add_argument("--dialogs", required=True)
     parser.add_argument("--cursor", required=True, help="file that receives the last cursor mode asked for")
+    parser.add_argument("--source-program", help="file that may name a source program to use instead")
     args = parser.parse_args()
 
     DBusGMainLoop(set_as_default=True)

@@ -3,7 +3,8 @@
 # Starts, in a private runtime directory: a session bus, PipeWire with a video
 # test source node ("test-videotestsrc", colour bars), WirePlumber, and a
 # stand-in ScreenCast portal that hands out a video test source of the same
-# kind per session. Writes DIR/NAME.env.
+# kind per session (or a node of the program named in the file
+# $ORVANTA_PORTAL_SOURCE). Writes DIR/NAME.env.
 # Everything started is recorded in PID files for pipewire-stop.sh.
 set -euo pipefail
 dir=$1
@@ -36,7 +37,8 @@ echo $! >"$T/wireplumber.pid"
 
 # The distribution's interpreter: the D-Bus and GLib bindings are its packages.
 /usr/bin/python3 "$here/fake-screencast-portal.py" --size "${ORVANTA_SCREENCAST_SIZE:-640x360}" \
-    --dialogs "$T/portal-dialogs" --cursor "$T/portal-cursor" >"$T/portal.log" 2>&1 &
+    --dialogs "$T/portal-dialogs" --cursor "$T/portal-cursor" --source-program "$T/portal-source" \
+    >"$T/portal.log" 2>&1 &
 echo $! >"$T/portal.pid"
 
 ready=0
@@ -62,4 +64,5 @@ export DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS
 export ORVANTA_PIPEWIRE_PIDFILE=$T/pipewire.pid
 export ORVANTA_PORTAL_DIALOGS=$T/portal-dialogs
 export ORVANTA_PORTAL_CURSOR=$T/portal-cursor
+export ORVANTA_PORTAL_SOURCE=$T/portal-source
 ENV

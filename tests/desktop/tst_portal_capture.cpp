@@ -89,6 +89,7 @@ private slots:
     void outputSizeChangesTheNextFrame();
     void theUserIsAskedOnce();
     void theCursorIsEmbedded();
+    void aDmaBufSourceGivesFramesWithItsColours();
     void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
 
 private:
@@ -211,6 +212,40 @@ void PortalCaptureTest::theCursorIsEmbedded()
     WinRTCapturer capturer;
     QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
     QCOMPARE(portalRecord("ORVANTA_PORTAL_CURSOR"), 2); // embedded in the picture
+}
+
+void PortalCaptureTest::aDmaBufSourceGivesFramesWithItsColours()
+{
+    // The portal hands out a source that allocates DMA-BUFs, as compositors do.
+    // Whether the GPU imports them or the CPU reads them, the front sees the same frames.
+    QFile programFile(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_SOURCE")));
+    QVERIFY(programFile.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    programFile.write(ORVANTA_DMABUF_SOURCE);
+    programFile.close();
+    struct Restore
+    {
+        QFile& file;
+        ~Restore()
+        {
+            file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+        }
+    } restore {programFile};
+
+    WinDeskCapture front(&m_option, nullptr);
+    QCOMPARE(front.setCaptureContext(DeskCaptureContext()), 0L);
+    QCOMPARE(front.originSize(), QSize(640, 360));
+    front.setOutputSize(QSize(64, 36));
+    const cv::Mat frame = waitForFrontFrame(front, 64);
+    QCOMPARE(frame.rows, 36);
+    // Red, green, blue and white quadrants, in R, G, B order.
+    const int quadrants[4][2] = {{8, 8}, {56, 8}, {8, 28}, {56, 28}};
+    const int colours[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
+    for (int q = 0; q < 4; ++q) {
+        const cv::Vec4b p = frame.at<cv::Vec4b>(quadrants[q][1], quadrants[q][0]);
+        for (int c = 0; c < 3; ++c)
+            QVERIFY2(std::abs(p[c] - colours[q][c]) <= 2,
+                qPrintable(QStringLiteral("quadrant %1: %2,%3,%4").arg(q).arg(p[0]).arg(p[1]).arg(p[2])));
+    }
 }
 
 void PortalCaptureTest::stoppingTheServerEndsTheSessionForGood()
