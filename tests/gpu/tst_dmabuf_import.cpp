@@ -8,8 +8,6 @@
 
 #include <QtTest/QtTest>
 
-#include <cstring>
-
 using namespace Orvanta;
 
 namespace {
@@ -29,7 +27,8 @@ Ifaces::DmaBufImage onePlaneImage()
 bool displayImportsDmaBufs(EGLDisplay display)
 {
     const char* extensions = eglQueryString(display, EGL_EXTENSIONS);
-    return extensions && std::strstr(extensions, "EGL_EXT_image_dma_buf_import_modifiers");
+    return Egl::EglDevice::hasExtension(extensions, "EGL_EXT_image_dma_buf_import")
+        && Egl::EglDevice::hasExtension(extensions, "EGL_EXT_image_dma_buf_import_modifiers");
 }
 
 } // namespace

@@ -3,26 +3,10 @@
 #include "ResultCodes.h"
 #include "egl/EglDevice.h"
 
-#include <cstring>
-
 namespace Orvanta {
 namespace Egl {
 
 namespace {
-
-bool hasExtension(const char* extensions, const char* name)
-{
-    if (!extensions)
-        return false;
-    const std::size_t length = std::strlen(name);
-    for (const char* at = std::strstr(extensions, name); at; at = std::strstr(at + length, name)) {
-        const bool startsWord = at == extensions || at[-1] == ' ';
-        const bool endsWord = at[length] == '\0' || at[length] == ' ';
-        if (startsWord && endsWord)
-            return true;
-    }
-    return false;
-}
 
 // The plane attributes of eglCreateImageKHR, four planes in order.
 constexpr EGLint PlaneFd[Ifaces::DmaBufImage::MaxPlanes]
@@ -42,8 +26,8 @@ DmaBufImporter::DmaBufImporter(EGLDisplay display)
     : m_display(display)
 {
     const char* extensions = display == EGL_NO_DISPLAY ? nullptr : eglQueryString(display, EGL_EXTENSIONS);
-    if (!hasExtension(extensions, "EGL_EXT_image_dma_buf_import")
-        || !hasExtension(extensions, "EGL_EXT_image_dma_buf_import_modifiers"))
+    if (!EglDevice::hasExtension(extensions, "EGL_EXT_image_dma_buf_import")
+        || !EglDevice::hasExtension(extensions, "EGL_EXT_image_dma_buf_import_modifiers"))
         return;
     m_createImage = reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR"));
     m_destroyImage = reinterpret_cast<PFNEGLDESTROYIMAGEKHRPROC>(eglGetProcAddress("eglDestroyImageKHR"));

@@ -14,20 +14,6 @@ namespace Egl {
 
 namespace {
 
-bool hasExtension(const char* extensions, const char* name)
-{
-    if (!extensions)
-        return false;
-    const std::size_t length = std::strlen(name);
-    for (const char* at = std::strstr(extensions, name); at; at = std::strstr(at + 1, name)) {
-        const bool startsWord = at == extensions || at[-1] == ' ';
-        const bool endsWord = at[length] == ' ' || at[length] == '\0';
-        if (startsWord && endsWord)
-            return true;
-    }
-    return false;
-}
-
 EGLDisplay openPlatformDisplay()
 {
     const char* clientExtensions = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
@@ -36,13 +22,13 @@ EGLDisplay openPlatformDisplay()
     if (!getPlatformDisplay)
         return EGL_NO_DISPLAY;
 
-    if (hasExtension(clientExtensions, "EGL_MESA_platform_surfaceless")) {
+    if (EglDevice::hasExtension(clientExtensions, "EGL_MESA_platform_surfaceless")) {
         EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
         if (display != EGL_NO_DISPLAY)
             return display;
     }
 
-    if (hasExtension(clientExtensions, "EGL_EXT_platform_device")) {
+    if (EglDevice::hasExtension(clientExtensions, "EGL_EXT_platform_device")) {
         auto queryDevices = reinterpret_cast<PFNEGLQUERYDEVICESEXTPROC>(eglGetProcAddress("eglQueryDevicesEXT"));
         EGLDeviceEXT device = nullptr;
         EGLint count = 0;
@@ -111,7 +97,7 @@ long EglDevice::create(std::shared_ptr<EglDevice>& device)
 
     const EGLint contextAttributes[] = {EGL_CONTEXT_MAJOR_VERSION, 3, EGL_CONTEXT_MINOR_VERSION, 0, EGL_NONE};
     EGLConfig config = EGL_NO_CONFIG_KHR;
-    if (!hasExtension(eglQueryString(display, EGL_EXTENSIONS), "EGL_KHR_no_config_context")) {
+    if (!EglDevice::hasExtension(eglQueryString(display, EGL_EXTENSIONS), "EGL_KHR_no_config_context")) {
         const EGLint configAttributes[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT, EGL_NONE};
         EGLint count = 0;
         if (!eglChooseConfig(display, configAttributes, &config, 1, &count) || count < 1)
@@ -183,6 +169,20 @@ long EglDevice::doneCurrent() const
     if (!eglMakeCurrent(m_connection->display(), EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT))
         return resultFromEglError(eglGetError());
     return S_OK;
+}
+
+bool EglDevice::hasExtension(const char* extensions, const char* name)
+{
+    if (!extensions)
+        return false;
+    const std::size_t length = std::strlen(name);
+    for (const char* at = std::strstr(extensions, name); at; at = std::strstr(at + 1, name)) {
+        const bool startsWord = at == extensions || at[-1] == ' ';
+        const bool endsWord = at[length] == ' ' || at[length] == '\0';
+        if (startsWord && endsWord)
+            return true;
+    }
+    return false;
 }
 
 long EglDevice::resultFromEglError(EGLint error)

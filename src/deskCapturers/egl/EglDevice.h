@@ -43,6 +43,9 @@ public:
     /// Releases the context from the calling thread.
     long doneCurrent() const;
 
+    /// True when the blank-separated list @p extensions names @p name as a whole word.
+    static bool hasExtension(const char* extensions, const char* name);
+
     /// The result code for an EGL error value (eglGetError()).
     static long resultFromEglError(EGLint error);
 

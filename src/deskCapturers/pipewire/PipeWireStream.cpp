@@ -449,8 +449,9 @@ struct PipeWireStream::Loop
         const std::uint8_t* base = static_cast<const std::uint8_t*>(data.data);
         const DmaBufMapping* mapping = nullptr;
         if (data.type == SPA_DATA_DmaBuf) {
+            // Only plain rows make sense to the CPU; tiled layouts are the GPU's to read.
             std::unique_ptr<DmaBufMapping>& mapped = mappings[source];
-            if (!mapped)
+            if (!mapped && modifier == Ifaces::DmaBufLinearModifier)
                 mapped = DmaBufMapping::map(data);
             mapping = mapped.get();
             if (!mapping) {
