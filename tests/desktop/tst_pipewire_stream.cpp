@@ -126,11 +126,19 @@ private slots:
     void aSourceWithoutDmaBufsGivesSharedMemory();
 
 private:
-    int m_sources = 0;
-    QString nextName()
+    /// A new DMA-BUF source in @p source, and a stream from it (null when either fails).
+    std::shared_ptr<PipeWireStream> streamFromNewSource(
+        std::unique_ptr<DmaBufSource>& source, std::vector<Ifaces::DmaBufFormat> importable, bool unmappable = false)
     {
-        return QStringLiteral("test-dmabufsrc-%1-%2").arg(QCoreApplication::applicationPid()).arg(++m_sources);
+        const QString name
+            = QStringLiteral("test-dmabufsrc-%1-%2").arg(QCoreApplication::applicationPid()).arg(++m_sources);
+        source.reset(new DmaBufSource(name, unmappable));
+        if (!source->started())
+            return nullptr;
+        return openStream(name, std::move(importable));
     }
+
+    int m_sources = 0;
 };
 
 void PipeWireStreamTest::initTestCase()
@@ -140,10 +148,8 @@ void PipeWireStreamTest::initTestCase()
 
 void PipeWireStreamTest::importableDmaBufsAreHeldNotCopied()
 {
-    const QString name = nextName();
-    DmaBufSource source(name);
-    QVERIFY(source.started());
-    auto stream = openStream(name, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    std::unique_ptr<DmaBufSource> source;
+    auto stream = streamFromNewSource(source, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
     QVERIFY(stream);
     auto frame = waitForFrame(*stream);
     QVERIFY(frame);
@@ -161,10 +167,8 @@ void PipeWireStreamTest::importableDmaBufsAreHeldNotCopied()
 
 void PipeWireStreamTest::heldFramesGoBackToTheSource()
 {
-    const QString name = nextName();
-    DmaBufSource source(name);
-    QVERIFY(source.started());
-    auto stream = openStream(name, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    std::unique_ptr<DmaBufSource> source;
+    auto stream = streamFromNewSource(source, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
     QVERIFY(stream);
     // One frame kept for the whole test, as a slow reader would: the others
     // still come, because every frame let go returns its buffer.
@@ -181,10 +185,8 @@ void PipeWireStreamTest::heldFramesGoBackToTheSource()
 
 void PipeWireStreamTest::aFrameMayOutliveItsStream()
 {
-    const QString name = nextName();
-    DmaBufSource source(name);
-    QVERIFY(source.started());
-    auto stream = openStream(name, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    std::unique_ptr<DmaBufSource> source;
+    auto stream = streamFromNewSource(source, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
     QVERIFY(stream);
     auto frame = waitForFrame(*stream);
     QVERIFY(frame);
@@ -199,10 +201,8 @@ void PipeWireStreamTest::aFrameMayOutliveItsStream()
 
 void PipeWireStreamTest::dmaBufsTheGpuCannotImportAreCopied()
 {
-    const QString name = nextName();
-    DmaBufSource source(name);
-    QVERIFY(source.started());
-    auto stream = openStream(name, {});
+    std::unique_ptr<DmaBufSource> source;
+    auto stream = streamFromNewSource(source, {});
     QVERIFY(stream);
     auto frame = waitForFrame(*stream);
     QVERIFY(frame);
@@ -215,10 +215,8 @@ void PipeWireStreamTest::dmaBufsTheGpuCannotImportAreCopied()
 
 void PipeWireStreamTest::anUnreadableDmaBufFallsBackToSharedMemory()
 {
-    const QString name = nextName();
-    DmaBufSource source(name, true);
-    QVERIFY(source.started());
-    auto stream = openStream(name, {});
+    std::unique_ptr<DmaBufSource> source;
+    auto stream = streamFromNewSource(source, {}, true);
     QVERIFY(stream);
     auto frame = waitForFrame(*stream);
     QVERIFY(frame);
