@@ -261,16 +261,22 @@ struct PipeWireStream::Loop
     pw_core_events coreEvents {};
     pw_stream_events streamEvents {};
 
-    // Guarded by the thread loop's lock.
+    // The newest picture, guarded by slotMutex rather than the loop's lock, so
+    // that a reader never waits while the loop copies a picture.
+    std::mutex slotMutex;
     std::vector<std::uint8_t> latest; ///< the newest copied picture, four bytes a pixel
     std::vector<std::uint8_t> spare; ///< memory for the next copy
     Ifaces::ScalerSource latestSource;
     bool fresh = false; ///< latest holds a picture not taken yet
     pw_buffer* pending = nullptr; ///< the newest held DMA-BUF, not taken yet
+    Ifaces::DmaBufImage pendingImage; ///< its planes, with the stream's own descriptors
+    Ifaces::PixelFormat pendingFormat = Ifaces::PixelFormat::Unknown;
     std::uint64_t generation = 0; ///< counts buffer removals: a held buffer of an older one is gone
-    long failed = S_OK;
+
+    std::atomic<long> failed {S_OK};
+    std::atomic<bool> closed {false};
+    // Guarded by the thread loop's lock from here on.
     bool connected = false;
-    bool closed = false;
     spa_video_format format = SPA_VIDEO_FORMAT_UNKNOWN;
     bool dmaBuf = false;
     bool importDmaBuf = false; ///< the negotiated DMA-BUFs go to the GPU uncopied
@@ -390,6 +396,7 @@ struct PipeWireStream::Loop
     {
         auto* self = static_cast<Loop*>(data);
         self->mappings.erase(buffer);
+        std::lock_guard<std::mutex> slot(self->slotMutex);
         if (self->pending == buffer)
             self->pending = nullptr;
         ++self->generation;
@@ -422,15 +429,36 @@ struct PipeWireStream::Loop
     /// Keeps @p buffer for the reader instead of the one kept before, which goes back.
     void holdForReader(pw_buffer* buffer)
     {
-        const spa_data& plane = buffer->buffer->datas[0];
-        if (isCorrupted(buffer->buffer) || plane.fd < 0 || !plane.chunk || plane.chunk->stride <= 0) {
+        const spa_buffer* held = buffer->buffer;
+        const Layout* layout = layoutOf(format);
+        if (!layout || isCorrupted(held) || held->datas[0].fd < 0 || !held->datas[0].chunk
+            || held->datas[0].chunk->stride <= 0) {
             pw_stream_queue_buffer(stream, buffer);
             return;
         }
-        if (pending)
-            pw_stream_queue_buffer(stream, pending);
-        pending = buffer;
-        fresh = false; // a copy made before is older than this
+        Ifaces::DmaBufImage image;
+        image.width = width;
+        image.height = height;
+        image.fourcc = layout->fourcc;
+        image.modifier = modifier;
+        image.planeCount = int(std::min<std::uint32_t>(held->n_datas, Ifaces::DmaBufImage::MaxPlanes));
+        for (int i = 0; i < image.planeCount; ++i) {
+            const spa_data& plane = held->datas[i];
+            image.planes[i].fd = int(plane.fd);
+            image.planes[i].offset = plane.chunk ? plane.chunk->offset : 0;
+            image.planes[i].stride = plane.chunk ? std::uint32_t(plane.chunk->stride) : 0;
+        }
+        pw_buffer* older = nullptr;
+        {
+            std::lock_guard<std::mutex> slot(slotMutex);
+            older = pending;
+            pending = buffer;
+            pendingImage = image;
+            pendingFormat = layout->pixelFormat;
+            fresh = false; // a copy made before is older than this
+        }
+        if (older)
+            pw_stream_queue_buffer(stream, older);
     }
 
     /// Copies the picture of @p buffer into the newest-frame slot, as four bytes a pixel.
@@ -471,9 +499,13 @@ struct PipeWireStream::Loop
             return;
         const std::uint8_t* pixels = base + offset;
 
+        std::vector<std::uint8_t> slot;
+        {
+            std::lock_guard<std::mutex> lock(slotMutex);
+            slot = std::move(spare);
+        }
         if (mapping)
             mapping->beginRead();
-        std::vector<std::uint8_t> slot = std::move(spare);
         slot.resize(std::size_t(w) * std::size_t(h) * 4);
         for (int y = 0; y < h; ++y) {
             const std::uint8_t* in = pixels + stride * std::size_t(y);
@@ -491,18 +523,22 @@ struct PipeWireStream::Loop
         }
         if (mapping)
             mapping->endRead();
-        spare = std::move(latest);
-        latest = std::move(slot);
-        latestSource = Ifaces::ScalerSource();
-        latestSource.width = w;
-        latestSource.height = h;
-        latestSource.bytesPerLine = std::size_t(w) * 4;
-        latestSource.format = layout->pixelFormat;
-        fresh = true;
-        if (pending) {
-            pw_stream_queue_buffer(stream, pending); // older than this copy
+        pw_buffer* older = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(slotMutex);
+            spare = std::move(latest);
+            latest = std::move(slot);
+            latestSource = Ifaces::ScalerSource();
+            latestSource.width = w;
+            latestSource.height = h;
+            latestSource.bytesPerLine = std::size_t(w) * 4;
+            latestSource.format = layout->pixelFormat;
+            fresh = true;
+            older = pending; // older than this copy
             pending = nullptr;
         }
+        if (older)
+            pw_stream_queue_buffer(stream, older);
     }
 
     /// Stops offering DMA-BUFs of @p fourcc with @p refused, which this process cannot read,
@@ -631,30 +667,18 @@ long PipeWireStream::takeNewest(std::unique_ptr<Frame>& frame)
     frame.reset();
     if (!m_loop->threadLoop)
         return RO_E_CLOSED;
-    Loop::Lock lock(m_loop->threadLoop);
     const long hr = failure();
     if (hr < 0)
         return hr;
     Loop& loop = *m_loop;
+    std::lock_guard<std::mutex> slot(loop.slotMutex);
     if (loop.pending) {
-        const spa_buffer* buffer = loop.pending->buffer;
-        const Layout* layout = layoutOf(loop.format);
-        Ifaces::DmaBufImage image;
-        image.width = loop.width;
-        image.height = loop.height;
-        image.fourcc = layout ? layout->fourcc : 0;
-        image.modifier = loop.modifier;
-        image.planeCount = int(std::min<std::uint32_t>(buffer->n_datas, Ifaces::DmaBufImage::MaxPlanes));
-        for (int i = 0; i < image.planeCount; ++i) {
-            const spa_data& plane = buffer->datas[i];
-            // A descriptor of the frame's own: the stream closes its copy when
-            // it removes the buffer, which may happen while the reader draws.
-            image.planes[i].fd = ::fcntl(int(plane.fd), F_DUPFD_CLOEXEC, 0);
-            image.planes[i].offset = plane.chunk ? plane.chunk->offset : 0;
-            image.planes[i].stride = plane.chunk ? std::uint32_t(plane.chunk->stride) : 0;
-        }
-        frame.reset(new Frame(shared_from_this(), loop.pending, loop.generation, image,
-            layout ? layout->pixelFormat : Ifaces::PixelFormat::Unknown));
+        Ifaces::DmaBufImage image = loop.pendingImage;
+        // Descriptors of the frame's own: the stream closes its copies when it
+        // removes the buffer, which may happen while the reader draws.
+        for (int i = 0; i < image.planeCount; ++i)
+            image.planes[i].fd = ::fcntl(image.planes[i].fd, F_DUPFD_CLOEXEC, 0);
+        frame.reset(new Frame(shared_from_this(), loop.pending, loop.generation, image, loop.pendingFormat));
         loop.pending = nullptr;
         return S_OK;
     }
@@ -758,14 +782,20 @@ PipeWireStream::Frame::~Frame()
     Loop& loop = *m_stream->m_loop;
     if (!loop.threadLoop || (m_pixels.empty() && !m_held))
         return;
-    Loop::Lock lock(loop.threadLoop);
     if (m_held) {
+        Loop::Lock lock(loop.threadLoop);
+        bool current = false;
+        {
+            std::lock_guard<std::mutex> slot(loop.slotMutex);
+            current = loop.generation == m_generation;
+        }
         // Back to the source, unless the stream has let go of its buffers since.
-        if (!loop.closed && loop.stream && loop.generation == m_generation)
+        if (current && !loop.closed && loop.stream)
             pw_stream_queue_buffer(loop.stream, m_held);
         return;
     }
     // Hand the memory back for the next copy, saving an allocation a frame.
+    std::lock_guard<std::mutex> slot(loop.slotMutex);
     if (loop.spare.capacity() < m_pixels.capacity())
         loop.spare = std::move(m_pixels);
 }
