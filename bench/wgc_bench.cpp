@@ -1,8 +1,11 @@
 // Graphics capture: the per-frame cost of a screen-cast frame (desktop portal,
 // PipeWire stream of 1920x1080, scaled to 320x180 on the GPU) against the
-// duplication path's frame of an X screen of the same size. Only the capture
-// call that delivers a frame is timed; waiting for the source is not. The
-// PipeWire server, its portal and the X server are private and started here.
+// duplication path's frame of an X screen of the same size. In both a square
+// of 256 pixels moves each frame and the source says what changed: the X
+// server through its damage events, the stream's source (as compositors do)
+// through each buffer's list of changed parts. Only the capture call that
+// delivers a frame is timed; waiting for the source is not. The PipeWire
+// server, its portal and the X server are private and started here.
 #include "DXGICapturer.h"
 #include "WinRTCapturer.h"
 #include "ifaces/DisplayAdapter.h"
@@ -132,6 +135,14 @@ void PortalFrameOurs(benchmark::State& state)
         state.SkipWithError("PipeWire or the portal did not start");
         return;
     }
+#ifndef ORVANTA_DMABUF_SOURCE
+    state.SkipWithError("built without the screen-cast source program");
+    return;
+#else
+    // The portal hands out the test source program, in shared memory, with the moving square.
+    std::ofstream(std::getenv("ORVANTA_PORTAL_SOURCE"), std::ios::trunc)
+        << ORVANTA_DMABUF_SOURCE << " --shm --square 256x256";
+#endif
     WinRTCapturer capturer;
     if (capturer.setCaptureContext(DeskCaptureContext()) < 0 || capturer.originSize() != QSize(1920, 1080)) {
         state.SkipWithError("no 1920x1080 screen cast");

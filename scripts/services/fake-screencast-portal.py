@@ -9,8 +9,8 @@ question to the user; the count is written to the file named by --dialogs.
 
 The cursor mode of the last SelectSources goes to the file named by --cursor.
 
-When the file named by --source-program holds the path of a source program
-(taking --name NODE --size WxH and printing "ready" once its node is there),
+When the file named by --source-program holds the command line of a source
+program (taking --name NODE --size WxH and printing "ready" once its node is there),
 sessions started after that get a node of that program instead of the video
 test source; an empty or missing file means the video test source.
 
@@ -19,6 +19,7 @@ Usage: fake-screencast-portal.py --size WxH --dialogs FILE --cursor FILE [--sour
 import argparse
 import json
 import os
+import shlex
 import signal
 import socket
 import subprocess
@@ -78,18 +79,18 @@ def destroy_node(node):
 
 
 def source_program(path):
-    """The source program named in the file @path, or None."""
+    """The source program's command line in the file @path, as a list, or None."""
     try:
         with open(path) as f:
-            program = f.read().strip()
+            command = shlex.split(f.read())
     except OSError:
         return None
-    return program or None
+    return command or None
 
 
-def start_program_node(program, name, width, height):
-    """Runs @program as the source named @name; (process, node id), or (None, None)."""
-    process = subprocess.Popen([program, "--name", name, "--size", "%dx%d" % (width, height)],
+def start_program_node(command, name, width, height):
+    """Runs @command as the source named @name; (process, node id), or (None, None)."""
+    process = subprocess.Popen(command + ["--name", name, "--size", "%dx%d" % (width, height)],
                                stdout=subprocess.PIPE, text=True)
     if process.stdout.readline().strip() != "ready":
         process.kill()

@@ -10,9 +10,13 @@
 // fallback.
 //
 // The picture has four quadrants: red top left, green top right, blue bottom
-// left, white bottom right.
+// left, white bottom right, and a black square (16 by 8 pixels unless
+// --square says otherwise) that moves along the middle row, 4 pixels a frame.
+// Each buffer names the parts that changed since the buffer before: the
+// square's old and new place.
 //
-// Usage: orvanta-dmabuf-source --name NODE --size WxH [--unmappable]
+// Usage: orvanta-dmabuf-source --name NODE --size WxH [--square WxH] [--unmappable | --shm]
+// --shm offers shared memory only.
 // It prints "ready" once consumers can find the node.
 
 #include <pipewire/pipewire.h>
@@ -44,6 +48,10 @@ struct Source
     int width = 64;
     int height = 36;
     bool unmappable = false;
+    bool sharedMemoryOnly = false;
+    int frame = 0;
+    int squareWidth = 16;
+    int squareHeight = 8;
     bool dmaBuf = false;
     bool announced = false;
 };
@@ -90,17 +98,23 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param)
     }
     source->dmaBuf = modifier != nullptr;
     const int stride = source->width * 4;
-    const spa_pod* params[1] = {static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder,
-        SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
-        SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size, SPA_POD_Int(stride * source->height),
-        SPA_PARAM_BUFFERS_stride, SPA_POD_Int(stride), SPA_PARAM_BUFFERS_dataType,
-        SPA_POD_CHOICE_FLAGS_Int(source->dmaBuf ? (1 << SPA_DATA_DmaBuf) : (1 << SPA_DATA_MemFd))))};
-    pw_stream_update_params(source->stream, params, 1);
+    const spa_pod* params[2]
+        = {static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamBuffers,
+               SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
+               SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size, SPA_POD_Int(stride * source->height),
+               SPA_PARAM_BUFFERS_stride, SPA_POD_Int(stride), SPA_PARAM_BUFFERS_dataType,
+               SPA_POD_CHOICE_FLAGS_Int(source->dmaBuf ? (1 << SPA_DATA_DmaBuf) : (1 << SPA_DATA_MemFd)))),
+            static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
+                SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoDamage), SPA_PARAM_META_size,
+                SPA_POD_CHOICE_RANGE_Int(
+                    sizeof(spa_meta_region) * 16, sizeof(spa_meta_region) * 3, sizeof(spa_meta_region) * 16)))};
+    pw_stream_update_params(source->stream, params, 2);
 }
 
 void onAddBuffer(void* data, pw_buffer* buffer)
 {
     auto* source = static_cast<Source*>(data);
+    buffer->user_data = nullptr; // not painted yet
     spa_data& plane = buffer->buffer->datas[0];
     const std::uint32_t size = std::uint32_t(source->width * 4 * source->height);
     const bool dmaBuf = (plane.type & (1u << SPA_DATA_DmaBuf)) != 0;
@@ -137,21 +151,59 @@ void onRemoveBuffer(void* data, pw_buffer* buffer)
     plane.fd = -1;
 }
 
-void paint(const Source& source, std::uint8_t* pixels)
+spa_region makeRegion(int x, int y, int width, int height)
 {
-    for (int y = 0; y < source.height; ++y) {
-        for (int x = 0; x < source.width; ++x) {
-            const bool right = x >= source.width / 2;
-            const bool bottom = y >= source.height / 2;
+    spa_region region {};
+    region.position.x = x;
+    region.position.y = y;
+    region.size.width = std::uint32_t(width);
+    region.size.height = std::uint32_t(height);
+    return region;
+}
+
+/// Where the square is in frame @p frame.
+spa_region squareAt(const Source& source, int frame)
+{
+    const int travel = source.width > source.squareWidth ? source.width - source.squareWidth : 1;
+    return makeRegion(
+        (frame * 4) % travel, source.height / 2 - source.squareHeight / 2, source.squareWidth, source.squareHeight);
+}
+
+/// Paints the picture of the current frame into @p pixels, which hold that
+/// of frame @p painted (-1: nothing yet): only what changed in between.
+void paint(const Source& source, std::uint8_t* pixels, int painted)
+{
+    const spa_region square = squareAt(source, source.frame);
+    int top = 0;
+    int bottom = source.height;
+    int left = 0;
+    int right = source.width;
+    if (painted >= 0) {
+        // The square moves right along its rows, and starts over at the left.
+        const spa_region then = squareAt(source, painted);
+        top = square.position.y;
+        bottom = top + int(square.size.height);
+        if (then.position.x <= square.position.x) {
+            left = then.position.x;
+            right = square.position.x + int(square.size.width);
+        }
+    }
+    for (int y = top; y < bottom; ++y) {
+        for (int x = left; x < right; ++x) {
+            const bool rightHalf = x >= source.width / 2;
+            const bool bottomHalf = y >= source.height / 2;
             std::uint8_t b = 0, g = 0, r = 0;
-            if (!right && !bottom)
+            if (!rightHalf && !bottomHalf)
                 r = 255;
-            else if (right && !bottom)
+            else if (rightHalf && !bottomHalf)
                 g = 255;
-            else if (!right)
+            else if (!rightHalf)
                 b = 255;
             else
                 r = g = b = 255;
+            if (x >= square.position.x && x < square.position.x + int(square.size.width) && y >= square.position.y
+                && y < square.position.y + int(square.size.height))
+                r = g = b = 0;
             std::uint8_t* pixel = pixels + (std::size_t(y) * std::size_t(source.width) + std::size_t(x)) * 4;
             pixel[0] = b;
             pixel[1] = g;
@@ -161,6 +213,23 @@ void paint(const Source& source, std::uint8_t* pixels)
     }
 }
 
+/// Names the square's old and new place as what changed (all of it in the first frame).
+void describeChange(const Source& source, spa_buffer* buffer)
+{
+    spa_meta* meta = spa_buffer_find_meta(buffer, SPA_META_VideoDamage);
+    if (!meta || meta->size < sizeof(spa_meta_region) * 3)
+        return;
+    auto* regions = static_cast<spa_meta_region*>(meta->data);
+    if (source.frame == 0) {
+        regions[0].region = makeRegion(0, 0, source.width, source.height);
+        regions[1].region = makeRegion(0, 0, 0, 0);
+        return;
+    }
+    regions[0].region = squareAt(source, source.frame - 1);
+    regions[1].region = squareAt(source, source.frame);
+    regions[2].region = makeRegion(0, 0, 0, 0); // the end of the list
+}
+
 void onProcess(void* data)
 {
     auto* source = static_cast<Source*>(data);
@@ -168,12 +237,18 @@ void onProcess(void* data)
     if (!buffer)
         return;
     spa_data& plane = buffer->buffer->datas[0];
-    if (plane.data)
-        paint(*source, static_cast<std::uint8_t*>(plane.data));
+    if (plane.data) {
+        // Each buffer remembers the frame it shows, plus one (0: none yet).
+        const auto shown = reinterpret_cast<std::intptr_t>(buffer->user_data);
+        paint(*source, static_cast<std::uint8_t*>(plane.data), int(shown) - 1);
+        buffer->user_data = reinterpret_cast<void*>(std::intptr_t(source->frame) + 1);
+    }
+    describeChange(*source, buffer->buffer);
     plane.chunk->offset = 0;
     plane.chunk->size = plane.maxsize;
     plane.chunk->stride = source->width * 4;
     pw_stream_queue_buffer(source->stream, buffer);
+    ++source->frame;
 }
 
 void onTimeout(void* data, std::uint64_t)
@@ -217,6 +292,10 @@ int main(int argc, char** argv)
             std::sscanf(argv[++i], "%dx%d", &source.width, &source.height);
         else if (arg == "--unmappable")
             source.unmappable = true;
+        else if (arg == "--shm")
+            source.sharedMemoryOnly = true;
+        else if (arg == "--square" && i + 1 < argc)
+            std::sscanf(argv[++i], "%dx%d", &source.squareWidth, &source.squareHeight);
     }
     pw_init(&argc, &argv);
     source.loop = pw_main_loop_new(nullptr);
@@ -240,8 +319,9 @@ int main(int argc, char** argv)
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(memory, sizeof(memory));
     const spa_pod* params[2]
         = {buildFormat(&builder, source, true, false), buildFormat(&builder, source, false, false)};
+    const std::uint32_t first = source.sharedMemoryOnly ? 1 : 0;
     pw_stream_connect(source.stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
-        static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_ALLOC_BUFFERS), params, 2);
+        static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_ALLOC_BUFFERS), params + first, 2 - first);
     pw_main_loop_run(source.loop);
     pw_stream_destroy(source.stream);
     pw_main_loop_destroy(source.loop);

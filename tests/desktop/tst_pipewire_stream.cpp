@@ -24,11 +24,16 @@ const std::uint32_t Xrgb = Ifaces::drmFourcc('X', 'R', '2', '4');
 class DmaBufSource
 {
 public:
-    explicit DmaBufSource(const QString& name, bool unmappable = false)
+    /// What the source offers: DMA-BUFs a reader can map, ones it cannot, or shared memory only.
+    enum Kind { Mappable, Unmappable, SharedMemory };
+
+    explicit DmaBufSource(const QString& name, Kind kind = Mappable)
     {
         QStringList arguments {"--name", name, "--size", QStringLiteral("%1x%2").arg(Width).arg(Height)};
-        if (unmappable)
+        if (kind == Unmappable)
             arguments << "--unmappable";
+        else if (kind == SharedMemory)
+            arguments << "--shm";
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.start(QStringLiteral(ORVANTA_DMABUF_SOURCE), arguments);
     }
@@ -89,6 +94,28 @@ QString bgrAt(const std::uint8_t* pixels, std::size_t stride, int x, int y)
     return QStringLiteral("%1,%2,%3").arg(p[0]).arg(p[1]).arg(p[2]);
 }
 
+/// Where the source's black square starts in its middle row, or -1.
+int squareX(const Ifaces::ScalerSource& source)
+{
+    const auto* row = static_cast<const std::uint8_t*>(source.pixels) + source.bytesPerLine * std::size_t(Height / 2);
+    for (int x = 0; x < Width; ++x) {
+        if (row[x * 4] == 0 && row[x * 4 + 1] == 0 && row[x * 4 + 2] == 0)
+            return x;
+    }
+    return -1;
+}
+
+/// True when one of the changed parts of @p source covers the square at @p x.
+bool changeCovers(const Ifaces::ScalerSource& source, int x)
+{
+    for (std::size_t i = 0; i < source.changedRectCount; ++i) {
+        const Ifaces::ScalerRect& rect = source.changedRects[i];
+        if (rect.x <= x && rect.x + rect.width >= x + 16 && rect.y <= Height / 2 && rect.y + rect.height > Height / 2)
+            return true;
+    }
+    return false;
+}
+
 void verifyQuadrants(const std::uint8_t* pixels, std::size_t stride)
 {
     QCOMPARE(bgrAt(pixels, stride, 2, 2), QStringLiteral("0,0,255")); // red
@@ -120,19 +147,22 @@ private slots:
     void initTestCase();
     void importableDmaBufsAreHeldNotCopied();
     void heldFramesGoBackToTheSource();
+    void aFrameMayOutliveItsStream_data();
     void aFrameMayOutliveItsStream();
+    void sharedMemoryIsReadWhereItIs();
+    void framesSayWhatChangedSinceTheFrameTakenBefore();
     void dmaBufsTheGpuCannotImportAreCopied();
     void anUnreadableDmaBufFallsBackToSharedMemory();
     void aSourceWithoutDmaBufsGivesSharedMemory();
 
 private:
     /// A new DMA-BUF source in @p source, and a stream from it (null when either fails).
-    std::shared_ptr<PipeWireStream> streamFromNewSource(
-        std::unique_ptr<DmaBufSource>& source, std::vector<Ifaces::DmaBufFormat> importable, bool unmappable = false)
+    std::shared_ptr<PipeWireStream> streamFromNewSource(std::unique_ptr<DmaBufSource>& source,
+        std::vector<Ifaces::DmaBufFormat> importable, DmaBufSource::Kind kind = DmaBufSource::Mappable)
     {
         const QString name
             = QStringLiteral("test-dmabufsrc-%1-%2").arg(QCoreApplication::applicationPid()).arg(++m_sources);
-        source.reset(new DmaBufSource(name, unmappable));
+        source.reset(new DmaBufSource(name, kind));
         if (!source->started())
             return nullptr;
         return openStream(name, std::move(importable));
@@ -183,20 +213,87 @@ void PipeWireStreamTest::heldFramesGoBackToTheSource()
     verifyDmaBufPicture(*kept);
 }
 
+void PipeWireStreamTest::aFrameMayOutliveItsStream_data()
+{
+    QTest::addColumn<bool>("sharedMemory");
+    QTest::newRow("DMA-BUF") << false;
+    QTest::newRow("shared memory") << true;
+}
+
 void PipeWireStreamTest::aFrameMayOutliveItsStream()
 {
+    QFETCH(bool, sharedMemory);
     std::unique_ptr<DmaBufSource> source;
-    auto stream = streamFromNewSource(source, {{Xrgb, {Ifaces::DmaBufLinearModifier}}});
+    auto stream = streamFromNewSource(source, {{Xrgb, {Ifaces::DmaBufLinearModifier}}},
+        sharedMemory ? DmaBufSource::SharedMemory : DmaBufSource::Mappable);
     QVERIFY(stream);
     auto frame = waitForFrame(*stream);
     QVERIFY(frame);
+    QVERIFY(frame->isHeld());
     stream->close();
     std::unique_ptr<PipeWireStream::Frame> none;
     QCOMPARE(stream->takeNewest(none), RO_E_CLOSED);
-    // The frame's own descriptor still reaches the picture after the stream let go of its buffers.
-    verifyDmaBufPicture(*frame);
+    // The frame's own descriptor or mapping still reaches the picture after
+    // the stream let go of its buffers.
+    if (sharedMemory)
+        verifyQuadrants(static_cast<const std::uint8_t*>(frame->source().pixels), frame->source().bytesPerLine);
+    else
+        verifyDmaBufPicture(*frame);
     stream.reset();
     frame.reset();
+}
+
+void PipeWireStreamTest::sharedMemoryIsReadWhereItIs()
+{
+    std::unique_ptr<DmaBufSource> source;
+    auto stream = streamFromNewSource(source, {}, DmaBufSource::SharedMemory);
+    QVERIFY(stream);
+    auto frame = waitForFrame(*stream);
+    QVERIFY(frame);
+    QVERIFY(!stream->negotiatedDmaBuf());
+    QVERIFY(frame->isHeld());
+    QVERIFY(!frame->isDmaBuf());
+    QCOMPARE(frame->source().bytesPerLine, std::size_t(Width * 4));
+    QVERIFY(frame->source().series);
+    verifyQuadrants(static_cast<const std::uint8_t*>(frame->source().pixels), frame->source().bytesPerLine);
+}
+
+void PipeWireStreamTest::framesSayWhatChangedSinceTheFrameTakenBefore()
+{
+    std::unique_ptr<DmaBufSource> source;
+    auto stream = streamFromNewSource(source, {}, DmaBufSource::SharedMemory);
+    QVERIFY(stream);
+    // The first frame: nothing before it, so anything changed.
+    auto frame = waitForFrame(*stream);
+    QVERIFY(frame);
+    QVERIFY(!frame->source().changedRects);
+    int before = squareX(frame->source());
+    QVERIFY(before >= 0);
+    frame.reset();
+    // Each later frame names the parts changed since the one taken before,
+    // however many the stream skipped: the square's old and new places.
+    int named = 0;
+    for (int i = 0; i < 20; ++i) {
+        frame = waitForFrame(*stream);
+        QVERIFY(frame);
+        const Ifaces::ScalerSource& picture = frame->source();
+        const int now = squareX(picture);
+        QVERIFY(now >= 0);
+        verifyQuadrants(static_cast<const std::uint8_t*>(picture.pixels), picture.bytesPerLine);
+        if (picture.changedRects) {
+            ++named;
+            for (std::size_t r = 0; r < picture.changedRectCount; ++r) {
+                const Ifaces::ScalerRect& rect = picture.changedRects[r];
+                QVERIFY(rect.y >= Height / 2 - 4 && rect.y + rect.height <= Height / 2 + 4);
+            }
+            QVERIFY2(changeCovers(picture, before) && changeCovers(picture, now),
+                qPrintable(QStringLiteral("square from %1 to %2").arg(before).arg(now)));
+        }
+        before = now;
+        frame.reset();
+    }
+    // More than a few parts at once are "anything" again; most frames name theirs.
+    QVERIFY(named >= 10);
 }
 
 void PipeWireStreamTest::dmaBufsTheGpuCannotImportAreCopied()
@@ -216,7 +313,7 @@ void PipeWireStreamTest::dmaBufsTheGpuCannotImportAreCopied()
 void PipeWireStreamTest::anUnreadableDmaBufFallsBackToSharedMemory()
 {
     std::unique_ptr<DmaBufSource> source;
-    auto stream = streamFromNewSource(source, {}, true);
+    auto stream = streamFromNewSource(source, {}, DmaBufSource::Unmappable);
     QVERIFY(stream);
     auto frame = waitForFrame(*stream);
     QVERIFY(frame);

@@ -55,6 +55,26 @@ cv::Mat waitForFrontFrame(WinDeskCapture& front, int width)
     return cv::Mat();
 }
 
+/// Makes the portal hand out nodes of @p command for one scope.
+class PortalSourceProgram
+{
+public:
+    explicit PortalSourceProgram(const QByteArray& command)
+        : m_file(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_SOURCE")))
+    {
+        if (m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            m_file.write(command);
+        m_file.close();
+    }
+    ~PortalSourceProgram()
+    {
+        m_file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    }
+
+private:
+    QFile m_file;
+};
+
 /// Sets an environment variable for one scope.
 class ScopedEnv
 {
@@ -90,6 +110,7 @@ private slots:
     void theUserIsAskedOnce();
     void theCursorIsEmbedded();
     void aDmaBufSourceGivesFramesWithItsColours();
+    void onlyWhatChangedMovesAndNothingIsLeftBehind();
     void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
 
 private:
@@ -218,19 +239,7 @@ void PortalCaptureTest::aDmaBufSourceGivesFramesWithItsColours()
 {
     // The portal hands out a source that allocates DMA-BUFs, as compositors do.
     // Whether the GPU imports them or the CPU reads them, the front sees the same frames.
-    QFile programFile(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_SOURCE")));
-    QVERIFY(programFile.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    programFile.write(ORVANTA_DMABUF_SOURCE);
-    programFile.close();
-    struct Restore
-    {
-        QFile& file;
-        ~Restore()
-        {
-            file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-        }
-    } restore {programFile};
-
+    PortalSourceProgram program(QByteArray(ORVANTA_DMABUF_SOURCE));
     WinDeskCapture front(&m_option, nullptr);
     QCOMPARE(front.setCaptureContext(DeskCaptureContext()), 0L);
     QCOMPARE(front.originSize(), QSize(640, 360));
@@ -246,6 +255,39 @@ void PortalCaptureTest::aDmaBufSourceGivesFramesWithItsColours()
             QVERIFY2(std::abs(p[c] - colours[q][c]) <= 2,
                 qPrintable(QStringLiteral("quadrant %1: %2,%3,%4").arg(q).arg(p[0]).arg(p[1]).arg(p[2])));
     }
+}
+
+void PortalCaptureTest::onlyWhatChangedMovesAndNothingIsLeftBehind()
+{
+    // A source in shared memory that names what changed: a black square
+    // moving along the middle row. Frames move only those parts to the GPU;
+    // had a part been missed, the square would leave a trail of black behind.
+    PortalSourceProgram program(QByteArray(ORVANTA_DMABUF_SOURCE) + " --shm");
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
+    capturer.setOutputSize(QSize(640, 360));
+    QSet<int> places;
+    for (int i = 0; i < 30; ++i) {
+        const cv::Mat frame = waitForFrame(capturer);
+        QVERIFY(!frame.empty());
+        QCOMPARE(frame.cols, 640);
+        int black = 0;
+        int first = -1;
+        for (int x = 0; x < frame.cols; ++x) {
+            const cv::Vec4b p = frame.at<cv::Vec4b>(180, x);
+            if (p[0] < 8 && p[1] < 8 && p[2] < 8) {
+                ++black;
+                first = first < 0 ? x : first;
+            }
+        }
+        QVERIFY2(
+            black == 16, qPrintable(QStringLiteral("frame %1: %2 black pixels in the middle row").arg(i).arg(black)));
+        places.insert(first);
+        const cv::Vec4b red = frame.at<cv::Vec4b>(90, 100);
+        QVERIFY(red[0] >= 253 && red[1] <= 2 && red[2] <= 2);
+        QTest::qWait(10);
+    }
+    QVERIFY(places.size() > 5); // the square did move
 }
 
 void PortalCaptureTest::stoppingTheServerEndsTheSessionForGood()

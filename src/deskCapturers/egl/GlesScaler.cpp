@@ -141,7 +141,7 @@ struct GlesScaler::Objects
     GLsizei sourceWidth = 0;
     GLsizei sourceHeight = 0;
     GLint sourceInternalFormat = 0;
-    const void* sourcePixels = nullptr; // what the texture was last filled from
+    const void* sourceSeries = nullptr; // what the texture was last filled from
     std::size_t sourceBytesPerLine = 0;
     GLuint sourceView = 0; // the texture the next draw samples, 0 when none
     GLuint imported = 0; // a texture whose storage is an imported DMA-BUF
@@ -419,8 +419,9 @@ long GlesScaler::createSourceView(const Ifaces::ScalerSource& source)
     glPixelStorei(GL_UNPACK_ROW_LENGTH, static_cast<GLint>(source.bytesPerLine / pixelBytes));
     const bool sameTexture = m_gl->sourceWidth == source.width && m_gl->sourceHeight == source.height
         && m_gl->sourceInternalFormat == upload.internalFormat;
-    const bool sameMemory = m_gl->sourcePixels == source.pixels && m_gl->sourceBytesPerLine == source.bytesPerLine;
-    if (sameTexture && sameMemory && source.changedRects) {
+    const void* series = source.series ? source.series : source.pixels;
+    const bool sameSeries = m_gl->sourceSeries == series && m_gl->sourceBytesPerLine == source.bytesPerLine;
+    if (sameTexture && sameSeries && source.changedRects) {
         // The texture already holds the rest: only what changed crosses over.
         for (std::size_t i = 0; i < source.changedRectCount; ++i) {
             const Ifaces::ScalerRect& rect = source.changedRects[i];
@@ -458,10 +459,10 @@ long GlesScaler::createSourceView(const Ifaces::ScalerSource& source)
         m_gl->sourceWidth = 0;
         m_gl->sourceHeight = 0;
         m_gl->sourceInternalFormat = 0;
-        m_gl->sourcePixels = nullptr;
+        m_gl->sourceSeries = nullptr;
         return result;
     }
-    m_gl->sourcePixels = source.pixels;
+    m_gl->sourceSeries = series;
     m_gl->sourceBytesPerLine = source.bytesPerLine;
     m_gl->sourceView = m_gl->source;
     return S_OK;
@@ -488,6 +489,8 @@ long GlesScaler::importSource(const Ifaces::DmaBufImage& image)
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_SWIZZLE_A, GL_ALPHA);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 0);
+    // The upload texture no longer holds the picture before the next one.
+    m_gl->sourceSeries = nullptr;
     m_gl->sourceView = m_gl->imported;
     return S_OK;
 }

@@ -144,10 +144,14 @@ struct ScalerSource
     int height = 0;
     PixelFormat format = PixelFormat::Unknown;
     /// A hint for scalers that keep a copy of the source: when set, only these
-    /// parts changed since the previous source with the same pixels, size and
+    /// parts changed since the previous source of the same series, size and
     /// format. Null means that anything may have changed.
     const ScalerRect* changedRects = nullptr;
     std::size_t changedRectCount = 0;
+    /// The series of pictures the changed parts refer to, for sources whose
+    /// pictures come in different memory each time (a stream's buffers); null
+    /// means that the series is the memory at @c pixels.
+    const void* series = nullptr;
 };
 
 /// A read-back image: RGBA8 rows, the first row the top line of the target.

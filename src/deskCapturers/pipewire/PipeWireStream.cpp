@@ -192,33 +192,55 @@ bool isCorrupted(const spa_buffer* buffer)
     return header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED);
 }
 
-/// A DMA-BUF mapped for reading on the CPU, kept for the life of its buffer.
-class DmaBufMapping
+/**
+ * A buffer's memory (memfd or DMA-BUF) mapped for reading on the CPU through
+ * a descriptor of its own, so that the mapping outlives the stream's buffer:
+ * a reader may still draw from it while the stream renegotiates.
+ */
+class BufferMapping
 {
 public:
-    static std::unique_ptr<DmaBufMapping> map(const spa_data& data)
+    static std::shared_ptr<BufferMapping> map(const spa_data& data)
     {
-        const std::size_t length = std::size_t(data.mapoffset) + data.maxsize;
         if (data.fd < 0 || data.maxsize == 0)
             return nullptr;
-        void* address = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, int(data.fd), 0);
-        if (address == MAP_FAILED)
+        const int fd = ::fcntl(int(data.fd), F_DUPFD_CLOEXEC, 0);
+        if (fd < 0)
             return nullptr;
-        return std::unique_ptr<DmaBufMapping>(new DmaBufMapping(int(data.fd), address, length, data.mapoffset));
+        // Buffers may share one memfd at different offsets; mmap wants whole pages.
+        const std::size_t page = std::size_t(::sysconf(_SC_PAGESIZE));
+        const std::size_t start = std::size_t(data.mapoffset) / page * page;
+        const std::size_t length = std::size_t(data.mapoffset) - start + data.maxsize;
+        // Populated at once: the reader touches only what changed, a different
+        // few pages each frame, and would otherwise fault on each of them.
+        void* address = ::mmap(nullptr, length, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, off_t(start));
+        if (address == MAP_FAILED) {
+            ::close(fd);
+            return nullptr;
+        }
+        return std::shared_ptr<BufferMapping>(
+            new BufferMapping(fd, address, length, std::size_t(data.mapoffset) - start, data.maxsize));
     }
-    ~DmaBufMapping()
+    ~BufferMapping()
     {
         ::munmap(m_address, m_length);
+        ::close(m_fd);
     }
-    DmaBufMapping(const DmaBufMapping&) = delete;
-    DmaBufMapping& operator=(const DmaBufMapping&) = delete;
+    BufferMapping(const BufferMapping&) = delete;
+    BufferMapping& operator=(const BufferMapping&) = delete;
 
-    const std::uint8_t* pixels() const
+    /// The buffer's data, maxsize() bytes.
+    const std::uint8_t* data() const
     {
         return static_cast<const std::uint8_t*>(m_address) + m_offset;
     }
-    /// Brackets CPU reads, so that caches agree with what the device wrote.
-    /// Exporters without caches to manage refuse the call, which is fine.
+    std::size_t maxsize() const
+    {
+        return m_maxsize;
+    }
+    /// Brackets CPU reads of a DMA-BUF, so that caches agree with what the
+    /// device wrote. Other memory, and exporters without caches to manage,
+    /// refuse the call, which is fine.
     void beginRead() const
     {
         sync(DMA_BUF_SYNC_START | DMA_BUF_SYNC_READ);
@@ -229,11 +251,12 @@ public:
     }
 
 private:
-    DmaBufMapping(int fd, void* address, std::size_t length, std::size_t offset)
+    BufferMapping(int fd, void* address, std::size_t length, std::size_t offset, std::size_t maxsize)
         : m_fd(fd)
         , m_address(address)
         , m_length(length)
         , m_offset(offset)
+        , m_maxsize(maxsize)
     {
     }
     void sync(std::uint64_t flags) const
@@ -246,7 +269,37 @@ private:
     void* m_address;
     std::size_t m_length;
     std::size_t m_offset;
+    std::size_t m_maxsize;
 };
+
+/// More changed parts than this are not worth moving one by one.
+constexpr std::size_t MaxChangedRects = 32;
+
+/// Adds the changed parts @p buffer names to @p rects; false when it names none.
+bool readDamage(const spa_buffer* buffer, std::vector<Ifaces::ScalerRect>& rects)
+{
+    spa_meta* meta = spa_buffer_find_meta(buffer, SPA_META_VideoDamage);
+    if (!meta)
+        return false;
+    // An invalid region ends the list; an empty list means nothing changed.
+    const auto* region = static_cast<const spa_meta_region*>(meta->data);
+    const auto* end
+        = reinterpret_cast<const spa_meta_region*>(static_cast<const std::uint8_t*>(meta->data) + meta->size);
+    for (; region + 1 <= end && spa_meta_region_is_valid(region); ++region) {
+        rects.push_back({region->region.position.x, region->region.position.y, int(region->region.size.width),
+            int(region->region.size.height)});
+    }
+    return true;
+}
+
+/// Whether a picture of @p w by @p h with @p row bytes of pixels fits in the chunk of @p data of @p maxsize bytes.
+bool chunkHolds(
+    const spa_data& data, std::size_t maxsize, int w, int h, std::size_t row, std::size_t& offset, std::size_t& stride)
+{
+    stride = data.chunk->stride > 0 ? std::size_t(data.chunk->stride) : row;
+    offset = maxsize ? data.chunk->offset % maxsize : 0;
+    return stride >= row && offset + stride * std::size_t(h - 1) + row <= maxsize && w > 0;
+}
 
 } // namespace
 
@@ -268,10 +321,11 @@ struct PipeWireStream::Loop
     std::vector<std::uint8_t> spare; ///< memory for the next copy
     Ifaces::ScalerSource latestSource;
     bool fresh = false; ///< latest holds a picture not taken yet
-    pw_buffer* pending = nullptr; ///< the newest held DMA-BUF, not taken yet
-    Ifaces::DmaBufImage pendingImage; ///< its planes, with the stream's own descriptors
-    Ifaces::PixelFormat pendingFormat = Ifaces::PixelFormat::Unknown;
+    pw_buffer* pending = nullptr; ///< the newest held buffer, not taken yet
+    Picture pendingPicture; ///< its picture; a DMA-BUF's descriptors are the stream's own
     std::uint64_t generation = 0; ///< counts buffer removals: a held buffer of an older one is gone
+    std::vector<Ifaces::ScalerRect> damage; ///< changed since the frame taken last
+    bool damageAll = true; ///< anything may have changed since
 
     std::atomic<long> failed {S_OK};
     std::atomic<bool> closed {false};
@@ -285,7 +339,7 @@ struct PipeWireStream::Loop
     int requestedHeight = 0;
     std::vector<Ifaces::DmaBufFormat> importable;
     std::vector<Ifaces::DmaBufFormat> offers; ///< what is offered as DMA-BUFs now
-    std::map<const pw_buffer*, std::unique_ptr<DmaBufMapping>> mappings; ///< DMA-BUFs read on the CPU
+    std::map<const pw_buffer*, std::shared_ptr<BufferMapping>> mappings; ///< buffers read on the CPU
 
     std::atomic<int> width {0};
     std::atomic<int> height {0};
@@ -375,11 +429,15 @@ struct PipeWireStream::Loop
         self->importDmaBuf
             = self->dmaBuf && layout && containsModifier(self->importable, layout->fourcc, info.modifier);
         self->negotiatedDmaBuf = self->dmaBuf;
+        {
+            std::lock_guard<std::mutex> slot(self->slotMutex);
+            self->damageAll = true;
+        }
 
         const int dataTypes = self->dmaBuf ? (1 << SPA_DATA_DmaBuf) : ((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd));
         std::uint8_t buffer[1024];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-        const spa_pod* params[3];
+        const spa_pod* params[4];
         params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamBuffers,
             SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 16),
             SPA_PARAM_BUFFERS_dataType, SPA_POD_CHOICE_FLAGS_Int(dataTypes)));
@@ -389,7 +447,11 @@ struct PipeWireStream::Loop
         params[2] = static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta,
             SPA_PARAM_Meta, SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoTransform), SPA_PARAM_META_size,
             SPA_POD_Int(sizeof(spa_meta_videotransform))));
-        pw_stream_update_params(self->stream, params, 3);
+        params[3] = static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta,
+            SPA_PARAM_Meta, SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoDamage), SPA_PARAM_META_size,
+            SPA_POD_CHOICE_RANGE_Int(
+                sizeof(spa_meta_region) * 16, sizeof(spa_meta_region), sizeof(spa_meta_region) * 16)));
+        pw_stream_update_params(self->stream, params, 4);
     }
 
     static void onRemoveBuffer(void* data, pw_buffer* buffer)
@@ -405,41 +467,71 @@ struct PipeWireStream::Loop
     static void onProcess(void* data)
     {
         auto* self = static_cast<Loop*>(data);
-        // Drain: only the newest buffer is worth keeping.
+        // Drain: only the newest buffer is worth keeping, but what changed in
+        // the ones skipped counts as well.
         pw_buffer* newest = nullptr;
+        std::vector<Ifaces::ScalerRect> changed;
+        bool changeKnown = true;
         while (pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream)) {
+            changeKnown = readDamage(buffer->buffer, changed) && changeKnown;
             if (newest)
                 pw_stream_queue_buffer(self->stream, newest);
             newest = buffer;
         }
         if (!newest)
             return;
+        {
+            std::lock_guard<std::mutex> slot(self->slotMutex);
+            self->damage.insert(self->damage.end(), changed.begin(), changed.end());
+            self->damageAll = self->damageAll || !changeKnown || self->damage.size() > MaxChangedRects;
+        }
         if (auto* transform = static_cast<spa_meta_videotransform*>(
                 spa_buffer_find_meta_data(newest->buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
             self->rotation = rotationFromTransform(transform->transform);
         const spa_buffer* buffer = newest->buffer;
-        if (buffer->n_datas >= 1 && buffer->datas[0].type == SPA_DATA_DmaBuf && self->importDmaBuf) {
-            self->holdForReader(newest);
+        const Layout* layout = layoutOf(self->format);
+        if (buffer->n_datas < 1 || isCorrupted(buffer) || !layout || !buffer->datas[0].chunk) {
+            pw_stream_queue_buffer(self->stream, newest);
             return;
         }
-        self->copyOut(newest);
+        const spa_data_type type = spa_data_type(buffer->datas[0].type);
+        if (type == SPA_DATA_DmaBuf && self->importDmaBuf) {
+            self->holdDmaBuf(newest, *layout);
+            return;
+        }
+        if (type == SPA_DATA_MemFd && layout->bytesPerPixel == 4 && self->holdMemory(newest, *layout))
+            return;
+        self->copyOut(newest, *layout);
         pw_stream_queue_buffer(self->stream, newest);
     }
 
-    /// Keeps @p buffer for the reader instead of the one kept before, which goes back.
-    void holdForReader(pw_buffer* buffer)
+    /// Makes @p buffer, with @p picture, the one kept for the reader; the one kept before goes back.
+    void hold(pw_buffer* buffer, Picture picture)
+    {
+        pw_buffer* older = nullptr;
+        {
+            std::lock_guard<std::mutex> slot(slotMutex);
+            older = pending;
+            pending = buffer;
+            pendingPicture = std::move(picture);
+            fresh = false; // a copy made before is older than this
+        }
+        if (older)
+            pw_stream_queue_buffer(stream, older);
+    }
+
+    void holdDmaBuf(pw_buffer* buffer, const Layout& layout)
     {
         const spa_buffer* held = buffer->buffer;
-        const Layout* layout = layoutOf(format);
-        if (!layout || isCorrupted(held) || held->datas[0].fd < 0 || !held->datas[0].chunk
-            || held->datas[0].chunk->stride <= 0) {
+        if (held->datas[0].fd < 0 || held->datas[0].chunk->stride <= 0) {
             pw_stream_queue_buffer(stream, buffer);
             return;
         }
-        Ifaces::DmaBufImage image;
+        Picture picture;
+        Ifaces::DmaBufImage& image = picture.image;
         image.width = width;
         image.height = height;
-        image.fourcc = layout->fourcc;
+        image.fourcc = layout.fourcc;
         image.modifier = modifier;
         image.planeCount = int(std::min<std::uint32_t>(held->n_datas, Ifaces::DmaBufImage::MaxPlanes));
         for (int i = 0; i < image.planeCount; ++i) {
@@ -448,54 +540,75 @@ struct PipeWireStream::Loop
             image.planes[i].offset = plane.chunk ? plane.chunk->offset : 0;
             image.planes[i].stride = plane.chunk ? std::uint32_t(plane.chunk->stride) : 0;
         }
-        pw_buffer* older = nullptr;
-        {
-            std::lock_guard<std::mutex> slot(slotMutex);
-            older = pending;
-            pending = buffer;
-            pendingImage = image;
-            pendingFormat = layout->pixelFormat;
-            fresh = false; // a copy made before is older than this
-        }
-        if (older)
-            pw_stream_queue_buffer(stream, older);
+        picture.source.width = width;
+        picture.source.height = height;
+        picture.source.format = layout.pixelFormat;
+        hold(buffer, std::move(picture));
     }
 
-    /// Copies the picture of @p buffer into the newest-frame slot, as four bytes a pixel.
-    void copyOut(pw_buffer* source)
+    /// Keeps a memfd buffer for the reader, who reads its pixels where they
+    /// are; false when its memory cannot be mapped (it is copied then).
+    bool holdMemory(pw_buffer* buffer, const Layout& layout)
     {
-        const spa_buffer* buffer = source->buffer;
-        if (buffer->n_datas < 1 || isCorrupted(buffer))
-            return;
-        const spa_data& data = buffer->datas[0];
-        const Layout* layout = layoutOf(format);
+        const spa_data& data = buffer->buffer->datas[0];
+        std::shared_ptr<BufferMapping>& mapping = mappings[buffer];
+        if (!mapping)
+            mapping = BufferMapping::map(data);
+        if (!mapping) {
+            mappings.erase(buffer);
+            return false;
+        }
         const int w = width;
         const int h = height;
-        if (!layout || !data.chunk || w <= 0 || h <= 0 || data.chunk->size == 0)
+        std::size_t offset = 0;
+        std::size_t stride = 0;
+        if (h <= 0 || data.chunk->size == 0
+            || !chunkHolds(data, mapping->maxsize(), w, h, std::size_t(w) * 4, offset, stride)) {
+            pw_stream_queue_buffer(stream, buffer);
+            return true;
+        }
+        Picture picture;
+        picture.source.pixels = mapping->data() + offset;
+        picture.source.bytesPerLine = stride;
+        picture.source.width = w;
+        picture.source.height = h;
+        picture.source.format = layout.pixelFormat;
+        picture.source.series = this;
+        picture.memory = mapping;
+        hold(buffer, std::move(picture));
+        return true;
+    }
+
+    /// Copies the picture of @p source into the newest-frame slot, as four bytes a pixel.
+    void copyOut(pw_buffer* source, const Layout& layout)
+    {
+        const spa_data& data = source->buffer->datas[0];
+        const int w = width;
+        const int h = height;
+        if (w <= 0 || h <= 0 || data.chunk->size == 0)
             return;
 
         const std::uint8_t* base = static_cast<const std::uint8_t*>(data.data);
-        const DmaBufMapping* mapping = nullptr;
+        std::size_t maxsize = data.maxsize;
+        const BufferMapping* mapping = nullptr;
         if (data.type == SPA_DATA_DmaBuf) {
             // Only plain rows make sense to the CPU; tiled layouts are the GPU's to read.
-            std::unique_ptr<DmaBufMapping>& mapped = mappings[source];
+            std::shared_ptr<BufferMapping>& mapped = mappings[source];
             if (!mapped && modifier == Ifaces::DmaBufLinearModifier)
-                mapped = DmaBufMapping::map(data);
+                mapped = BufferMapping::map(data);
             mapping = mapped.get();
             if (!mapping) {
                 mappings.erase(source);
-                refuseDmaBuf(layout->fourcc, modifier);
+                refuseDmaBuf(layout.fourcc, modifier);
                 return;
             }
-            base = mapping->pixels();
+            base = mapping->data();
+            maxsize = mapping->maxsize();
         }
-        if (!base)
-            return;
-
-        const std::size_t row = std::size_t(w) * layout->bytesPerPixel;
-        const std::size_t stride = data.chunk->stride > 0 ? std::size_t(data.chunk->stride) : row;
-        const std::size_t offset = data.maxsize ? data.chunk->offset % data.maxsize : 0;
-        if (stride < row || offset + stride * std::size_t(h - 1) + row > data.maxsize)
+        const std::size_t row = std::size_t(w) * layout.bytesPerPixel;
+        std::size_t offset = 0;
+        std::size_t stride = 0;
+        if (!base || !chunkHolds(data, maxsize, w, h, row, offset, stride))
             return;
         const std::uint8_t* pixels = base + offset;
 
@@ -510,7 +623,7 @@ struct PipeWireStream::Loop
         for (int y = 0; y < h; ++y) {
             const std::uint8_t* in = pixels + stride * std::size_t(y);
             std::uint8_t* out = slot.data() + std::size_t(y) * std::size_t(w) * 4;
-            if (layout->bytesPerPixel == 4) {
+            if (layout.bytesPerPixel == 4) {
                 std::memcpy(out, in, row);
             } else {
                 for (int x = 0; x < w; ++x, in += 3, out += 4) {
@@ -532,7 +645,7 @@ struct PipeWireStream::Loop
             latestSource.width = w;
             latestSource.height = h;
             latestSource.bytesPerLine = std::size_t(w) * 4;
-            latestSource.format = layout->pixelFormat;
+            latestSource.format = layout.pixelFormat;
             fresh = true;
             older = pending; // older than this copy
             pending = nullptr;
@@ -672,21 +785,31 @@ long PipeWireStream::takeNewest(std::unique_ptr<Frame>& frame)
         return hr;
     Loop& loop = *m_loop;
     std::lock_guard<std::mutex> slot(loop.slotMutex);
+    Picture picture;
     if (loop.pending) {
-        Ifaces::DmaBufImage image = loop.pendingImage;
+        picture = std::move(loop.pendingPicture);
+        picture.held = loop.pending;
+        picture.generation = loop.generation;
         // Descriptors of the frame's own: the stream closes its copies when it
         // removes the buffer, which may happen while the reader draws.
-        for (int i = 0; i < image.planeCount; ++i)
-            image.planes[i].fd = ::fcntl(image.planes[i].fd, F_DUPFD_CLOEXEC, 0);
-        frame.reset(new Frame(shared_from_this(), loop.pending, loop.generation, image, loop.pendingFormat));
+        for (int i = 0; i < picture.image.planeCount; ++i)
+            picture.image.planes[i].fd = ::fcntl(picture.image.planes[i].fd, F_DUPFD_CLOEXEC, 0);
         loop.pending = nullptr;
+    } else if (loop.fresh) {
+        picture.pixels = std::move(loop.latest);
+        picture.source = loop.latestSource;
+        loop.latest.clear();
+        loop.fresh = false;
+    } else {
         return S_OK;
     }
-    if (!loop.fresh)
-        return S_OK;
-    loop.fresh = false;
-    frame.reset(new Frame(shared_from_this(), std::move(loop.latest), loop.latestSource));
-    loop.latest.clear();
+    // From here on the reader has this picture; what changes next is counted from it.
+    picture.changeKnown = !loop.damageAll;
+    if (picture.changeKnown)
+        picture.changed = std::move(loop.damage);
+    loop.damage.clear();
+    loop.damageAll = false;
+    frame.reset(new Frame(shared_from_this(), std::move(picture)));
     return S_OK;
 }
 
@@ -751,70 +874,72 @@ void PipeWireStream::close()
     loop.threadLoop = nullptr;
 }
 
-PipeWireStream::Frame::Frame(
-    std::shared_ptr<PipeWireStream> stream, std::vector<std::uint8_t> pixels, const Ifaces::ScalerSource& source)
+PipeWireStream::Frame::Frame(std::shared_ptr<PipeWireStream> stream, Picture picture)
     : m_stream(std::move(stream))
-    , m_pixels(std::move(pixels))
-    , m_source(source)
+    , m_picture(std::move(picture))
 {
-    m_source.pixels = m_pixels.empty() ? nullptr : m_pixels.data();
-}
-
-PipeWireStream::Frame::Frame(std::shared_ptr<PipeWireStream> stream, pw_buffer* held, std::uint64_t generation,
-    const Ifaces::DmaBufImage& image, Ifaces::PixelFormat format)
-    : m_stream(std::move(stream))
-    , m_held(held)
-    , m_generation(generation)
-    , m_image(image)
-{
-    m_source.width = image.width;
-    m_source.height = image.height;
-    m_source.format = format;
-    m_source.dmaBuf = &m_image;
+    Ifaces::ScalerSource& source = m_picture.source;
+    if (!m_picture.pixels.empty())
+        source.pixels = m_picture.pixels.data();
+    if (m_picture.image.planeCount > 0)
+        source.dmaBuf = &m_picture.image;
+    if (m_picture.changeKnown) {
+        // Nothing changed is a known change too: an empty list, not "anything".
+        static const Ifaces::ScalerRect nothing;
+        source.changedRects = m_picture.changed.empty() ? &nothing : m_picture.changed.data();
+        source.changedRectCount = m_picture.changed.size();
+    }
 }
 
 PipeWireStream::Frame::~Frame()
 {
-    for (int i = 0; i < m_image.planeCount; ++i) {
-        if (m_image.planes[i].fd >= 0)
-            ::close(m_image.planes[i].fd);
+    for (int i = 0; i < m_picture.image.planeCount; ++i) {
+        if (m_picture.image.planes[i].fd >= 0)
+            ::close(m_picture.image.planes[i].fd);
     }
     Loop& loop = *m_stream->m_loop;
-    if (!loop.threadLoop || (m_pixels.empty() && !m_held))
+    if (!loop.threadLoop)
         return;
-    if (m_held) {
+    if (m_picture.held) {
         Loop::Lock lock(loop.threadLoop);
         bool current = false;
         {
             std::lock_guard<std::mutex> slot(loop.slotMutex);
-            current = loop.generation == m_generation;
+            current = loop.generation == m_picture.generation;
         }
         // Back to the source, unless the stream has let go of its buffers since.
         if (current && !loop.closed && loop.stream)
-            pw_stream_queue_buffer(loop.stream, m_held);
+            pw_stream_queue_buffer(loop.stream, m_picture.held);
         return;
     }
     // Hand the memory back for the next copy, saving an allocation a frame.
     std::lock_guard<std::mutex> slot(loop.slotMutex);
-    if (loop.spare.capacity() < m_pixels.capacity())
-        loop.spare = std::move(m_pixels);
+    if (loop.spare.capacity() < m_picture.pixels.capacity())
+        loop.spare = std::move(m_picture.pixels);
 }
 
 bool PipeWireStream::Frame::hasPixels() const
 {
-    if (m_source.dmaBuf)
-        return m_image.planeCount > 0 && m_image.planes[0].fd >= 0 && m_source.format != Ifaces::PixelFormat::Unknown;
-    return m_source.pixels != nullptr;
+    const Ifaces::ScalerSource& source = m_picture.source;
+    if (source.dmaBuf)
+        return source.dmaBuf->planeCount > 0 && source.dmaBuf->planes[0].fd >= 0
+            && source.format != Ifaces::PixelFormat::Unknown;
+    return source.pixels != nullptr;
 }
 
 bool PipeWireStream::Frame::isDmaBuf() const
 {
-    return m_source.dmaBuf != nullptr;
+    return m_picture.source.dmaBuf != nullptr;
+}
+
+bool PipeWireStream::Frame::isHeld() const
+{
+    return m_picture.held != nullptr;
 }
 
 const Ifaces::ScalerSource& PipeWireStream::Frame::source() const
 {
-    return m_source;
+    return m_picture.source;
 }
 
 } // namespace PipeWire

@@ -20,11 +20,16 @@ namespace PipeWire {
  * queue to the newest buffer, and takeNewest() takes whatever picture is
  * newest at that moment.
  *
- * - Buffers in shared memory (memfd or plain memory), and DMA-BUFs in plain
- *   rows that the GPU cannot import, are copied out and handed straight back,
- *   because sources stall while a consumer holds on to their buffers.
- * - DMA-BUFs whose layout the GPU imports (Request::importable) are not
- *   copied at all: the newest one is held until the reader has drawn it.
+ * - Buffers in memfd shared memory, and DMA-BUFs whose layout the GPU
+ *   imports (Request::importable), are not copied at all: the newest one is
+ *   held until the reader has drawn it, and every other goes straight back.
+ *   The stream holds at most two buffers, the newest and the reader's, so
+ *   that the source never runs dry.
+ * - Plain memory, three-byte pixels and DMA-BUFs in plain rows that the GPU
+ *   cannot import are copied out and handed straight back.
+ * - Where the source says which parts of a picture changed, frames carry the
+ *   parts changed since the frame taken before, so that a reader that keeps
+ *   the last picture moves only those.
  * - A DMA-BUF that cannot be read is not asked for again: the stream falls
  *   back to what else the source offers.
  *
@@ -46,7 +51,25 @@ public:
         std::vector<Ifaces::DmaBufFormat> importable;
     };
 
-    /// One picture: pixels copied out of the stream, or a DMA-BUF held for the reader.
+    /// What a frame carries; filled by the stream.
+    struct Picture
+    {
+        /// Pixels copied out of the stream, when the picture was copied.
+        std::vector<std::uint8_t> pixels;
+        Ifaces::ScalerSource source;
+        /// A held buffer, which goes back to the stream when the frame ends.
+        pw_buffer* held = nullptr;
+        std::uint64_t generation = 0;
+        /// The planes of a held DMA-BUF, with descriptors of the frame's own.
+        Ifaces::DmaBufImage image;
+        /// Keeps the mapped memory of a held buffer alive.
+        std::shared_ptr<const void> memory;
+        /// What changed since the frame taken before; meaningful when changeKnown.
+        std::vector<Ifaces::ScalerRect> changed;
+        bool changeKnown = false;
+    };
+
+    /// One picture: pixels copied out of the stream, or a buffer held for the reader.
     class Frame
     {
     public:
@@ -58,23 +81,18 @@ public:
         bool hasPixels() const;
         /// True when the picture stays in GPU memory (source().dmaBuf is set).
         bool isDmaBuf() const;
-        /// The picture as a scaler source; valid while the frame lives.
+        /// True when the picture is read from the stream's own buffer, uncopied.
+        bool isHeld() const;
+        /// The picture as a scaler source; valid while the frame lives. Its
+        /// changed parts, where set, are those since the frame taken before.
         const Ifaces::ScalerSource& source() const;
 
     private:
         friend class PipeWireStream;
-        Frame(std::shared_ptr<PipeWireStream> stream, std::vector<std::uint8_t> pixels,
-            const Ifaces::ScalerSource& source);
-        Frame(std::shared_ptr<PipeWireStream> stream, pw_buffer* held, std::uint64_t generation,
-            const Ifaces::DmaBufImage& image, Ifaces::PixelFormat format);
+        Frame(std::shared_ptr<PipeWireStream> stream, Picture picture);
 
         std::shared_ptr<PipeWireStream> m_stream;
-        std::vector<std::uint8_t> m_pixels;
-        Ifaces::ScalerSource m_source;
-        // A held DMA-BUF: the buffer goes back to the stream when the frame ends.
-        pw_buffer* m_held = nullptr;
-        std::uint64_t m_generation = 0;
-        Ifaces::DmaBufImage m_image;
+        Picture m_picture;
     };
 
     /**
