@@ -281,7 +281,10 @@ bool readDamage(const spa_buffer* buffer, std::vector<Ifaces::ScalerRect>& rects
     spa_meta* meta = spa_buffer_find_meta(buffer, SPA_META_VideoDamage);
     if (!meta)
         return false;
-    // An invalid region ends the list; an empty list means nothing changed.
+    // An invalid region ends the list. An empty list is taken as "anything":
+    // sources that know nothing of changes leave the list as it was made,
+    // zeroed, and sources with nothing changed send no buffer at all.
+    const std::size_t before = rects.size();
     const auto* region = static_cast<const spa_meta_region*>(meta->data);
     const auto* end
         = reinterpret_cast<const spa_meta_region*>(static_cast<const std::uint8_t*>(meta->data) + meta->size);
@@ -289,7 +292,7 @@ bool readDamage(const spa_buffer* buffer, std::vector<Ifaces::ScalerRect>& rects
         rects.push_back({region->region.position.x, region->region.position.y, int(region->region.size.width),
             int(region->region.size.height)});
     }
-    return true;
+    return rects.size() > before;
 }
 
 /// Whether a picture of @p w by @p h with @p row bytes of pixels fits in the chunk of @p data of @p maxsize bytes.
@@ -883,10 +886,8 @@ PipeWireStream::Frame::Frame(std::shared_ptr<PipeWireStream> stream, Picture pic
         source.pixels = m_picture.pixels.data();
     if (m_picture.image.planeCount > 0)
         source.dmaBuf = &m_picture.image;
-    if (m_picture.changeKnown) {
-        // Nothing changed is a known change too: an empty list, not "anything".
-        static const Ifaces::ScalerRect nothing;
-        source.changedRects = m_picture.changed.empty() ? &nothing : m_picture.changed.data();
+    if (m_picture.changeKnown && !m_picture.changed.empty()) {
+        source.changedRects = m_picture.changed.data();
         source.changedRectCount = m_picture.changed.size();
     }
 }
