@@ -12,8 +12,8 @@
 // The picture has four quadrants: red top left, green top right, blue bottom
 // left, white bottom right, and a black square (16 by 8 pixels unless
 // --square says otherwise) that moves along the middle row, 4 pixels a frame.
-// Each buffer names the parts that changed since the buffer before: the
-// square's old and new place.
+// Each buffer names the parts that changed since the buffer before (the
+// square's old and new place) and carries its frame number as sequence number.
 //
 // Usage: orvanta-dmabuf-source --name NODE --size WxH [--square WxH] [--unmappable | --shm]
 // --shm offers shared memory only.
@@ -98,7 +98,7 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param)
     }
     source->dmaBuf = modifier != nullptr;
     const int stride = source->width * 4;
-    const spa_pod* params[2]
+    const spa_pod* params[3]
         = {static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamBuffers,
                SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
                SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size, SPA_POD_Int(stride * source->height),
@@ -107,8 +107,11 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param)
             static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
                 SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoDamage), SPA_PARAM_META_size,
                 SPA_POD_CHOICE_RANGE_Int(
-                    sizeof(spa_meta_region) * 16, sizeof(spa_meta_region) * 3, sizeof(spa_meta_region) * 16)))};
-    pw_stream_update_params(source->stream, params, 2);
+                    sizeof(spa_meta_region) * 16, sizeof(spa_meta_region) * 3, sizeof(spa_meta_region) * 16))),
+            static_cast<const spa_pod*>(
+                spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
+                    SPA_POD_Id(SPA_META_Header), SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_header))))};
+    pw_stream_update_params(source->stream, params, 3);
 }
 
 void onAddBuffer(void* data, pw_buffer* buffer)
@@ -244,6 +247,10 @@ void onProcess(void* data)
         buffer->user_data = reinterpret_cast<void*>(std::intptr_t(source->frame) + 1);
     }
     describeChange(*source, buffer->buffer);
+    // Consumers tell by the sequence number whether they missed a buffer.
+    if (auto* header = static_cast<spa_meta_header*>(
+            spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header))))
+        header->seq = std::uint64_t(source->frame);
     plane.chunk->offset = 0;
     plane.chunk->size = plane.maxsize;
     plane.chunk->stride = source->width * 4;

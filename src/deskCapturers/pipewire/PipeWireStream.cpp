@@ -330,6 +330,14 @@ struct PipeWireStream::Loop
     std::vector<Ifaces::ScalerRect> damage; ///< changed since the frame taken last
     bool damageAll = true; ///< anything may have changed since
 
+    // What changed in the buffers of the current period; the loop's own.
+    std::vector<Ifaces::ScalerRect> incoming;
+    bool incomingKnown = false;
+    bool incomingMerged = true;
+    bool formatChanged = true; ///< no picture of the negotiated format went out yet
+    bool haveSequence = false;
+    std::uint64_t lastSequence = 0; ///< of the buffer seen last
+
     std::atomic<long> failed {S_OK};
     std::atomic<bool> closed {false};
     // Guarded by the thread loop's lock from here on.
@@ -432,10 +440,7 @@ struct PipeWireStream::Loop
         self->importDmaBuf
             = self->dmaBuf && layout && containsModifier(self->importable, layout->fourcc, info.modifier);
         self->negotiatedDmaBuf = self->dmaBuf;
-        {
-            std::lock_guard<std::mutex> slot(self->slotMutex);
-            self->damageAll = true;
-        }
+        self->formatChanged = true;
 
         const int dataTypes = self->dmaBuf ? (1 << SPA_DATA_DmaBuf) : ((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd));
         std::uint8_t buffer[1024];
@@ -476,36 +481,79 @@ struct PipeWireStream::Loop
         std::vector<Ifaces::ScalerRect> changed;
         bool changeKnown = true;
         while (pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream)) {
-            changeKnown = readDamage(buffer->buffer, changed) && changeKnown;
+            const bool follows = self->followsLastBuffer(buffer->buffer);
+            changeKnown = changeKnown && follows && readDamage(buffer->buffer, changed);
             if (newest)
                 pw_stream_queue_buffer(self->stream, newest);
             newest = buffer;
         }
         if (!newest)
             return;
-        {
+        self->incoming = std::move(changed);
+        self->incomingKnown = changeKnown;
+        self->incomingMerged = false;
+        self->deliver(newest);
+        if (!self->incomingMerged) {
+            // No new picture, but what changed still counts for the next one.
             std::lock_guard<std::mutex> slot(self->slotMutex);
-            self->damage.insert(self->damage.end(), changed.begin(), changed.end());
-            self->damageAll = self->damageAll || !changeKnown || self->damage.size() > MaxChangedRects;
+            self->mergeIncoming(false);
         }
+    }
+
+    /**
+     * Whether @p buffer comes right after the buffer seen before, by the
+     * sequence numbers of their headers. A source names what changed since
+     * the buffer it sent before, and the server drops buffers a consumer is
+     * too slow for: the parts are only worth something when none was missed.
+     */
+    bool followsLastBuffer(const spa_buffer* buffer)
+    {
+        const auto* header = static_cast<spa_meta_header*>(
+            spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
+        const bool follows = header && haveSequence && header->seq == lastSequence + 1;
+        haveSequence = header != nullptr;
+        lastSequence = header ? header->seq : 0;
+        return follows;
+    }
+
+    /// What changed in this period goes with the picture it leads to, in the
+    /// same step: a reader taking a frame in between must not see the one
+    /// without the other. @p publishing: a new picture goes out with it.
+    /// Call with slotMutex held.
+    void mergeIncoming(bool publishing)
+    {
+        damage.insert(damage.end(), incoming.begin(), incoming.end());
+        damageAll = damageAll || !incomingKnown || damage.size() > MaxChangedRects;
+        // The first picture in a new format owes nothing to the ones before.
+        if (publishing && formatChanged) {
+            damageAll = true;
+            formatChanged = false;
+        }
+        incoming.clear();
+        incomingMerged = true;
+    }
+
+    /// Hands the picture of @p newest to the reader: held or copied.
+    void deliver(pw_buffer* newest)
+    {
         if (auto* transform = static_cast<spa_meta_videotransform*>(
                 spa_buffer_find_meta_data(newest->buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
-            self->rotation = rotationFromTransform(transform->transform);
+            rotation = rotationFromTransform(transform->transform);
         const spa_buffer* buffer = newest->buffer;
-        const Layout* layout = layoutOf(self->format);
+        const Layout* layout = layoutOf(format);
         if (buffer->n_datas < 1 || isCorrupted(buffer) || !layout || !buffer->datas[0].chunk) {
-            pw_stream_queue_buffer(self->stream, newest);
+            pw_stream_queue_buffer(stream, newest);
             return;
         }
         const spa_data_type type = spa_data_type(buffer->datas[0].type);
-        if (type == SPA_DATA_DmaBuf && self->importDmaBuf) {
-            self->holdDmaBuf(newest, *layout);
+        if (type == SPA_DATA_DmaBuf && importDmaBuf) {
+            holdDmaBuf(newest, *layout);
             return;
         }
-        if (type == SPA_DATA_MemFd && layout->bytesPerPixel == 4 && self->holdMemory(newest, *layout))
+        if (type == SPA_DATA_MemFd && layout->bytesPerPixel == 4 && holdMemory(newest, *layout))
             return;
-        self->copyOut(newest, *layout);
-        pw_stream_queue_buffer(self->stream, newest);
+        copyOut(newest, *layout);
+        pw_stream_queue_buffer(stream, newest);
     }
 
     /// Makes @p buffer, with @p picture, the one kept for the reader; the one kept before goes back.
@@ -514,6 +562,7 @@ struct PipeWireStream::Loop
         pw_buffer* older = nullptr;
         {
             std::lock_guard<std::mutex> slot(slotMutex);
+            mergeIncoming(true);
             older = pending;
             pending = buffer;
             pendingPicture = std::move(picture);
@@ -642,6 +691,7 @@ struct PipeWireStream::Loop
         pw_buffer* older = nullptr;
         {
             std::lock_guard<std::mutex> lock(slotMutex);
+            mergeIncoming(true);
             spare = std::move(latest);
             latest = std::move(slot);
             latestSource = Ifaces::ScalerSource();
@@ -857,6 +907,10 @@ void PipeWireStream::close()
     {
         Loop::Lock lock(loop.threadLoop);
         loop.closed = true;
+        // Disconnected while the loop still runs: once it has stopped, the
+        // server's data thread would call the stream's handlers itself.
+        if (loop.stream)
+            pw_stream_disconnect(loop.stream);
     }
     pw_thread_loop_stop(loop.threadLoop);
     if (loop.stream) {
