@@ -275,6 +275,11 @@ void onStateChanged(void* data, pw_stream_state, pw_stream_state state, const ch
         std::fflush(stdout);
         source->announced = true;
     }
+    if (state == PW_STREAM_STATE_ERROR || (state == PW_STREAM_STATE_UNCONNECTED && source->announced)) {
+        // The server is gone: nothing left to serve.
+        pw_main_loop_quit(source->loop);
+        return;
+    }
     const bool streaming = state == PW_STREAM_STATE_STREAMING;
     pw_loop_update_timer(
         pw_main_loop_get_loop(source->loop), source->timer, streaming ? &interval : &none, &interval, false);
