@@ -80,7 +80,7 @@ std::unique_ptr<PipeWireStream::Frame> waitForFrame(PipeWireStream& stream)
         std::unique_ptr<PipeWireStream::Frame> frame;
         if (stream.takeNewest(frame) < 0)
             return nullptr;
-        if (frame && frame->hasPixels())
+        if (frame && frame->hasPicture())
             return frame;
         QTest::qWait(5);
     }

@@ -973,7 +973,7 @@ PipeWireStream::Frame::~Frame()
         loop.spare = std::move(m_picture.pixels);
 }
 
-bool PipeWireStream::Frame::hasPixels() const
+bool PipeWireStream::Frame::hasPicture() const
 {
     const Ifaces::ScalerSource& source = m_picture.source;
     if (source.dmaBuf)

@@ -78,7 +78,7 @@ public:
         Frame& operator=(const Frame&) = delete;
 
         /// False for a buffer without a picture (corrupt or empty).
-        bool hasPixels() const;
+        bool hasPicture() const;
         /// True when the picture stays in GPU memory (source().dmaBuf is set).
         bool isDmaBuf() const;
         /// True when the picture is read from the stream's own buffer, uncopied.

@@ -142,7 +142,7 @@ public:
     }
     bool hasSurface() const override
     {
-        return m_frame->hasPixels();
+        return m_frame->hasPicture();
     }
     long texture(Ifaces::ScalerSource& source) override
     {
