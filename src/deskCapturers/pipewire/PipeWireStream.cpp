@@ -478,18 +478,18 @@ struct PipeWireStream::Loop
         // Drain: only the newest buffer is worth keeping, but what changed in
         // the ones skipped counts as well.
         pw_buffer* newest = nullptr;
-        std::vector<Ifaces::ScalerRect> changed;
+        // Collected straight into the loop's own list, which keeps its memory between periods.
+        self->incoming.clear();
         bool changeKnown = true;
         while (pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream)) {
             const bool follows = self->followsLastBuffer(buffer->buffer);
-            changeKnown = changeKnown && follows && readDamage(buffer->buffer, changed);
+            changeKnown = changeKnown && follows && readDamage(buffer->buffer, self->incoming);
             if (newest)
                 pw_stream_queue_buffer(self->stream, newest);
             newest = buffer;
         }
         if (!newest)
             return;
-        self->incoming = std::move(changed);
         self->incomingKnown = changeKnown;
         self->incomingMerged = false;
         self->deliver(newest);
@@ -599,7 +599,8 @@ struct PipeWireStream::Loop
     }
 
     /// Keeps a memfd buffer for the reader, who reads its pixels where they
-    /// are; false when its memory cannot be mapped (it is copied then).
+    /// are. False when its memory cannot be mapped (it is copied then); a
+    /// buffer whose picture does not fit its memory goes straight back.
     bool holdMemory(pw_buffer* buffer, const Layout& layout)
     {
         const spa_data& data = buffer->buffer->datas[0];
