@@ -218,6 +218,11 @@ QString ConfigurationManager::documentPath(const QString& key) const
 
 QJsonObject& ConfigurationManager::jsonObject(const QString& key)
 {
+    // Capture threads read the global document as they start, several at
+    // once: the first read must load it once and add it once. The documents'
+    // nodes stay where they are, so the reference outlives the lock.
+    static std::mutex loading;
+    const std::lock_guard<std::mutex> lock(loading);
     auto cached = documents.find(key);
     if (cached != documents.end()) {
         return cached.value();
