@@ -129,7 +129,7 @@ private:
         }
         const QString portFile = m_scratch.filePath(QStringLiteral("server.port"));
         m_server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_server.start(QStringLiteral("python3"),
+        m_server.start(QStringLiteral("/usr/bin/python3"),
             {script, QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--port-file"), portFile});
         for (int attempt = 0; attempt < 100 && !QFileInfo::exists(portFile); ++attempt) {
             QThread::msleep(100);

@@ -66,7 +66,7 @@ PA
     else
         low=200 high=2000 sound="a 200-2000 Hz tone sweep"
     fi
-    python3 "$root/scripts/tone-sweep.py" 48000 "$low" "$high" 5 |
+    /usr/bin/python3 "$root/scripts/tone-sweep.py" 48000 "$low" "$high" 5 |
         pacat --raw --format=s16le --rate=48000 --channels=2 --latency-msec=20 -d demo &
     pids+=($!)
     echo "demo-session: started PulseAudio with the null sink 'demo' playing $sound"

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Installs every Debian 12 package that the library, its tests, benchmarks and
 # example need. Safe to run again: apt-get skips what is already there.
+#
+#     install-deps.sh          installs what is missing
+#     install-deps.sh --list   prints the packages, one a line, and installs nothing
 set -euo pipefail
 
 if [[ $(id -u) -ne 0 ]]; then
@@ -16,8 +19,8 @@ packages=(
     qtbase5-dev qtbase5-private-dev qtmultimedia5-dev libqt5multimedia5-plugins
     # computation libraries
     libopencv-core-dev libopencv-imgproc-dev libavutil-dev libswresample-dev
-    # benchmarks
-    libbenchmark-dev
+    # benchmarks, with FFTW's transform as the reference of the sound benchmarks
+    libbenchmark-dev libfftw3-dev
     # audio: PulseAudio client API and a server for the tests
     libpulse-dev pulseaudio pulseaudio-utils
     # displays: XCB with RandR, SHM, DAMAGE, an X server for the tests
@@ -39,6 +42,11 @@ packages=(
     libdbus-1-dev libpipewire-0.3-dev dbus pipewire pipewire-bin wireplumber
     libspa-0.2-modules python3-dbus python3-gi
 )
+
+if [[ ${1:-} == --list ]]; then
+    printf '%s\n' "${packages[@]}"
+    exit 0
+fi
 
 export DEBIAN_FRONTEND=noninteractive
 missing=()

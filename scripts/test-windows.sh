@@ -4,6 +4,7 @@
 # private X server and a private PulseAudio server with a null sink.
 #
 # Usage: scripts/test-windows.sh [build-dir]      (default: build-windows)
+#        scripts/test-windows.sh --list-packages  (the Debian packages it needs, one a line)
 # Environment: JOBS (parallel compile jobs, default 2), CTEST_ARGS (extra ctest
 # arguments), ORVANTA_SKIP_INSTALL=1 to skip the package check.
 #
@@ -11,13 +12,17 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-build_dir=${1:-$root/build-windows}
-jobs=${JOBS:-2}
 
 # --- packages ----------------------------------------------------------------
 packages=(cmake ninja-build ccache
     g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev googletest
     wine wine64 xvfb pulseaudio pulseaudio-utils)
+if [[ ${1:-} == --list-packages ]]; then
+    printf '%s\n' "${packages[@]}"
+    exit 0
+fi
+build_dir=${1:-$root/build-windows}
+jobs=${JOBS:-2}
 if [[ ${ORVANTA_SKIP_INSTALL:-0} != 1 ]]; then
     if [[ $(id -u) -ne 0 ]]; then SUDO=sudo; else SUDO=; fi
     export DEBIAN_FRONTEND=noninteractive

@@ -41,6 +41,18 @@ if [[ -z $build ]]; then
     fi
 fi
 
+# A plain run records what every program it starts loads (glibc's loader
+# logs, one file a process), so that the package check at the end also sees
+# the libraries opened at run time and the programs that the tests and the
+# scripts start.
+trace=0
+if [[ -z $sanitizers ]]; then
+    trace=1
+    rm -rf "$build/ld-debug"
+    mkdir -p "$build/ld-debug"
+    export LD_DEBUG=libs LD_DEBUG_OUTPUT=$build/ld-debug/ld
+fi
+
 # ccache keys on paths relative to the checkout, so a fresh clone reuses what
 # an earlier build on this machine compiled.
 export CCACHE_BASEDIR=$root
@@ -79,4 +91,11 @@ ctest "${ctest_args[@]}"
 # suite. Sanitizer builds and label-filtered runs leave it out.
 if ((windows)) && [[ -z $sanitizers && -z $label ]]; then
     ORVANTA_SKIP_INSTALL=$((1 - install)) bash "$root/scripts/test-windows.sh" "$root/build-windows"
+fi
+
+# Every library and program used above must come from a package that the
+# project's scripts install.
+if ((trace)); then
+    unset LD_DEBUG LD_DEBUG_OUTPUT
+    /usr/bin/python3 "$root/scripts/check-packages.py" --build-dir "$build" --loaded-dir "$build/ld-debug"
 fi

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Writes an endless tone sweep as raw signed 16-bit little-endian stereo.
 
 Usage: tone-sweep.py [RATE] [LOW_HZ] [HIGH_HZ] [SECONDS_PER_SWEEP]

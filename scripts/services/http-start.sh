@@ -9,7 +9,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 server=$here/../../tests/feedback/server/http_test_server.py
 mkdir -p "$dir"
 rm -f "$dir/$name.env" "$dir/$name.port" "$dir/$name.pid"
-python3 "$server" --port 0 --port-file "$dir/$name.port" --pid-file "$dir/$name.pid" \
+/usr/bin/python3 "$server" --port 0 --port-file "$dir/$name.port" --pid-file "$dir/$name.pid" \
     >"$dir/$name.log" 2>&1 </dev/null &
 for _ in $(seq 1 100); do
     [[ -s $dir/$name.port ]] && break

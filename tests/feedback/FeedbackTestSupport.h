@@ -78,7 +78,7 @@ inline QByteArray readFile(const QString& path)
 inline QJsonObject readZip(const QString& path)
 {
     QProcess python;
-    python.start(QStringLiteral("python3"), {QStringLiteral(ORVANTA_ZIP_LISTING_SCRIPT), path});
+    python.start(QStringLiteral("/usr/bin/python3"), {QStringLiteral(ORVANTA_ZIP_LISTING_SCRIPT), path});
     if (!python.waitForFinished(60000) || python.exitCode() != 0) {
         qWarning() << "zip listing failed:" << python.readAllStandardError();
         return QJsonObject();

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """A recording HTTP/1.1 server for the network autotests and benchmarks.
 
 Standard library only. It binds 127.0.0.1 (port 0 picks a free one), writes

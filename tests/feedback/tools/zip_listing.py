@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Lists a zip archive as JSON, read by Python's own zipfile module.
 
 Output: {"ok": bool (every CRC checks), "entries": [{"name", "isDir", "size",
