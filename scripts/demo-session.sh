@@ -9,6 +9,7 @@
 # ORVANTA_PATTERN_PROGRAM   the test-pattern program (built from examples/testpattern)
 # ORVANTA_DEMO_OWN_SERVICES set to 1 to start both services even where some are running
 # ORVANTA_DEMO_TONE_HZ      play one steady tone of this frequency instead of the sweep
+# ORVANTA_DEMO_MONITORS     how many 1920x1080 monitors side by side the own X server has (default 2)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 pattern=${ORVANTA_PATTERN_PROGRAM:-$root/build/examples/testpattern/orvanta_testpattern}
@@ -16,6 +17,8 @@ state=$(mktemp -d /tmp/orvanta-demo.XXXXXX)
 pids=()
 own=${ORVANTA_DEMO_OWN_SERVICES:-0}
 tone=${ORVANTA_DEMO_TONE_HZ:-}
+monitors=${ORVANTA_DEMO_MONITORS:-2}
+[[ $monitors =~ ^[1-8]$ ]] || { echo "demo-session: ORVANTA_DEMO_MONITORS must be 1 to 8" >&2; exit 2; }
 
 stop_all() {
     local pid
@@ -33,17 +36,28 @@ stop_all() {
 trap stop_all EXIT
 
 if [[ $own == 1 ]] || [[ -z ${DISPLAY:-} ]] || ! xdpyinfo >/dev/null 2>&1; then
-    Xvfb -displayfd 3 -screen 0 3840x1080x24 +extension RANDR +extension DAMAGE +extension MIT-SHM \
+    Xvfb -displayfd 3 -screen 0 $((1920 * monitors))x1080x24 +extension RANDR +extension DAMAGE +extension MIT-SHM \
          -nolisten tcp -noreset 3>"$state/display" 2>"$state/xvfb.log" &
     pids+=($!)
     for _ in $(seq 50); do [[ -s $state/display ]] && break; sleep 0.1; done
     [[ -s $state/display ]] || { echo "demo-session: Xvfb did not start" >&2; cat "$state/xvfb.log" >&2; exit 1; }
     export DISPLAY=:$(cat "$state/display")
-    xrandr --setmonitor LEFT 1920/508x1080/286+0+0 screen >/dev/null
-    xrandr --setmonitor RIGHT 1920/508x1080/286+1920+0 none >/dev/null
+    if ((monitors == 2)); then
+        names=(LEFT RIGHT)
+    else
+        names=()
+        for ((i = 1; i <= monitors; i++)); do names+=("MONITOR$i"); done
+    fi
+    if ((monitors > 1)); then
+        for ((i = 0; i < monitors; i++)); do
+            # The first monitor covers the server's one output, the others none.
+            xrandr --setmonitor "${names[i]}" 1920/508x1080/286+$((1920 * i))+0 "$( ((i == 0)) && echo screen || echo none)" \
+                >/dev/null
+        done
+    fi
     QT_QPA_PLATFORM=xcb "$pattern" >"$state/pattern.log" 2>&1 &
     pids+=($!)
-    echo "demo-session: started Xvfb on $DISPLAY (two 1920x1080 monitors) with a moving test pattern"
+    echo "demo-session: started Xvfb on $DISPLAY ($monitors 1920x1080 monitors) with a moving test pattern"
 fi
 
 if [[ $own == 1 ]] || ! pactl info >/dev/null 2>&1; then
