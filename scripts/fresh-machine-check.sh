@@ -54,6 +54,10 @@ for command in "${commands[@]}"; do
     target=$base/$command
     echo "== fresh-machine-check: making a Debian 12 base root for '$command' in $target"
     mmdebstrap --quiet --variant=minbase bookworm "$target"
+    # The root is a mount point of its own, so that programs in it see "/" in
+    # their mount table as on a booted machine.
+    mount --bind "$target" "$target"
+    mounted+=("$target")
     mount -t proc proc "$target/proc"
     mounted+=("$target/proc")
     mount --rbind /dev "$target/dev"

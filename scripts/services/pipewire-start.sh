@@ -24,6 +24,14 @@ context.objects = [ { factory = spa-node-factory args = { factory.name = videote
   node.name = test-videotestsrc media.class = "Video/Source" Spa:Pod:Object:Param:Props:patternType = 0 } } ]
 CONF
 
+# WirePlumber's Bluetooth monitor asks logind which seat is active, and
+# WirePlumber exits when logind's state folders are missing (a container, a
+# fresh root without systemd). The tests use no Bluetooth device.
+mkdir -p "$T/home/.config/wireplumber/bluetooth.lua.d"
+cat >"$T/home/.config/wireplumber/bluetooth.lua.d/51-no-logind.lua" <<'LUA'
+bluez_monitor.properties["with-logind"] = false
+LUA
+
 dbus-daemon --session --fork --print-pid=4 --address="unix:path=$XDG_RUNTIME_DIR/bus" 4>"$T/dbus.pid"
 export DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
 
@@ -51,6 +59,11 @@ for _ in $(seq 200); do
     fi
     sleep 0.05
 done
+if [[ $ready == 1 ]] && ! kill -0 "$(cat "$T/wireplumber.pid")" 2>/dev/null; then
+    echo "wireplumber exited" >&2
+    cat "$T/wireplumber.log" >&2 || true
+    ready=0
+fi
 if [[ $ready != 1 ]]; then
     echo "the portal or the test source did not come up" >&2
     cat "$T/portal.log" "$T/pipewire.log" >&2 || true
