@@ -1,0 +1,355 @@
+// Teaches ThreadSanitizer the hand-overs of Qt's thread primitives.
+//
+// Qt is not built with the sanitizer, and QMutex, QReadWriteLock and
+// QSemaphore block on futexes of their own, which the sanitizer cannot see:
+// without help every access that a Qt lock orders between two threads is
+// reported as a race, and a suppression wide enough to silence them all
+// hides real races too. Linked into the test programs of a ThreadSanitizer
+// build, these definitions take the place of Qt's own for every call made
+// from instrumented code: each forwards to Qt's function and tells the
+// sanitizer what ordering that call establishes. Calls that Qt makes to
+// itself are not affected; both halves of each lock and unlock pair run
+// through the same path.
+
+#include <QtCore/QDeadlineTimer>
+#include <QtCore/QMutex>
+#include <QtCore/QReadWriteLock>
+#include <QtCore/QSemaphore>
+#include <QtCore/QThread>
+#include <QtCore/QThreadPool>
+#include <QtCore/QVariant>
+#include <QtCore/QWaitCondition>
+
+#include <sanitizer/tsan_interface.h>
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace {
+
+// Qt's own definition of a function that this file replaces.
+template <typename Function> Function qtDefinition(const char* mangledName)
+{
+    void* symbol = dlvsym(RTLD_NEXT, mangledName, "Qt_5");
+    if (!symbol) {
+        symbol = dlsym(RTLD_NEXT, mangledName);
+    }
+    if (!symbol) {
+        std::fprintf(stderr, "QtSyncAnnotations: Qt does not define %s\n", mangledName);
+        std::abort();
+    }
+    return reinterpret_cast<Function>(symbol);
+}
+
+void acquire(const void* address)
+{
+    __tsan_acquire(const_cast<void*>(address));
+}
+
+void release(const void* address)
+{
+    __tsan_release(const_cast<void*>(address));
+}
+
+// A read-write lock orders writers after everyone, readers only after writers:
+// writers release on the lock's address, readers on the byte after it.
+const void* writersKey(const QReadWriteLock* lock)
+{
+    return lock;
+}
+
+const void* readersKey(const QReadWriteLock* lock)
+{
+    return reinterpret_cast<const char*>(lock) + 1;
+}
+
+// The read-write locks the current thread holds, and how: unlock() doesn't say.
+std::vector<std::pair<const QReadWriteLock*, bool>>& heldLocks()
+{
+    thread_local std::vector<std::pair<const QReadWriteLock*, bool>> held;
+    return held;
+}
+
+void lockedForRead(const QReadWriteLock* lock)
+{
+    acquire(writersKey(lock));
+    heldLocks().emplace_back(lock, false);
+}
+
+void lockedForWrite(const QReadWriteLock* lock)
+{
+    acquire(writersKey(lock));
+    acquire(readersKey(lock));
+    heldLocks().emplace_back(lock, true);
+}
+
+const char finishedAnnotated[] = "_orvanta_tsan_finished";
+
+} // namespace
+
+// --- QMutex, QBasicMutex -------------------------------------------------------
+// QBasicMutex's uncontended paths are inline atomics on its address, which the
+// sanitizer sees; its contended paths and all of QMutex are Qt's.
+
+void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
+{
+    static const auto next = qtDefinition<void (*)(QMutex*)>("_ZN6QMutex4lockEv");
+    next(this);
+    acquire(this);
+}
+
+bool QMutex::tryLock(int timeout) QT_MUTEX_LOCK_NOEXCEPT
+{
+    static const auto next = qtDefinition<bool (*)(QMutex*, int)>("_ZN6QMutex7tryLockEi");
+    const bool locked = next(this, timeout);
+    if (locked) {
+        acquire(this);
+    }
+    return locked;
+}
+
+void QMutex::unlock() noexcept
+{
+    static const auto next = qtDefinition<void (*)(QMutex*)>("_ZN6QMutex6unlockEv");
+    release(this);
+    next(this);
+}
+
+void QBasicMutex::lockInternal() QT_MUTEX_LOCK_NOEXCEPT
+{
+    static const auto next = qtDefinition<void (*)(QBasicMutex*)>("_ZN11QBasicMutex12lockInternalEv");
+    next(this);
+    acquire(this);
+}
+
+bool QBasicMutex::lockInternal(int timeout) QT_MUTEX_LOCK_NOEXCEPT
+{
+    static const auto next = qtDefinition<bool (*)(QBasicMutex*, int)>("_ZN11QBasicMutex12lockInternalEi");
+    const bool locked = next(this, timeout);
+    if (locked) {
+        acquire(this);
+    }
+    return locked;
+}
+
+void QBasicMutex::unlockInternal() noexcept
+{
+    static const auto next = qtDefinition<void (*)(QBasicMutex*)>("_ZN11QBasicMutex14unlockInternalEv");
+    release(this);
+    next(this);
+}
+
+// --- QReadWriteLock ------------------------------------------------------------
+
+void QReadWriteLock::lockForRead()
+{
+    static const auto next = qtDefinition<void (*)(QReadWriteLock*)>("_ZN14QReadWriteLock11lockForReadEv");
+    next(this);
+    lockedForRead(this);
+}
+
+bool QReadWriteLock::tryLockForRead()
+{
+    static const auto next = qtDefinition<bool (*)(QReadWriteLock*)>("_ZN14QReadWriteLock14tryLockForReadEv");
+    const bool locked = next(this);
+    if (locked) {
+        lockedForRead(this);
+    }
+    return locked;
+}
+
+bool QReadWriteLock::tryLockForRead(int timeout)
+{
+    static const auto next = qtDefinition<bool (*)(QReadWriteLock*, int)>("_ZN14QReadWriteLock14tryLockForReadEi");
+    const bool locked = next(this, timeout);
+    if (locked) {
+        lockedForRead(this);
+    }
+    return locked;
+}
+
+void QReadWriteLock::lockForWrite()
+{
+    static const auto next = qtDefinition<void (*)(QReadWriteLock*)>("_ZN14QReadWriteLock12lockForWriteEv");
+    next(this);
+    lockedForWrite(this);
+}
+
+bool QReadWriteLock::tryLockForWrite()
+{
+    static const auto next = qtDefinition<bool (*)(QReadWriteLock*)>("_ZN14QReadWriteLock15tryLockForWriteEv");
+    const bool locked = next(this);
+    if (locked) {
+        lockedForWrite(this);
+    }
+    return locked;
+}
+
+bool QReadWriteLock::tryLockForWrite(int timeout)
+{
+    static const auto next = qtDefinition<bool (*)(QReadWriteLock*, int)>("_ZN14QReadWriteLock15tryLockForWriteEi");
+    const bool locked = next(this, timeout);
+    if (locked) {
+        lockedForWrite(this);
+    }
+    return locked;
+}
+
+void QReadWriteLock::unlock()
+{
+    static const auto next = qtDefinition<void (*)(QReadWriteLock*)>("_ZN14QReadWriteLock6unlockEv");
+    auto& held = heldLocks();
+    bool forWrite = true;
+    for (auto it = held.rbegin(); it != held.rend(); ++it) {
+        if (it->first == this) {
+            forWrite = it->second;
+            held.erase(std::next(it).base());
+            break;
+        }
+    }
+    release(forWrite ? writersKey(this) : readersKey(this));
+    next(this);
+}
+
+// --- QWaitCondition ------------------------------------------------------------
+// Waiting gives the mutex up and takes it back inside Qt.
+
+bool QWaitCondition::wait(QMutex* lockedMutex, QDeadlineTimer deadline)
+{
+    static const auto next = qtDefinition<bool (*)(QWaitCondition*, QMutex*, QDeadlineTimer)>(
+        "_ZN14QWaitCondition4waitEP6QMutex14QDeadlineTimer");
+    release(lockedMutex);
+    const bool woken = next(this, lockedMutex, deadline);
+    acquire(lockedMutex);
+    return woken;
+}
+
+bool QWaitCondition::wait(QMutex* lockedMutex, unsigned long time)
+{
+    static const auto next
+        = qtDefinition<bool (*)(QWaitCondition*, QMutex*, unsigned long)>("_ZN14QWaitCondition4waitEP6QMutexm");
+    release(lockedMutex);
+    const bool woken = next(this, lockedMutex, time);
+    acquire(lockedMutex);
+    return woken;
+}
+
+// --- QSemaphore ----------------------------------------------------------------
+
+void QSemaphore::acquire(int n)
+{
+    static const auto next = qtDefinition<void (*)(QSemaphore*, int)>("_ZN10QSemaphore7acquireEi");
+    next(this, n);
+    ::acquire(this);
+}
+
+bool QSemaphore::tryAcquire(int n)
+{
+    static const auto next = qtDefinition<bool (*)(QSemaphore*, int)>("_ZN10QSemaphore10tryAcquireEi");
+    const bool acquired = next(this, n);
+    if (acquired) {
+        ::acquire(this);
+    }
+    return acquired;
+}
+
+bool QSemaphore::tryAcquire(int n, int timeout)
+{
+    static const auto next = qtDefinition<bool (*)(QSemaphore*, int, int)>("_ZN10QSemaphore10tryAcquireEii");
+    const bool acquired = next(this, n, timeout);
+    if (acquired) {
+        ::acquire(this);
+    }
+    return acquired;
+}
+
+void QSemaphore::release(int n)
+{
+    static const auto next = qtDefinition<void (*)(QSemaphore*, int)>("_ZN10QSemaphore7releaseEi");
+    ::release(this);
+    next(this, n);
+}
+
+// --- QThread -------------------------------------------------------------------
+// Qt's threads are detached and their end is signalled under Qt's own mutex:
+// the thread releases on its object as it finishes, and whoever learns that it
+// has finished acquires there.
+
+void QThread::start(Priority priority)
+{
+    static const auto next = qtDefinition<void (*)(QThread*, Priority)>("_ZN7QThread5startENS_8PriorityE");
+    if (!property(finishedAnnotated).toBool()) {
+        setProperty(finishedAnnotated, true);
+        connect(
+            this, &QThread::finished, this, [this] { ::release(this); }, Qt::DirectConnection);
+    }
+    // What the starter wrote before start() is ordered before the thread by
+    // pthread_create, which the sanitizer sees.
+    next(this, priority);
+}
+
+bool QThread::wait(QDeadlineTimer deadline)
+{
+    static const auto next = qtDefinition<bool (*)(QThread*, QDeadlineTimer)>("_ZN7QThread4waitE14QDeadlineTimer");
+    const bool finished = next(this, deadline);
+    if (finished) {
+        ::acquire(this);
+    }
+    return finished;
+}
+
+bool QThread::wait(unsigned long time)
+{
+    static const auto next = qtDefinition<bool (*)(QThread*, unsigned long)>("_ZN7QThread4waitEm");
+    const bool finished = next(this, time);
+    if (finished) {
+        ::acquire(this);
+    }
+    return finished;
+}
+
+bool QThread::isFinished() const
+{
+    static const auto next = qtDefinition<bool (*)(const QThread*)>("_ZNK7QThread10isFinishedEv");
+    const bool finished = next(this);
+    if (finished) {
+        ::acquire(this);
+    }
+    return finished;
+}
+
+// --- QThreadPool ---------------------------------------------------------------
+// A task is handed to a pool thread through Qt's queue: order it after its
+// start() call, and order waitForDone() after every finished task.
+
+void QThreadPool::start(std::function<void()> functionToRun, int priority)
+{
+    static const auto next
+        = qtDefinition<void (*)(QThreadPool*, std::function<void()>, int)>("_ZN11QThreadPool5startESt8functionIFvvEEi");
+    auto handOver = std::make_shared<char>();
+    ::release(handOver.get());
+    next(
+        this,
+        [this, handOver, task = std::move(functionToRun)] {
+            ::acquire(handOver.get());
+            task();
+            ::release(this);
+        },
+        priority);
+}
+
+bool QThreadPool::waitForDone(int msecs)
+{
+    static const auto next = qtDefinition<bool (*)(QThreadPool*, int)>("_ZN11QThreadPool11waitForDoneEi");
+    const bool done = next(this, msecs);
+    if (done) {
+        ::acquire(this);
+    }
+    return done;
+}
