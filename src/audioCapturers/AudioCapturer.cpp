@@ -165,8 +165,8 @@ unsigned int AudioCapturerPrivate::processSamples(
 void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffer)
 {
     // Finished blocks of every capturer in the process; every third one is
-    // published, whichever capturer finished it.
-    static int finishedBlocks = 0;
+    // published, whichever capturer finished it. Capture threads count at once.
+    static std::atomic<unsigned int> finishedBlocks {0};
 
     const int rate = static_cast<int>(waveFormat.Format.nSamplesPerSec);
     if (reusableFrame) {
@@ -246,8 +246,7 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
         }
     }
 
-    ++finishedBlocks;
-    if (finishedBlocks % 3 != 0)
+    if ((finishedBlocks.fetch_add(1, std::memory_order_relaxed) + 1) % 3 != 0)
         return;
     emit q->spectrumsChanged(channels);
 }
