@@ -332,16 +332,16 @@ void QThreadPool::start(std::function<void()> functionToRun, int priority)
 {
     static const auto next
         = qtDefinition<void (*)(QThreadPool*, std::function<void()>, int)>("_ZN11QThreadPool5startESt8functionIFvvEEi");
+    // The task and its captures are complete before the release that the
+    // pool thread acquires.
     auto handOver = std::make_shared<char>();
+    std::function<void()> annotated = [this, handOver, task = std::move(functionToRun)] {
+        ::acquire(handOver.get());
+        task();
+        ::release(this);
+    };
     ::release(handOver.get());
-    next(
-        this,
-        [this, handOver, task = std::move(functionToRun)] {
-            ::acquire(handOver.get());
-            task();
-            ::release(this);
-        },
-        priority);
+    next(this, std::move(annotated), priority);
 }
 
 bool QThreadPool::waitForDone(int msecs)
