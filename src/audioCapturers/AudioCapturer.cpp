@@ -162,6 +162,20 @@ unsigned int AudioCapturerPrivate::processSamples(
     return offset;
 }
 
+// Receivers on other threads let go of a published block by dropping their
+// references, an atomic release on each reference count. The check that lets
+// the block be written in place again only loads the count, which orders
+// nothing: take and drop a reference of each part first, an acquire that puts
+// the receivers' last reads before this thread's writes.
+static void takeBackFromReceivers(const QVector<SoundChannel>& channels)
+{
+    const QVector<SoundChannel> block(channels);
+    for (const SoundChannel& channel : block) {
+        const QVector<Spectrum> spectrums(channel.spectrums);
+        Q_UNUSED(spectrums)
+    }
+}
+
 void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffer)
 {
     // Finished blocks of every capturer in the process; every third one is
@@ -212,6 +226,7 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
 
     QVector<SoundChannel>& channels = useFront ? channelsFront : channelsBack;
     useFront = !useFront;
+    takeBackFromReceivers(channels);
 
     const int bands = bandCount();
     channels[0].channel = 1;

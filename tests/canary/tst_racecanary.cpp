@@ -27,8 +27,10 @@ private slots:
         const Canary canaries[] = {
             // Two AudioCapturer threads, started by QThread::start.
             {"qthread", {"plantedRaceOnCaptureThreads", "AudioCapturerPrivate::run", "QThread::start"}},
-            // A state task of the enumerator on a QThreadPool thread.
-            {"pool", {"plantedRaceOnPoolTask", "AudioDeviceEnumerator::stateTask", "QThreadPool"}},
+            // A state task of the enumerator on a thread of the global
+            // QThreadPool, which Qt names "Thread (pooled)".
+            {"pool",
+                {"plantedRaceOnPoolTask", "AudioDeviceEnumerator::stateTask", "'Thread (pooled)'", "QThread::start"}},
             // A std::thread in the registry while a capture thread polls.
             {"stdthread",
                 {"plantedRaceBesideCaptureThread", "AudioCapManager::capturerDesc", "AudioCapturerPrivate::run",

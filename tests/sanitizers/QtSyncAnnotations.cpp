@@ -27,7 +27,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -328,20 +327,42 @@ bool QThread::isFinished() const
 // A task is handed to a pool thread through Qt's queue: order it after its
 // start() call, and order waitForDone() after every finished task.
 
+namespace {
+
+// A task that the pool only holds by pointer: Qt copies nothing of it after
+// the release below, so everything the task carries is ordered before it runs.
+class AnnotatedTask : public QRunnable
+{
+public:
+    AnnotatedTask(QThreadPool* pool, std::function<void()> task)
+        : pool(pool)
+        , task(std::move(task))
+    {
+    }
+
+    void run() override
+    {
+        acquire(this);
+        task();
+        release(pool);
+    }
+
+private:
+    QThreadPool* const pool;
+    std::function<void()> task;
+};
+
+} // namespace
+
 void QThreadPool::start(std::function<void()> functionToRun, int priority)
 {
-    static const auto next
-        = qtDefinition<void (*)(QThreadPool*, std::function<void()>, int)>("_ZN11QThreadPool5startESt8functionIFvvEEi");
-    // The task and its captures are complete before the release that the
-    // pool thread acquires.
-    auto handOver = std::make_shared<char>();
-    std::function<void()> annotated = [this, handOver, task = std::move(functionToRun)] {
-        ::acquire(handOver.get());
-        task();
-        ::release(this);
-    };
-    ::release(handOver.get());
-    next(this, std::move(annotated), priority);
+    if (!functionToRun) {
+        return;
+    }
+    auto* runnable = new AnnotatedTask(this, std::move(functionToRun));
+    ::release(runnable);
+    // Qt's own overload, which this file leaves alone.
+    start(runnable, priority);
 }
 
 bool QThreadPool::waitForDone(int msecs)
