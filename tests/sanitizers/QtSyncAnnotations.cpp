@@ -11,6 +11,7 @@
 // itself are not affected; both halves of each lock and unlock pair run
 // through the same path.
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QMutex>
 #include <QtCore/QReadWriteLock>
@@ -19,6 +20,7 @@
 #include <QtCore/QThreadPool>
 #include <QtCore/QVariant>
 #include <QtCore/QWaitCondition>
+#include <QtCore/private/qobject_p.h>
 
 #include <sanitizer/tsan_interface.h>
 
@@ -374,3 +376,74 @@ bool QThreadPool::waitForDone(int msecs)
     }
     return done;
 }
+
+// --- Events posted to another thread ------------------------------------------
+// Queued signals, queued calls and deferred deletions travel through Qt's
+// event queue under its internal lock. The sender releases on itself, the
+// caller on the target object; the target's thread acquires both as the
+// event is delivered, and releases on the target afterwards, which a caller
+// blocked on the delivery acquires when it resumes.
+
+void QMetaObject::activate(QObject* sender, const QMetaObject* meta, int localSignalIndex, void** argv)
+{
+    static const auto next = qtDefinition<void (*)(QObject*, const QMetaObject*, int, void**)>(
+        "_ZN11QMetaObject8activateEP7QObjectPKS_iPPv");
+    ::release(sender);
+    next(sender, meta, localSignalIndex, argv);
+}
+
+bool QMetaObject::invokeMethodImpl(
+    QObject* object, QtPrivate::QSlotObjectBase* slot, Qt::ConnectionType type, void* ret)
+{
+    static const auto next = qtDefinition<bool (*)(QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*)>(
+        "_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv");
+    ::release(object);
+    const bool invoked = next(object, slot, type, ret);
+    if (type == Qt::BlockingQueuedConnection) {
+        ::acquire(object);
+    }
+    return invoked;
+}
+
+void QObject::deleteLater()
+{
+    static const auto next = qtDefinition<void (*)(QObject*)>("_ZN7QObject11deleteLaterEv");
+    ::release(this);
+    next(this);
+}
+
+namespace {
+
+// Called by Qt before it delivers any event. Delivers a posted call or
+// deletion itself, between the acquire and the release, and tells Qt that it
+// has; the nested delivery comes back here and is let through.
+bool deliverAnnotated(void** data)
+{
+    thread_local QEvent* delivering = nullptr;
+    QObject* const receiver = static_cast<QObject*>(data[0]);
+    QEvent* const event = static_cast<QEvent*>(data[1]);
+    if (event == delivering || !receiver
+        || (event->type() != QEvent::MetaCall && event->type() != QEvent::DeferredDelete)) {
+        return false;
+    }
+    ::acquire(receiver);
+    if (event->type() == QEvent::MetaCall) {
+        if (const QObject* sender = static_cast<QAbstractMetaCallEvent*>(event)->sender()) {
+            ::acquire(sender);
+        }
+    }
+    const bool deletion = event->type() == QEvent::DeferredDelete;
+    QEvent* const outer = delivering;
+    delivering = event;
+    const bool result = QCoreApplication::sendEvent(receiver, event);
+    delivering = outer;
+    if (!deletion) {
+        ::release(receiver);
+    }
+    *static_cast<bool*>(data[2]) = result;
+    return true;
+}
+
+const bool deliveryHooked = QInternal::registerCallback(QInternal::EventNotifyCallback, &deliverAnnotated);
+
+} // namespace
