@@ -162,11 +162,25 @@ unsigned int AudioCapturerPrivate::processSamples(
     return offset;
 }
 
+// Receivers on other threads let go of a published block by dropping their
+// references, an atomic release on each reference count. The check that lets
+// the block be written in place again only loads the count, which orders
+// nothing: take and drop a reference of each part first, an acquire that puts
+// the receivers' last reads before this thread's writes.
+static void takeBackFromReceivers(const QVector<SoundChannel>& channels)
+{
+    const QVector<SoundChannel> block(channels);
+    for (const SoundChannel& channel : block) {
+        const QVector<Spectrum> spectrums(channel.spectrums);
+        Q_UNUSED(spectrums)
+    }
+}
+
 void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffer)
 {
     // Finished blocks of every capturer in the process; every third one is
-    // published, whichever capturer finished it.
-    static int finishedBlocks = 0;
+    // published, whichever capturer finished it. Capture threads count at once.
+    static std::atomic<unsigned int> finishedBlocks {0};
 
     const int rate = static_cast<int>(waveFormat.Format.nSamplesPerSec);
     if (reusableFrame) {
@@ -212,6 +226,7 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
 
     QVector<SoundChannel>& channels = useFront ? channelsFront : channelsBack;
     useFront = !useFront;
+    takeBackFromReceivers(channels);
 
     const int bands = bandCount();
     channels[0].channel = 1;
@@ -246,8 +261,7 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
         }
     }
 
-    ++finishedBlocks;
-    if (finishedBlocks % 3 != 0)
+    if ((finishedBlocks.fetch_add(1, std::memory_order_relaxed) + 1) % 3 != 0)
         return;
     emit q->spectrumsChanged(channels);
 }

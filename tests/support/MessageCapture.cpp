@@ -2,8 +2,13 @@
 
 #include <QtCore/QMutexLocker>
 
+#include <atomic>
+
 namespace {
-MessageCapture* s_current = nullptr;
+// Read by whichever thread logs. A capture thread may be set off by another
+// process (a sound server) rather than by the test's own thread, so the
+// pointer itself must carry the ordering.
+std::atomic<MessageCapture*> s_current {nullptr};
 
 QString levelName(QtMsgType type)
 {
@@ -25,19 +30,19 @@ QString levelName(QtMsgType type)
 
 MessageCapture::MessageCapture()
 {
-    s_current = this;
+    s_current.store(this, std::memory_order_release);
     m_previous = qInstallMessageHandler(&MessageCapture::handler);
 }
 
 MessageCapture::~MessageCapture()
 {
     qInstallMessageHandler(m_previous);
-    s_current = nullptr;
+    s_current.store(nullptr, std::memory_order_release);
 }
 
 void MessageCapture::handler(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
-    if (MessageCapture* capture = s_current) {
+    if (MessageCapture* capture = s_current.load(std::memory_order_acquire)) {
         QMutexLocker locker(&capture->m_mutex);
         capture->m_messages.append({type, text});
     }
