@@ -484,7 +484,7 @@ void AudioCapturerPrivate::run()
     unsigned int fill = 0;
     calculateBandLayout();
 
-    const int peakInterval = ConfigurationManager::instance()->appConfig(QStringLiteral("devUpdateInterval")).toInt(33);
+    peakInterval = ConfigurationManager::instance()->appConfig(QStringLiteral("devUpdateInterval")).toInt(33);
     QElapsedTimer peakTimer;
     peakTimer.start();
 

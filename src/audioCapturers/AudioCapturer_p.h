@@ -120,6 +120,10 @@ public:
     /// Stops the stream and lets go of the endpoint, meter first, stream last.
     void releaseStream();
 
+    /// Milliseconds between two peak readings: "devUpdateInterval", 33 when
+    /// unset. Read once, when the capture loop starts.
+    int peakInterval = 0;
+
     std::unique_ptr<Orvanta::Ifaces::EndpointStream> audioClient;
     std::unique_ptr<Orvanta::Ifaces::EndpointCapture> captureClient;
 };

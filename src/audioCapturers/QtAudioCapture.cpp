@@ -52,6 +52,11 @@ bool QtAudioCapture::capture(const QAudioDeviceInfo& device)
     return true;
 }
 
+void QtAudioCapture::setReaderFactory(ReaderFactory factory)
+{
+    readerFactory = std::move(factory);
+}
+
 int QtAudioCapture::sampleFormatOf(const QAudioFormat& format)
 {
     switch (format.sampleType()) {
@@ -104,7 +109,7 @@ void QtAudioCapture::start()
         Qt::BlockingQueuedConnection);
     workerContext->deleteLater();
     audioInput = input;
-    reader = new AudioReader(this, nullptr);
+    reader = readerFactory ? readerFactory(this) : new AudioReader(this, nullptr);
 
     const int sampleFormat = sampleFormatOf(format);
     if (sampleFormat == -1) {

@@ -5,6 +5,8 @@
 #include <QtMultimedia/QAudioDeviceInfo>
 #include <QtMultimedia/QAudioFormat>
 
+#include <functional>
+
 class AudioReader;
 class QAudioInput;
 class QThread;
@@ -32,6 +34,12 @@ public:
     /// Stops and drops the input; the reader follows once the input is gone.
     void stop();
 
+    /// Makes the reader of a capture, with its owner and no parent.
+    using ReaderFactory = std::function<AudioReader*(QtAudioCapture* owner)>;
+    /// Replaces the plain AudioReader of the captures started from now on,
+    /// for a sink of another kind; an empty factory restores the plain one.
+    void setReaderFactory(ReaderFactory factory);
+
     /// The FFmpeg sample format of @p format, or -1 when there is none.
     static int sampleFormatOf(const QAudioFormat& format);
 
@@ -54,4 +62,5 @@ private:
     QAudioInput* audioInput = nullptr;
     QThread* workerThread = nullptr;
     QAudioDeviceInfo device;
+    ReaderFactory readerFactory;
 };

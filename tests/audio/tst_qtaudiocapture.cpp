@@ -3,6 +3,11 @@
 #include "PulseTestSupport.h"
 #include "QtAudioCapture.h"
 
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtMultimedia/QAudioDeviceInfo>
 #include <QtMultimedia/QAudioInput>
 #include <QtTest/QtTest>
@@ -35,6 +40,53 @@ QAudioDeviceInfo inputDevice(const QString& name)
     return QAudioDeviceInfo();
 }
 
+/// Indexes of this process's connections to the sound server.
+QStringList clientsOfThisProcess()
+{
+    const QString listing
+        = PulseTest::pactl({QStringLiteral("--format=json"), QStringLiteral("list"), QStringLiteral("clients")});
+    const QString ownPid = QString::number(QCoreApplication::applicationPid());
+    QStringList indexes;
+    const QJsonArray clients = QJsonDocument::fromJson(listing.toUtf8()).array();
+    for (const QJsonValue& client : clients) {
+        const QJsonObject object = client.toObject();
+        if (object.value(QStringLiteral("properties"))
+                .toObject()
+                .value(QStringLiteral("application.process.id"))
+                .toString()
+            == ownPid) {
+            indexes.append(QString::number(object.value(QStringLiteral("index")).toInt()));
+        }
+    }
+    return indexes;
+}
+
+/// Whether a thread of libpulse's threaded main loop runs in this process.
+bool pulseMainLoopThreadRuns()
+{
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    const QStringList threads = tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& thread : threads) {
+        QFile name(tasks.filePath(thread + QStringLiteral("/comm")));
+        if (name.open(QIODevice::ReadOnly) && name.readAll().trimmed() == "threaded-ml") {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A sink that cannot be opened.
+class UnopenableReader : public AudioReader
+{
+public:
+    using AudioReader::AudioReader;
+    bool open(OpenMode mode) override
+    {
+        Q_UNUSED(mode)
+        return false;
+    }
+};
+
 } // namespace
 
 class TestQtAudioCapture : public QObject
@@ -42,6 +94,26 @@ class TestQtAudioCapture : public QObject
     Q_OBJECT
 
 private slots:
+    // Qt Multimedia's PulseAudio back-end (Qt 5.15) keeps one connection for
+    // the whole process. Its destructor, run among the exit handlers,
+    // disconnects that connection without holding its main loop's lock while
+    // the loop's thread still runs; the disconnection wakes that thread, and
+    // about one exit in a hundred aborts inside libpulse ("Invalid write to
+    // eventfd" in pa_fdsem_post, or "!m->rebuild_pollfds" in
+    // pa_mainloop_poll). Dropped by the server first, the back-end takes the
+    // failure on its loop's thread, then releases the connection on this
+    // thread with the loop stopped, and leaves nothing for the exit.
+    void cleanupTestCase()
+    {
+        const QStringList clients = clientsOfThisProcess();
+        // A back-end that holds a connection runs its loop's thread.
+        QVERIFY(clients.isEmpty() || pulseMainLoopThreadRuns());
+        for (const QString& client : clients) {
+            QCOMPARE(QProcess::execute(QStringLiteral("pacmd"), {QStringLiteral("kill-client"), client}), 0);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(!pulseMainLoopThreadRuns(), 10000);
+    }
+
     void sampleFormatMapping_data()
     {
         QTest::addColumn<int>("type");
@@ -116,6 +188,24 @@ private slots:
         QVERIFY(owner.currentReader());
         QVERIFY(!owner.currentReader()->isOpen());
         QCOMPARE(owner.currentInput()->state(), QAudio::StoppedState);
+    }
+
+    void readerThatFailsToOpenIsLoggedAndNothingStarts()
+    {
+        QVERIFY2(!PulseTest::pactl({"info"}).isNull(), "the fixture's sound server is not running");
+        const QAudioDeviceInfo monitor = inputDevice(QStringLiteral("sinkA.monitor"));
+        QVERIFY(!monitor.isNull());
+
+        MessageCapture messages;
+        QtAudioCapture capture;
+        capture.setReaderFactory([](QtAudioCapture* owner) { return new UnopenableReader(owner, nullptr); });
+        QVERIFY(capture.capture(monitor));
+        QCOMPARE(messages.texts(QtCriticalMsg),
+            QStringList {QStringLiteral("[QtAudioCapture]: Failed to open the QtAudioReader instance")});
+        QVERIFY(capture.currentInput());
+        QVERIFY(capture.currentReader());
+        QVERIFY(!capture.currentReader()->isOpen());
+        QCOMPARE(capture.currentInput()->state(), QAudio::StoppedState);
     }
 
     void monitorSourceDeliversSpectraOfTheSine()

@@ -6,15 +6,21 @@
 
 #include "MessageCapture.h"
 
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QMetaMethod>
+#include <QtCore/QMutex>
+#include <QtCore/QProcess>
+#include <QtCore/QTextStream>
 #include <QtTest/QtTest>
 
 #include <atomic>
+#include <climits>
 #include <cmath>
 #include <random>
 
 extern "C" {
 #include <libavutil/error.h>
+#include <libavutil/mem.h>
 }
 
 using namespace SoundTest;
@@ -50,6 +56,94 @@ QVector<QVector<SoundChannel>> publishedWhileFeeding(
     return published;
 }
 
+QStringList repeated(int times, const QString& text)
+{
+    QStringList texts;
+    for (int i = 0; i < times; ++i)
+        texts.append(text);
+    return texts;
+}
+
+/// Publications seen after each of three blocks fed one by one.
+QVector<int> publicationsOverThreeBlocks(PreparedCapturer& prepared, const QByteArray& block)
+{
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
+    QVector<int> seen;
+    for (int i = 0; i < 3; ++i) {
+        prepared.feed(block);
+        seen.append(spy.size());
+    }
+    return seen;
+}
+
+/// Caps the size of FFmpeg's allocations for its lifetime, so that the
+/// frame calls of the block path fail as they would out of memory.
+class FFmpegAllocationLimit
+{
+public:
+    explicit FFmpegAllocationLimit(size_t bytes)
+    {
+        av_max_alloc(bytes);
+    }
+    ~FFmpegAllocationLimit()
+    {
+        // FFmpeg's own default.
+        av_max_alloc(INT_MAX);
+    }
+    FFmpegAllocationLimit(const FFmpegAllocationLimit&) = delete;
+    FFmpegAllocationLimit& operator=(const FFmpegAllocationLimit&) = delete;
+};
+
+// Argument that turns this program into the probe of
+// firstPeakSignalReachesAnotherThread().
+const char kPeakSignalProbe[] = "--first-peak-signal-probe";
+
+/// Runs in a process of its own, where no type has been registered yet:
+/// builds a capturer, connects a receiver on another thread automatically and
+/// publishes peaks once. Prints what arrived; the exit code says whether it
+/// was all there.
+int firstPeakSignalProbe()
+{
+    QTextStream out(stdout);
+    if (QMetaType::type("QVector<QVector<QString> >") != QMetaType::UnknownType) {
+        out << "registered before any capturer existed\n";
+        return 2;
+    }
+    auto meter = std::make_shared<FakeEndpointMeter>();
+    meter->peaks = {0.5f, 0.25f};
+    PreparedCapturer prepared(waveFormat(SampleType::S16, 2, 48000, 0x3), meter);
+
+    QThread receiverThread;
+    receiverThread.start();
+    QObject receiver;
+    receiver.moveToThread(&receiverThread);
+    QMutex lock;
+    QVector<QVector<QString>> received;
+    QObject::connect(prepared.capturer.get(), &AudioCapturer::channelsPeakValuesChanged, &receiver,
+        [&](const QVector<QVector<QString>>& values) {
+            QMutexLocker locker(&lock);
+            received = values;
+        });
+    prepared.d->handlePeakValues();
+
+    QElapsedTimer waited;
+    waited.start();
+    bool arrived = false;
+    while (!arrived && waited.elapsed() < 10000) {
+        QThread::msleep(5);
+        QMutexLocker locker(&lock);
+        arrived = !received.isEmpty();
+    }
+    receiverThread.quit();
+    receiverThread.wait();
+
+    QStringList flat;
+    for (const QVector<QString>& pair : qAsConst(received))
+        flat.append(QStringList(pair.toList()).join(QLatin1Char(' ')));
+    out << flat.join(QLatin1String(" | ")) << '\n';
+    return arrived ? 0 : 1;
+}
+
 QStringList methodSignatures(const QMetaObject& metaObject)
 {
     QStringList signatures;
@@ -68,7 +162,7 @@ private slots:
     // The records and their signals.
     void signalsAreTheWholeMetaObject();
     void recordTypesAreRegisteredByName();
-    void peakStringsTypeIsRegisteredOnConnection();
+    void firstPeakSignalReachesAnotherThread();
     void recordLayout();
     void interfaceSignalIsDeliveredQueued();
 
@@ -94,6 +188,9 @@ private slots:
     void failedVolumeReadKeepsLastVolume();
     void noVolumeSourceKeepsFullVolume();
     void failedConversionIsLoggedAndDropsBlock();
+    void failedFrameAllocationIsLoggedAndDropsBlock();
+    void failedFrameBufferIsLoggedAndDropsBlock();
+    void failedFrameWritabilityIsLoggedAndDropsBlock();
     void resultBuffersAlternate();
     void keptSpectraDoNotChange();
     void queuedReceiverKeepsItsSnapshot();
@@ -139,14 +236,23 @@ void AudioCapturerTest::recordTypesAreRegisteredByName()
     QCOMPARE(QMetaType::type("QVector<SoundChannel>"), qMetaTypeId<QVector<SoundChannel>>());
 }
 
-void AudioCapturerTest::peakStringsTypeIsRegisteredOnConnection()
+void AudioCapturerTest::firstPeakSignalReachesAnotherThread()
 {
+    // Earlier cases here registered the type already, so the probe runs in a
+    // fresh process of this program.
+    QProcess probe;
+    probe.start(QCoreApplication::applicationFilePath(), {QString::fromLatin1(kPeakSignalProbe)});
+    QVERIFY(probe.waitForFinished(30000));
+    const QString errors = QString::fromLocal8Bit(probe.readAllStandardError());
+    QCOMPARE(
+        QString::fromLocal8Bit(probe.readAllStandardOutput()).trimmed(), QStringLiteral("0.500 -3.010 | 0.250 -6.021"));
+    QCOMPARE(probe.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(probe.exitCode(), 0);
+    QVERIFY2(!errors.contains(QLatin1String("Cannot queue arguments")), qPrintable(errors));
+
+    // Registered by name, as the queued delivery needs it.
     AudioCapturer capturer(0, 16000);
-    QObject receiver;
-    QVERIFY(connect(
-        &capturer, &AudioCapturer::channelsPeakValuesChanged, &receiver, [](const QVector<QVector<QString>>&) {},
-        Qt::QueuedConnection));
-    QVERIFY(QMetaType::type("QVector<QVector<QString> >") != QMetaType::UnknownType);
+    QCOMPARE(QMetaType::type("QVector<QVector<QString> >"), qMetaTypeId<QVector<QVector<QString>>>());
 }
 
 void AudioCapturerTest::recordLayout()
@@ -550,18 +656,95 @@ void AudioCapturerTest::failedConversionIsLoggedAndDropsBlock()
     MessageCapture messages;
     QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
     const bool frontBefore = prepared.d->useFront;
+    // Four, so that a third block that counted would publish, and the fourth
+    // would move the count off its multiple of three.
     for (int i = 0; i < 4; ++i)
         QCOMPARE(prepared.feed(block), 0u);
     QCOMPARE(spy.size(), 0);
     QCOMPARE(prepared.d->useFront, frontBefore);
-    QCOMPARE(messages.count(
-                 QtCriticalMsg, QStringLiteral("Failed to resample the input data, errCode: %1").arg(AVERROR(EINVAL))),
-        4);
+    QCOMPARE(messages.texts(QtCriticalMsg),
+        repeated(4, QStringLiteral("Failed to resample the input data, errCode: %1").arg(AVERROR(EINVAL))));
 
+    // The dropped blocks left the count alone: the third good block publishes, not an earlier one.
     QVERIFY(swr_init(prepared.d->swrContext.get()) >= 0);
-    for (int i = 0; i < 3; ++i)
-        prepared.feed(block);
-    QCOMPARE(spy.size(), 1);
+    QCOMPARE(publicationsOverThreeBlocks(prepared, block), QVector<int>({0, 0, 1}));
+}
+
+void AudioCapturerTest::failedFrameAllocationIsLoggedAndDropsBlock()
+{
+    PreparedCapturer prepared(waveFormat(SampleType::S16, 2, 48000, 0x3));
+    const QByteArray block = sineFrames(SampleType::S16, 2, 48000, 1000, 0.5, 2048);
+    alignToPublication(prepared, block);
+    // As before the first block: no frame yet.
+    prepared.d->reusableFrame.reset();
+
+    MessageCapture messages;
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
+    {
+        const FFmpegAllocationLimit nothingFits(1);
+        for (int i = 0; i < 4; ++i)
+            QCOMPARE(prepared.feed(block), 0u);
+    }
+    QCOMPARE(messages.texts(QtCriticalMsg), repeated(4, QStringLiteral("Failed to allocate reusable AVFrame")));
+    QCOMPARE(spy.size(), 0);
+    QVERIFY(!prepared.d->reusableFrame);
+
+    // The next block tries again, and the dropped ones did not count.
+    QCOMPARE(publicationsOverThreeBlocks(prepared, block), QVector<int>({0, 0, 1}));
+    QVERIFY(prepared.d->reusableFrame);
+}
+
+void AudioCapturerTest::failedFrameBufferIsLoggedAndDropsBlock()
+{
+    PreparedCapturer prepared(waveFormat(SampleType::S16, 2, 48000, 0x3));
+    const QByteArray block = sineFrames(SampleType::S16, 2, 48000, 1000, 0.5, 2048);
+    alignToPublication(prepared, block);
+    prepared.d->reusableFrame.reset();
+
+    MessageCapture messages;
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
+    {
+        // The frame itself fits; its sample planes of 8 KiB each do not.
+        const FFmpegAllocationLimit framesOnly(4096);
+        for (int i = 0; i < 4; ++i)
+            QCOMPARE(prepared.feed(block), 0u);
+    }
+    QCOMPARE(messages.texts(QtCriticalMsg),
+        repeated(4, QStringLiteral("Failed to get frame buffer, errCode: %1").arg(AVERROR(ENOMEM))));
+    QCOMPARE(spy.size(), 0);
+    // The frame without a buffer was freed: the next block starts afresh.
+    QVERIFY(!prepared.d->reusableFrame);
+
+    QCOMPARE(publicationsOverThreeBlocks(prepared, block), QVector<int>({0, 0, 1}));
+    QVERIFY(prepared.d->reusableFrame);
+}
+
+void AudioCapturerTest::failedFrameWritabilityIsLoggedAndDropsBlock()
+{
+    PreparedCapturer prepared(waveFormat(SampleType::S16, 2, 48000, 0x3));
+    const QByteArray block = sineFrames(SampleType::S16, 2, 48000, 1000, 0.5, 2048);
+    alignToPublication(prepared, block);
+    QVERIFY(prepared.d->reusableFrame);
+    const AVFrame* const frame = prepared.d->reusableFrame.get();
+
+    // A second reference to the frame's buffer makes it read-only, so that
+    // making it writable needs a new buffer, which does not fit.
+    Orvanta::AVFramePtr sharer(av_frame_alloc());
+    QCOMPARE(av_frame_ref(sharer.get(), prepared.d->reusableFrame.get()), 0);
+    MessageCapture messages;
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
+    {
+        const FFmpegAllocationLimit framesOnly(4096);
+        for (int i = 0; i < 4; ++i)
+            QCOMPARE(prepared.feed(block), 0u);
+    }
+    QCOMPARE(messages.texts(QtCriticalMsg),
+        repeated(4, QStringLiteral("Failed to make frame writable, errCode: %1").arg(AVERROR(ENOMEM))));
+    QCOMPARE(spy.size(), 0);
+    // The frame is kept for the next block.
+    QCOMPARE(prepared.d->reusableFrame.get(), frame);
+
+    QCOMPARE(publicationsOverThreeBlocks(prepared, block), QVector<int>({0, 0, 1}));
 }
 
 void AudioCapturerTest::resultBuffersAlternate()
@@ -726,5 +909,13 @@ void AudioCapturerTest::noMeterNoPeakSignal()
     QCOMPARE(spectra.size(), 3);
 }
 
-QTEST_GUILESS_MAIN(AudioCapturerTest)
+int main(int argc, char* argv[])
+{
+    QCoreApplication app(argc, argv);
+    if (argc > 1 && qstrcmp(argv[1], kPeakSignalProbe) == 0)
+        return firstPeakSignalProbe();
+    AudioCapturerTest test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_audiocapturer.moc"

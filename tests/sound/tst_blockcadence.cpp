@@ -1,5 +1,6 @@
-// The publication count is one counter for the whole process, so these
-// cases run in a program of their own, where it starts at zero.
+// The publication count is one counter for the whole process. These cases
+// run in a program of their own, and each first brings the count to a whole
+// multiple of three, so that each holds alone as well as after the others.
 
 #include "AudioCapturer.h"
 #include "AudioCapturer_p.h"
@@ -10,6 +11,20 @@
 #include <QtTest/QtTest>
 
 using namespace SoundTest;
+
+namespace {
+
+/// Feeds whole blocks until the capturer publishes, at most three: afterwards
+/// the process-wide block count stands at a multiple of three.
+bool alignToPublication(PreparedCapturer& prepared, const QByteArray& block)
+{
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
+    for (int i = 0; i < 3 && spy.isEmpty(); ++i)
+        prepared.feed(block);
+    return spy.size() == 1;
+}
+
+} // namespace
 
 class BlockCadenceTest : public QObject
 {
@@ -24,8 +39,9 @@ private slots:
 void BlockCadenceTest::everyThirdBlockOfALoneCapturer()
 {
     PreparedCapturer prepared(waveFormat(SampleType::S16, 2, 48000, 0x3));
-    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
     const QByteArray block = sineFrames(SampleType::S16, 2, 48000, 1000, 0.5, 2048);
+    QVERIFY(alignToPublication(prepared, block));
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
 
     QVector<int> publishedAfter;
     for (int n = 1; n <= 10; ++n) {
@@ -39,15 +55,16 @@ void BlockCadenceTest::everyThirdBlockOfALoneCapturer()
     // A packet that completes several blocks publishes each third one.
     spy.clear();
     prepared.feed(block + block + block + block + block);
-    QCOMPARE(spy.size(), 2); // blocks 12 and 15
+    QCOMPARE(spy.size(), 2); // blocks 12 and 15 after the alignment
 }
 
 void BlockCadenceTest::failedConversionDoesNotCount()
 {
-    // 15 blocks so far: the next publication is after three good blocks.
     PreparedCapturer prepared(waveFormat(SampleType::S16, 2, 48000, 0x3));
-    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
     const QByteArray block = sineFrames(SampleType::S16, 2, 48000, 1000, 0.5, 2048);
+    // The next publication is after three good blocks.
+    QVERIFY(alignToPublication(prepared, block));
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
 
     prepared.feed(block);
     prepared.feed(block);
@@ -69,13 +86,13 @@ void BlockCadenceTest::failedConversionDoesNotCount()
 
 void BlockCadenceTest::capturersShareTheCount()
 {
-    // 18 blocks so far.
     PreparedCapturer first(waveFormat(SampleType::S16, 2, 48000, 0x3));
     PreparedCapturer second(waveFormat(SampleType::Float, 1, 44100, 0x4));
-    QSignalSpy firstSpy(first.capturer.get(), &AudioCapturer::spectrumsChanged);
-    QSignalSpy secondSpy(second.capturer.get(), &AudioCapturer::spectrumsChanged);
     const QByteArray firstBlock = sineFrames(SampleType::S16, 2, 48000, 1000, 0.5, 2048);
     const QByteArray secondBlock = sineFrames(SampleType::Float, 1, 44100, 1000, 0.5, 2048);
+    QVERIFY(alignToPublication(first, firstBlock));
+    QSignalSpy firstSpy(first.capturer.get(), &AudioCapturer::spectrumsChanged);
+    QSignalSpy secondSpy(second.capturer.get(), &AudioCapturer::spectrumsChanged);
 
     // Two blocks of the first, then one of the second: the second publishes.
     first.feed(firstBlock);

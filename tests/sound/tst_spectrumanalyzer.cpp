@@ -459,27 +459,35 @@ void SpectrumAnalyzerTest::optionFailuresAreLogged_data()
     QTest::addColumn<int>("rate");
     QTest::addColumn<quint64>("layout");
     QTest::addColumn<QString>("message");
+    // Whether the cache frame of the earlier format survives: a failure
+    // before the frame's step leaves it alone, one in that step frees it.
+    QTest::addColumn<bool>("cacheFrameKept");
     QTest::newRow("no channels") << int(AV_SAMPLE_FMT_S16) << 48000 << quint64(0)
                                  << QStringLiteral(
                                         "[SpectrumAnalyzer]: Failed to set swrContext in_channel_layout, errCode: 0x "
                                         "\"%1\"")
-                                        .arg(hexCode(AVERROR(EINVAL)));
+                                        .arg(hexCode(AVERROR(EINVAL)))
+                                 << true;
     QTest::newRow("negative rate") << int(AV_SAMPLE_FMT_S16) << -1 << quint64(AV_CH_LAYOUT_STEREO)
                                    << QStringLiteral(
                                           "[SpectrumAnalyzer]: Failed to set swrContext in_sample_rate, errCode: 0x "
                                           "\"%1\"")
-                                          .arg(hexCode(AVERROR(ERANGE)));
+                                          .arg(hexCode(AVERROR(ERANGE)))
+                                   << true;
     QTest::newRow("format out of range")
         << 1000 << 48000 << quint64(AV_CH_LAYOUT_STEREO)
         << QStringLiteral("[SpectrumAnalyzer]: Failed to set swrContext in_sample_fmt, errCode: 0x \"%1\"")
-               .arg(hexCode(AVERROR(ERANGE)));
+               .arg(hexCode(AVERROR(ERANGE)))
+        << true;
     QTest::newRow("zero rate")
         << int(AV_SAMPLE_FMT_S16) << 0 << quint64(AV_CH_LAYOUT_STEREO)
-        << QStringLiteral("[SpectrumAnalyzer]: Failed to init swrContext: 0x \"%1\"").arg(hexCode(AVERROR(EINVAL)));
+        << QStringLiteral("[SpectrumAnalyzer]: Failed to init swrContext: 0x \"%1\"").arg(hexCode(AVERROR(EINVAL)))
+        << true;
     // The converter takes "no format" as its own; the cache frame cannot.
     QTest::newRow("no format") << -1 << 48000 << quint64(AV_CH_LAYOUT_STEREO)
                                << QStringLiteral("[SpectrumAnalyzer]: Failed to get cache frame buffer: 0x \"%1\"")
-                                      .arg(hexCode(AVERROR(EINVAL)));
+                                      .arg(hexCode(AVERROR(EINVAL)))
+                               << false;
 }
 
 void SpectrumAnalyzerTest::optionFailuresAreLogged()
@@ -488,16 +496,23 @@ void SpectrumAnalyzerTest::optionFailuresAreLogged()
     QFETCH(int, rate);
     QFETCH(quint64, layout);
     QFETCH(QString, message);
+    QFETCH(bool, cacheFrameKept);
 
     SpectrumAnalyzer analyzer;
     analyzer.setInputFormat(AV_SAMPLE_FMT_S16, 48000, AV_CH_LAYOUT_STEREO);
     QVERIFY(analyzer.swrContext);
+    const AVFrame* const earlierFrame = analyzer.cacheFrame.get();
+    QVERIFY(earlierFrame);
 
     MessageCapture messages;
     analyzer.setInputFormat(format, rate, layout);
     QCOMPARE(messages.texts(QtCriticalMsg), QStringList {message});
     QVERIFY(!analyzer.swrContext);
-    QVERIFY(!analyzer.cacheFrame || format != -1);
+    if (cacheFrameKept) {
+        QCOMPARE(analyzer.cacheFrame.get(), earlierFrame);
+    } else {
+        QVERIFY(!analyzer.cacheFrame);
+    }
     // Without a converter nothing comes out.
     QVERIFY(feed(analyzer, QByteArray(3 * 8192, '\0')).isEmpty());
 }
