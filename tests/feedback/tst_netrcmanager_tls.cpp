@@ -57,7 +57,8 @@ private slots:
     void usageReportOverHttps();
 
 private:
-    void trustTestAuthority();
+    QSslConfiguration m_untrusted;
+    QSslConfiguration m_trusted;
 
     QString m_serverUrl;
     std::unique_ptr<ServerControl> m_server;
@@ -65,13 +66,6 @@ private:
     std::unique_ptr<Fakes::FakeMachine> m_machine;
     std::unique_ptr<Fakes::ScopedFakeMachine> m_machineScope;
 };
-
-void NetRCManagerTlsTest::trustTestAuthority()
-{
-    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-    QVERIFY(tls.addCaCertificates(qEnvironmentVariable("ORVANTA_TEST_HTTPS_CA")));
-    QSslConfiguration::setDefaultConfiguration(tls);
-}
 
 void NetRCManagerTlsTest::initTestCase()
 {
@@ -82,10 +76,20 @@ void NetRCManagerTlsTest::initTestCase()
     QVERIFY(QFile::exists(qEnvironmentVariable("ORVANTA_TEST_HTTPS_CA")));
     QCoreApplication::setApplicationName(QStringLiteral("OrvantaTest"));
     QCoreApplication::setApplicationVersion(kVersion);
+
+    // What an application does to trust its own authority.
+    m_untrusted = QSslConfiguration::defaultConfiguration();
+    m_trusted = m_untrusted;
+    QVERIFY(m_trusted.addCaCertificates(qEnvironmentVariable("ORVANTA_TEST_HTTPS_CA")));
+    QSslConfiguration::setDefaultConfiguration(m_trusted);
+    m_server = std::make_unique<ServerControl>(QUrl(m_serverUrl));
+    QVERIFY2(!m_server->call("GET", QStringLiteral("/control/requests")).isEmpty(), "the https test server is down");
 }
 
 void NetRCManagerTlsTest::init()
 {
+    QSslConfiguration::setDefaultConfiguration(m_trusted);
+    m_server->reset();
     NetRCManager::setServerUrl(m_serverUrl);
     m_sandbox = std::make_unique<ConfigSandbox>();
     QVERIFY(m_sandbox->isValid());
@@ -96,9 +100,8 @@ void NetRCManagerTlsTest::init()
 
 void NetRCManagerTlsTest::cleanup()
 {
-    if (m_server) {
-        m_server->release();
-    }
+    QSslConfiguration::setDefaultConfiguration(m_trusted);
+    m_server->release();
     m_machineScope.reset();
     m_machine.reset();
     m_sandbox.reset();
@@ -106,8 +109,9 @@ void NetRCManagerTlsTest::cleanup()
 
 void NetRCManagerTlsTest::unknownAuthorityIsRejected()
 {
-    // Runs first, before the authority is added: the library's own checks
-    // stand, and a certificate nobody vouches for ends the request.
+    // Without the authority the library's own checks stand: a certificate
+    // that nobody vouches for ends the request.
+    QSslConfiguration::setDefaultConfiguration(m_untrusted);
     NetRCManager net;
     QSignalSpy announced(&net, &NetRCManager::hasNewAppVersion);
     MessageCapture capture;
@@ -120,18 +124,13 @@ void NetRCManagerTlsTest::unknownAuthorityIsRejected()
     QVERIFY2(capture.texts(QtWarningMsg).at(0).contains(QStringLiteral("SSL")),
         qPrintable(capture.texts(QtWarningMsg).at(0)));
     QCOMPARE(announced.count(), 0);
-
-    trustTestAuthority();
-    m_server = std::make_unique<ServerControl>(QUrl(m_serverUrl));
-    QVERIFY2(!m_server->call("GET", QStringLiteral("/control/requests")).isEmpty(), "the https test server is down");
-    // The rejected handshake never reached the server's handler.
+    QSslConfiguration::setDefaultConfiguration(m_trusted);
+    // The refused handshake never reached the server's handler.
     QCOMPARE(m_server->requestsTo(QStringLiteral("/update_check.php")).size(), 0);
 }
 
 void NetRCManagerTlsTest::versionCheckOverHttps()
 {
-    QVERIFY(m_server);
-    m_server->reset();
     m_server->scriptReply(QStringLiteral("/update_check.php"),
         QJsonDocument(versionReply(QStringLiteral("3.0"), QString(), QString())).toJson(QJsonDocument::Compact));
     NetRCManager net;
@@ -143,8 +142,6 @@ void NetRCManagerTlsTest::versionCheckOverHttps()
 
 void NetRCManagerTlsTest::downloadOverHttps()
 {
-    QVERIFY(m_server);
-    m_server->reset();
     const qint64 size = 2 * 1024 * 1024 + 3;
     const QString digest = m_server->blobDigest(size, 21);
     m_server->scriptReply(QStringLiteral("/update_check.php"),
@@ -163,8 +160,6 @@ void NetRCManagerTlsTest::downloadOverHttps()
 
 void NetRCManagerTlsTest::plainHttpInstallerFromHttpsServerIsRefused()
 {
-    QVERIFY(m_server);
-    m_server->reset();
     QString plain = m_server->blobUrl(1000, 22);
     plain.replace(QStringLiteral("https://"), QStringLiteral("http://"));
     m_server->scriptReply(QStringLiteral("/update_check.php"),
@@ -185,8 +180,6 @@ void NetRCManagerTlsTest::plainHttpInstallerFromHttpsServerIsRefused()
 
 void NetRCManagerTlsTest::uploadOverHttps()
 {
-    QVERIFY(m_server);
-    m_server->reset();
     auto feedback = std::make_unique<FeedbackManager>();
     feedback->setUserContactInfo(QStringLiteral("tls@example.org"));
     feedback->setUserMsg(QStringLiteral("over TLS"));
@@ -210,8 +203,6 @@ void NetRCManagerTlsTest::uploadOverHttps()
 
 void NetRCManagerTlsTest::usageReportOverHttps()
 {
-    QVERIFY(m_server);
-    m_server->reset();
     NetRCManager net;
     MessageCapture capture;
     net.uploadAppOnOffTime(QStringLiteral("08:00"), QStringLiteral("17:00"));
