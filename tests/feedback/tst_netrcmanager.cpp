@@ -1185,8 +1185,10 @@ void NetRCManagerTest::endlessUploadAnswerIsCut()
 void NetRCManagerTest::hostileContactTextStaysInTheFormOnly()
 {
     const QString contact = QStringLiteral("../secret");
+    const QString outside = QFileInfo(m_sandbox->path()).absolutePath() + QStringLiteral("/secret.txt");
+    QFile::remove(outside);
     const std::unique_ptr<FeedbackManager> feedback = makePackage(contact, QStringLiteral("hello"));
-    QVERIFY(!QFile::exists(QFileInfo(m_sandbox->path()).absolutePath() + QStringLiteral("/secret.txt")));
+    QVERIFY(!QFile::exists(outside));
     NetRCManager net;
     bool finished = false;
     net.sendFeedback(
