@@ -8,6 +8,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QSet>
 #include <QtGui/private/qzipwriter_p.h>
 #include <QtNetwork/QNetworkInterface>
 
@@ -46,6 +47,40 @@ constexpr const char* kDirectoryEntries[] = {
 QString configPath()
 {
     return ConfigurationManager::instance()->configPath();
+}
+
+/**
+ * The contact text as a file's base name in the configuration folder.
+ *
+ * Ordinary text stands as it is. What could make the name reach another
+ * folder or another drive (separators, a drive colon, "..") or break the
+ * name itself (NUL and other control characters) becomes "_"; the text
+ * itself is kept and sent unchanged.
+ */
+QString contactFileBaseName(const QString& contactInfo)
+{
+    QString name;
+    name.reserve(contactInfo.size());
+    for (const QChar character : contactInfo) {
+        const bool unsafe = character == QLatin1Char('/') || character == QLatin1Char('\\')
+            || character == QLatin1Char(':') || character.unicode() < 0x20 || character.unicode() == 0x7F
+            || character.category() == QChar::Other_Control;
+        name.append(unsafe ? QLatin1Char('_') : character);
+    }
+    name.replace(QStringLiteral(".."), QStringLiteral("__"));
+    return name;
+}
+
+/// The path with every link resolved, or empty when it names nothing.
+QString resolvedPath(const QString& path)
+{
+    return QFileInfo(path).canonicalFilePath();
+}
+
+bool isInside(const QString& resolved, const QString& resolvedFolder)
+{
+    return !resolved.isEmpty() && !resolvedFolder.isEmpty()
+        && (resolved == resolvedFolder || resolved.startsWith(resolvedFolder + QLatin1Char('/')));
 }
 
 } // namespace
@@ -93,8 +128,8 @@ QString FeedbackManager::feedbackFileName() const
 
 QString FeedbackManager::messageFilePath(const QString& contactInfo) const
 {
-    // The contact text is the base name as it stands: an empty one gives ".txt".
-    return configPath() + QLatin1Char('/') + contactInfo + QStringLiteral(".txt");
+    // An empty contact text gives ".txt".
+    return configPath() + QLatin1Char('/') + contactFileBaseName(contactInfo) + QStringLiteral(".txt");
 }
 
 void FeedbackManager::setUserMsg(QString msg)
@@ -131,6 +166,9 @@ QString FeedbackManager::zipFeedbackFile()
 void FeedbackManager::zipFeedbackFile(const QString& fileName)
 {
     QZipWriter writer(fileName, QIODevice::WriteOnly | QIODevice::Truncate);
+    // The zip itself may be reachable from the folders it packs; it is never
+    // read into itself.
+    m_zipBeingWritten = resolvedPath(fileName);
     for (const char* directory : kDirectoryEntries) {
         writer.addDirectory(QLatin1String(directory));
     }
@@ -139,7 +177,7 @@ void FeedbackManager::zipFeedbackFile(const QString& fileName)
     addFileToZip(writer, configPath(), QStringLiteral("controllers"));
     addFileToZip(writer, configPath(), QStringLiteral("effects"));
     if (!m_userContactInfo.isEmpty()) {
-        addFileToZip(writer, configPath(), m_userContactInfo + QStringLiteral(".txt"));
+        addFileToZip(writer, configPath(), contactFileBaseName(m_userContactInfo) + QStringLiteral(".txt"));
     }
 
     for (const FolderLimit& limit : kNewestFiles) {
@@ -147,25 +185,48 @@ void FeedbackManager::zipFeedbackFile(const QString& fileName)
             writer, configPath(), QLatin1String(limit.folder), limit.count, QLatin1String(limit.nameFilter));
     }
     writer.close();
+    m_zipBeingWritten.clear();
 }
 
 void FeedbackManager::addFileToZip(QZipWriter& writer, const QString& rootPath, const QString& relativePath)
 {
-    // An absolute relativePath passes through absoluteFilePath unchanged,
-    // which is how the folder walk below hands down its children.
-    const QFileInfo info(QDir(rootPath).absoluteFilePath(relativePath));
+    // The walk stays inside what it was asked for: a folder, or for a single
+    // file the configuration folder. A link that leads elsewhere, back up
+    // into a parent included, is left out, and no folder is entered twice.
+    const QString path = QDir(rootPath).absoluteFilePath(relativePath);
+    const QFileInfo info(path);
+    const QString walkRoot = resolvedPath(info.isDir() ? path : rootPath);
+    if (!isInside(walkRoot, resolvedPath(rootPath))) {
+        return;
+    }
+    QSet<QString> visitedFolders;
+    addTreeToZip(writer, rootPath, path, walkRoot, visitedFolders);
+}
+
+void FeedbackManager::addTreeToZip(QZipWriter& writer, const QString& rootPath, const QString& path,
+    const QString& walkRoot, QSet<QString>& visitedFolders)
+{
+    const QFileInfo info(path);
+    const QString resolved = resolvedPath(path);
+    if (!isInside(resolved, walkRoot) || resolved == m_zipBeingWritten) {
+        return;
+    }
     if (info.isFile()) {
         const QString entryName = info.absoluteFilePath().mid(rootPath.size() + 1);
-        QFile file(info.absoluteFilePath());
+        QFile file(resolved);
         if (file.open(QIODevice::ReadOnly)) {
             writer.addFile(entryName, file.readAll());
         }
     } else if (info.isDir()) {
+        if (visitedFolders.contains(resolved)) {
+            return;
+        }
+        visitedFolders.insert(resolved);
         const QDir folder(info.absoluteFilePath());
         const QStringList names
             = folder.entryList(QDir::Dirs | QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDir::NoSort);
         for (const QString& name : names) {
-            addFileToZip(writer, rootPath, folder.absolutePath() + QDir::separator() + name);
+            addTreeToZip(writer, rootPath, folder.absolutePath() + QDir::separator() + name, walkRoot, visitedFolders);
         }
     }
 }
@@ -179,8 +240,15 @@ void FeedbackManager::addLastFilesToZip(
     dir.cd(dirName);
     const QStringList names = dir.entryList(QStringList {nameFilter}, QDir::Files, QDir::Time);
     const int taken = std::min(static_cast<int>(names.size()), count);
+    // Files of this folder only: a link among them that leads out of it is left out.
+    const QString folderRoot = resolvedPath(QDir(rootPath).absoluteFilePath(dirName));
+    if (!isInside(folderRoot, resolvedPath(rootPath))) {
+        return;
+    }
+    QSet<QString> visitedFolders;
     for (int index = 0; index < taken; ++index) {
-        addFileToZip(writer, rootPath, dirName + QLatin1Char('/') + names.at(index));
+        addTreeToZip(writer, rootPath, QDir(rootPath).absoluteFilePath(dirName + QLatin1Char('/') + names.at(index)),
+            folderRoot, visitedFolders);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "orvanta_global.h"
 
 #include <QtCore/QObject>
+#include <QtCore/QSet>
 #include <QtCore/QString>
 
 class QZipWriter;
@@ -44,7 +45,9 @@ public:
 public slots:
     /**
      * Keeps @p msg and writes it, UTF-8, over the start of the message file
-     * "<contact>.txt" in the configuration folder. The file is not truncated:
+     * "<contact>.txt" in the configuration folder. Characters of the contact
+     * text that could lead the name out of that folder (separators, a drive
+     * colon, "..", control characters) stand as "_" in the file's name. The file is not truncated:
      * a shorter message leaves the tail of a longer earlier one behind it.
      */
     void setUserMsg(QString msg);
@@ -56,6 +59,8 @@ private:
     void addFileToZip(QZipWriter& writer, const QString& rootPath, const QString& relativePath);
     void addLastFilesToZip(
         QZipWriter& writer, const QString& rootPath, QString dirName, int count, const QString& nameFilter);
+    void addTreeToZip(QZipWriter& writer, const QString& rootPath, const QString& path, const QString& walkRoot,
+        QSet<QString>& visitedFolders);
     QString getMacAddress();
     void copyAppleCrashLogs();
 
@@ -64,4 +69,5 @@ private:
     QString m_feedbackFileName;
     QString m_userMsg;
     QString m_userContactInfo;
+    QString m_zipBeingWritten;
 };

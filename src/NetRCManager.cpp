@@ -1,10 +1,10 @@
 #include "NetRCManager.h"
+#include "NetRCManager_p.h"
 
 #include "ConfigurationManager.h"
 #include "HardwareInfo.h"
 #include "Helpers.h"
 #include "NetworkErrorMetaType.h"
-#include "ifaces/Sha256Digest.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -18,11 +18,21 @@
 #include <QtNetwork/QHttpMultiPart>
 #include <QtNetwork/QNetworkRequest>
 
+#include <atomic>
 #include <memory>
 
 namespace {
 
-constexpr qint64 kDownloadBufferBytes = 4 * 1024 * 1024;
+// A version reply is a few hundred bytes; anything far beyond that is not one.
+constexpr qint64 kVersionReplyLimitBytes = 1024 * 1024;
+// Replies that are only logged or not read at all are bounded just as well:
+// a server that never stops sending must not fill the memory or hold a
+// blocking report for ever.
+constexpr qint64 kIgnoredReplyLimitBytes = 1024 * 1024;
+// What of the upload's answer reaches the debug log.
+constexpr qint64 kLoggedReplyBytes = 64 * 1024;
+
+std::atomic<int> transferTimeoutValue {30000};
 
 QReadWriteLock& serverUrlLock()
 {
@@ -42,6 +52,64 @@ QString executableName()
     return QFileInfo(QCoreApplication::applicationFilePath()).fileName();
 }
 
+QNetworkRequest makeRequest(const QUrl& url)
+{
+    QNetworkRequest request(url);
+    // Ends a request whose server goes silent, instead of waiting for as
+    // long as the connection lives.
+    request.setTransferTimeout(transferTimeoutValue.load());
+    return request;
+}
+
+int schemeStrength(const QString& scheme)
+{
+    if (scheme == QLatin1String("https")) {
+        return 2;
+    }
+    if (scheme == QLatin1String("http")) {
+        return 1;
+    }
+    return 0;
+}
+
+/// Only the web's own schemes, and none weaker than the server's: an https
+/// server's reply cannot send the installer over plain http.
+bool isAcceptedInstallerUrl(const QUrl& url)
+{
+    const int strength = schemeStrength(url.scheme().toLower());
+    const int serverStrength = schemeStrength(QUrl(NetRCManager::serverUrl()).scheme().toLower());
+    return strength > 0 && strength >= serverStrength;
+}
+
+/**
+ * Reads a reply's body as it arrives, keeps its first @p keepBytes and drops
+ * the rest; a body longer than @p limitBytes aborts the reply.
+ * @p exceeded is set before the abort, so the reply's handlers can tell.
+ */
+void boundReplyBody(QNetworkReply* reply, QObject* context, qint64 keepBytes, qint64 limitBytes,
+    const std::shared_ptr<QByteArray>& kept, const std::shared_ptr<bool>& exceeded)
+{
+    const auto received = std::make_shared<qint64>(0);
+    QObject::connect(reply, &QIODevice::readyRead, context, [reply, keepBytes, limitBytes, kept, exceeded, received]() {
+        while (reply->bytesAvailable() > 0) {
+            const QByteArray data = reply->read(64 * 1024);
+            if (data.isEmpty()) {
+                break;
+            }
+            *received += data.size();
+            if (kept->size() < keepBytes) {
+                kept->append(data.left(static_cast<int>(keepBytes - kept->size())));
+            }
+        }
+        if (*received > limitBytes && !*exceeded) {
+            *exceeded = true;
+            qWarning() << "[NetRCManager]: The reply is longer than" << limitBytes
+                       << "bytes:" << reply->url().toString();
+            reply->abort();
+        }
+    });
+}
+
 } // namespace
 
 NetRCManager::NetRCManager(QObject* parent)
@@ -52,20 +120,21 @@ NetRCManager::NetRCManager(QObject* parent)
 
 NetRCManager::~NetRCManager()
 {
-    // Download replies are children of this object but belong to `manager`,
-    // which as a member goes before QObject frees the children: free them
-    // while their manager lives.
-    const QList<QNetworkReply*> replies = findChildren<QNetworkReply*>(QString(), Qt::FindDirectChildrenOnly);
-    qDeleteAll(replies);
-    // An installer still open is a download cut short by this destruction;
-    // like any failed download it must not survive.
-    const QList<QFile*> files = findChildren<QFile*>(QString(), Qt::FindDirectChildrenOnly);
-    for (QFile* file : files) {
-        if (file->isOpen()) {
-            file->close();
-            file->remove();
-        }
-    }
+    // Downloads and upload replies hold replies of `manager`, which as a
+    // member goes before QObject frees the children: free them while their
+    // manager lives. A download cut short this way leaves no installer.
+    qDeleteAll(findChildren<Orvanta::InstallerDownload*>(QString(), Qt::FindDirectChildrenOnly));
+    qDeleteAll(findChildren<QNetworkReply*>(QString(), Qt::FindDirectChildrenOnly));
+}
+
+void NetRCManager::setTransferTimeout(int milliseconds)
+{
+    transferTimeoutValue.store(milliseconds);
+}
+
+int NetRCManager::transferTimeout()
+{
+    return transferTimeoutValue.load();
 }
 
 void NetRCManager::setServerUrl(const QString& baseUrl)
@@ -87,15 +156,24 @@ QString NetRCManager::serverUrl()
 void NetRCManager::checkVersion()
 {
     const QUrl url(serverUrl() + QStringLiteral("/update_check.php?app=") + executableName(), QUrl::TolerantMode);
-    QPointer<QNetworkReply> reply = manager.get(QNetworkRequest(url));
+    QPointer<QNetworkReply> reply = manager.get(makeRequest(url));
+    const auto body = std::make_shared<QByteArray>();
+    const auto tooLong = std::make_shared<bool>(false);
+    boundReplyBody(reply, reply, kVersionReplyLimitBytes, kVersionReplyLimitBytes, body, tooLong);
 
     connect(
         reply, &QNetworkReply::finished, reply,
-        [this, reply]() {
-            if (!reply) {
+        [this, reply, body, tooLong]() {
+            if (!reply || *tooLong) {
                 return;
             }
-            const QJsonDocument document = QJsonDocument::fromJson(reply->readAll());
+            body->append(reply->read(kVersionReplyLimitBytes + 1 - body->size()));
+            if (body->size() > kVersionReplyLimitBytes) {
+                qWarning() << "[NetRCManager]: The reply is longer than" << kVersionReplyLimitBytes
+                           << "bytes:" << reply->url().toString();
+                return;
+            }
+            const QJsonDocument document = QJsonDocument::fromJson(*body);
             if (document.isNull()) {
                 qWarning() << "An error occurred while trying to parse the Network JSON file";
                 return;
@@ -140,80 +218,23 @@ void NetRCManager::checkVersion()
 void NetRCManager::downloadLatestApp()
 {
     const QString path = ConfigurationManager::instance()->resourcesPath() + QStringLiteral("/install.exe");
-    QPointer<QFile> file = new QFile(path, this);
-    // Write-only empties an old installer first, so a failed download leaves none.
-    if (!file->open(QIODevice::WriteOnly)) {
-        qWarning() << "An error occurred when trying to create the installation file" << file->errorString();
+    auto* download = new Orvanta::InstallerDownload(path, latestChecksum, this);
+    // Clears an old installer first, so that a download that fails, even one
+    // refused below, leaves none.
+    if (!download->prepare()) {
+        delete download;
         return;
     }
-
-    const std::shared_ptr<Orvanta::Ifaces::Sha256Digest> digest = Orvanta::createSha256Digest();
-    QPointer<QNetworkReply> reply = manager.get(QNetworkRequest(QUrl(latestPkgUrl, QUrl::TolerantMode)));
-    reply->setParent(this);
-    // Bounds what the network layer holds for us while the digest and the
-    // disk keep up; without it a slow consumer lets the whole file pile up.
-    reply->setReadBufferSize(kDownloadBufferBytes);
-
-    // A chunk that did not reach the disk (a full disk, say) leaves a file
-    // that the digest of the received bytes no longer describes.
-    const auto writeFailed = std::make_shared<bool>(false);
-
-    // Each chunk goes through the digest and to the disk as it arrives: the
-    // installer is never held in memory as a whole.
-    const auto storeAvailable = [reply, file, digest, writeFailed]() {
-        const QByteArray data = reply->readAll();
-        digest->addData(data.constData(), static_cast<std::size_t>(data.size()));
-        if (file->write(data) != data.size()) {
-            *writeFailed = true;
-        }
-    };
-
-    connect(reply, &QIODevice::readyRead, this, [reply, file, storeAvailable]() {
-        if (!reply) {
-            qCritical() << "The QNetworkReply object has been null when reading some new data";
-            return;
-        }
-        if (!file) {
-            qCritical() << "The QFile object has been null when reading some new data";
-            return;
-        }
-        storeAvailable();
-    });
-
-    connect(reply, &QNetworkReply::finished, this, [this, reply, file, digest, path, storeAvailable, writeFailed]() {
-        if (!reply || !file) {
-            return;
-        }
-        // Bytes that arrived together with the end have had no readyRead of their own.
-        if (reply->bytesAvailable() > 0) {
-            storeAvailable();
-        }
-        if (!file->flush()) {
-            *writeFailed = true;
-        }
-        file->close();
-        file->deleteLater();
-        reply->deleteLater();
-
-        const QString computed = QString::fromLatin1(QByteArray::fromStdString(digest->result()).toHex().toUpper());
-        const QString expected = latestChecksum.toUpper();
-        qDebug() << computed;
-        qDebug() << expected;
-        if (computed == expected && !*writeFailed) {
-            qInfo() << "The new installation file has been downloaded";
-            emit newInstallationFileDownloaded(path);
-        } else {
-            qWarning() << "The md5 of the new installation file is wrong";
-            QFile::remove(path);
-        }
-    });
-
-    connect(reply, &QNetworkReply::errorOccurred, this, [reply, file, path](QNetworkReply::NetworkError) {
-        qWarning() << "Error:" << (reply ? reply->errorString() : QString());
-        if (reply && file) {
-            reply->deleteLater();
-            file->deleteLater();
-            QFile::remove(path);
+    const QUrl url(latestPkgUrl, QUrl::TolerantMode);
+    if (!isAcceptedInstallerUrl(url)) {
+        qWarning() << "[NetRCManager]: The installation file's URL is refused:" << url.toString();
+        delete download;
+        return;
+    }
+    QPointer<NetRCManager> self(this);
+    download->start(manager, makeRequest(url), [self](const QString& installer) {
+        if (self) {
+            emit self->newInstallationFileDownloaded(installer);
         }
     });
 }
@@ -264,7 +285,7 @@ void NetRCManager::sendFeedback(QPointer<FeedbackManager> feedback, std::functio
     multiPart->append(zipPart);
     file->setParent(multiPart);
 
-    QNetworkRequest request(QUrl(serverUrl() + QStringLiteral("/app/logupload.php")));
+    QNetworkRequest request = makeRequest(QUrl(serverUrl() + QStringLiteral("/app/logupload.php")));
     request.setRawHeader("User-Agent",
         QCoreApplication::applicationName().toLatin1() + '/' + QCoreApplication::applicationVersion().toLatin1());
     request.setRawHeader("Accept", "*/*");
@@ -284,21 +305,41 @@ void NetRCManager::sendFeedback(QPointer<FeedbackManager> feedback, std::functio
     // deleteLater() of the reply frees all three.
     multiPart->setParent(reply);
 
-    connect(reply, &QNetworkReply::errorOccurred, this, [reply, onError](QNetworkReply::NetworkError code) {
+    const auto answer = std::make_shared<QByteArray>();
+    const auto tooLong = std::make_shared<bool>(false);
+    boundReplyBody(reply, this, kLoggedReplyBytes, kIgnoredReplyLimitBytes, answer, tooLong);
+    const auto errorReported = std::make_shared<bool>(false);
+
+    connect(
+        reply, &QNetworkReply::errorOccurred, this, [reply, onError, errorReported](QNetworkReply::NetworkError code) {
+            if (!reply) {
+                return;
+            }
+            *errorReported = true;
+            qWarning() << "An error occurred while uploading the feedback" << reply->errorString();
+            if (onError) {
+                onError(code);
+            }
+            reply->deleteLater();
+        });
+    connect(reply, &QNetworkReply::finished, this, [reply, onFinished, onError, answer, errorReported]() {
         if (!reply) {
             return;
         }
-        qWarning() << "An error occurred while uploading the feedback" << reply->errorString();
-        if (onError) {
-            onError(code);
+        // Only a 2xx answer means the server took the package; a redirect or
+        // any other status is not followed and counts as a failed upload.
+        const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        if (!*errorReported && (!status.isValid() || status.toInt() < 200 || status.toInt() > 299)) {
+            qWarning() << "An error occurred while uploading the feedback"
+                       << QStringLiteral("HTTP status %1 %2")
+                              .arg(status.toInt())
+                              .arg(reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString());
+            if (onError) {
+                onError(QNetworkReply::UnknownContentError);
+            }
         }
-        reply->deleteLater();
-    });
-    connect(reply, &QNetworkReply::finished, this, [reply, onFinished]() {
-        if (!reply) {
-            return;
-        }
-        qDebug() << reply->readAll();
+        answer->append(reply->read(kLoggedReplyBytes - answer->size()));
+        qDebug() << *answer;
         qInfo() << "A feedback have sent to server";
         if (onFinished) {
             onFinished();
@@ -309,7 +350,7 @@ void NetRCManager::sendFeedback(QPointer<FeedbackManager> feedback, std::functio
 
 void NetRCManager::uploadAppOnOffTime(QString startTime, QString closeTime)
 {
-    QNetworkRequest request(QUrl(serverUrl() + QStringLiteral("/activate.php")));
+    QNetworkRequest request = makeRequest(QUrl(serverUrl() + QStringLiteral("/activate.php")));
     // Loads the global document if nothing has yet; the report needs nothing from it.
     ConfigurationManager::instance()->AppConfigJsonObj();
     const QString address = HardwareInfo::getMacStr(QStringLiteral("0"));
@@ -330,6 +371,9 @@ void NetRCManager::uploadAppOnOffTime(QString startTime, QString closeTime)
     qInfo() << "[NetRCManager]: Prepare to upload to AppOnOffTime to the server, startTime: " << startTime
             << ", clostTime: " << closeTime;
     QNetworkReply* reply = manager.post(request, body);
+    // The answer is never read: drop it as it comes, within a bound.
+    boundReplyBody(
+        reply, this, 0, kIgnoredReplyLimitBytes, std::make_shared<QByteArray>(), std::make_shared<bool>(false));
 
     if (!closeTime.isEmpty()) {
         QEventLoop loop;

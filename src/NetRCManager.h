@@ -18,13 +18,27 @@
  * It asks for the latest version (checkVersion), fetches and verifies the
  * installer (downloadLatestApp), uploads a feedback package (sendFeedback)
  * and reports the application's start and close times (uploadAppOnOffTime).
- * All four speak plain http to one server, http://orvanta.example unless the
- * application names its own with setServerUrl().
+ * All four speak to one server, http://orvanta.example unless the
+ * application names its own with setServerUrl(); an "https://" server is
+ * reached over TLS for every request, with the certificate checked by Qt's
+ * usual rules.
+ *
+ * An application whose server presents a certificate of its own authority
+ * adds that authority before the first request, the normal Qt way:
+ * @code
+ * QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+ * tls.addCaCertificates(QStringLiteral("/path/to/authority.pem"));
+ * QSslConfiguration::setDefaultConfiguration(tls);
+ * @endcode
+ * (with OpenSSL, the environment variable SSL_CERT_FILE naming a bundle
+ * works as well). Every request of this class takes the default
+ * configuration at the time it is sent; nothing here turns checking off.
  *
  * The object must live on a thread with an event loop: requests return at
  * once and their handlers run there later. Outcomes are reported by the two
  * signals, the log and, for sendFeedback, the caller's functions; there is
- * no failure signal, no timeout and no retry.
+ * no failure signal and no retry. Every request ends when its server stays
+ * silent for transferTimeout(), and replies are read within fixed bounds.
  */
 class LIBORVANTA_EXPORT NetRCManager : public QObject
 {
@@ -45,6 +59,15 @@ public:
     static QString serverUrl();
 
     /**
+     * Sets how long any request of any NetRCManager may go without sending
+     * or receiving a byte before it fails with a network error; 0 means no
+     * limit. It takes effect for requests sent afterwards. The default is
+     * 30000 ms.
+     */
+    static void setTransferTimeout(int milliseconds);
+    static int transferTimeout();
+
+    /**
      * Asks the server for the latest version. A reply that parses is kept in
      * memory and in the global document ("latestVerion"), and
      * hasNewAppVersion() is emitted unless the running application's version
@@ -55,8 +78,15 @@ public:
     /**
      * Downloads the installer named by the last good version reply into
      * "install.exe" of the resources folder, computing its SHA-256 digest as
-     * it streams in. newInstallationFileDownloaded() follows a digest that
-     * matches; any failure removes the file.
+     * it streams in. Only an http or https URL is fetched, and only https
+     * from an https server; any other is refused with a warning.
+     *
+     * The bytes go to a temporary file beside the final name and are renamed
+     * over it only once the digest of the bytes on disk matches the version
+     * reply's, which must be 64 hexadecimal digits; then
+     * newInstallationFileDownloaded() follows. An old installer is removed
+     * when the download starts, so that after any failure, or a process that
+     * ends mid-download, no file stands under the final name.
      */
     void downloadLatestApp();
 
@@ -66,7 +96,10 @@ public:
      * under way; @p onError then receives a network failure and @p onFinished
      * the end of the upload, on this object's thread. Either may be empty.
      * Neither is called when the zip is missing or cannot be opened, or when
-     * the request fails at once: check that the zip exists first.
+     * the request fails at once: check that the zip exists first. An answer
+     * whose status is not 2xx counts as a failure: @p onError receives
+     * QNetworkReply::UnknownContentError for a status that Qt itself does not
+     * report as an error, such as a redirect, which is not followed.
      */
     void sendFeedback(QPointer<FeedbackManager> feedback, std::function<void()> onFinished,
         std::function<void(QNetworkReply::NetworkError)> onError);

@@ -1,7 +1,6 @@
 #include "NetworkErrorMetaType.h"
 
 #include <QtCore/QAtomicInt>
-#include <QtCore/QMetaEnum>
 
 namespace Orvanta {
 
@@ -17,15 +16,3 @@ int registerNetworkErrorMetaType()
 }
 
 } // namespace Orvanta
-
-QDebug operator<<(QDebug debug, QNetworkReply::NetworkError error)
-{
-    const QDebugStateSaver saver(debug);
-    const char* name = QMetaEnum::fromType<QNetworkReply::NetworkError>().valueToKey(error);
-    if (name) {
-        debug.noquote() << name;
-    } else {
-        debug << static_cast<int>(error);
-    }
-    return debug;
-}

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QtCore/QDebug>
 #include <QtNetwork/QNetworkReply>
 
 namespace Orvanta {
@@ -10,6 +9,3 @@ namespace Orvanta {
 int registerNetworkErrorMetaType();
 
 } // namespace Orvanta
-
-/// Prints a network error by its enumerator name, for example "HostNotFoundError".
-QDebug operator<<(QDebug debug, QNetworkReply::NetworkError error);

@@ -6,13 +6,16 @@
 #include <QtCore/QJsonObject>
 #include <QtCore/QString>
 #include <QtCore/QUrl>
+#include <QtNetwork/QSslSocket>
 #include <QtNetwork/QTcpSocket>
 
 /**
  * The test's side channel to the recording HTTP server (server/http_test_server.py).
  *
  * It talks plain blocking HTTP/1.0 over its own socket, so it can be used
- * from inside a nested event loop without running that loop.
+ * from inside a nested event loop without running that loop. For an https
+ * server it speaks TLS, trusting what the process's default TLS
+ * configuration trusts.
  */
 class ServerControl
 {
@@ -24,10 +27,17 @@ public:
 
     QByteArray call(const QByteArray& method, const QString& path, const QByteArray& body = QByteArray()) const
     {
-        QTcpSocket socket;
-        socket.connectToHost(m_base.host(), static_cast<quint16>(m_base.port()));
-        if (!socket.waitForConnected(10000)) {
-            return QByteArray();
+        QSslSocket socket;
+        if (m_base.scheme() == QLatin1String("https")) {
+            socket.connectToHostEncrypted(m_base.host(), static_cast<quint16>(m_base.port()));
+            if (!socket.waitForEncrypted(10000)) {
+                return QByteArray();
+            }
+        } else {
+            socket.connectToHost(m_base.host(), static_cast<quint16>(m_base.port()));
+            if (!socket.waitForConnected(10000)) {
+                return QByteArray();
+            }
         }
         socket.write(method + ' ' + path.toUtf8() + " HTTP/1.0\r\nHost: " + m_base.host().toUtf8()
             + "\r\nContent-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size())
@@ -50,7 +60,8 @@ public:
         call("POST", QStringLiteral("/control/release"));
     }
 
-    /// Scripts the server's answer on @p path: mode "reply" (status, body, contentType), "hang" or "close".
+    /// Scripts the server's answer on @p path: mode "reply" (status, body, contentType), "hang",
+    /// "close", "stall" (status, sent) or "endless" (status, contentType).
     void script(QJsonObject behaviour) const
     {
         call("POST", QStringLiteral("/control/script"), QJsonDocument(behaviour).toJson(QJsonDocument::Compact));
@@ -90,6 +101,12 @@ public:
             call("GET", QStringLiteral("/control/digest?size=%1&seed=%2").arg(size).arg(seed)))
                                        .object();
         return answer.value(QStringLiteral("sha256")).toString();
+    }
+
+    void scriptStall(const QString& path, int sentBytes) const
+    {
+        script({{QStringLiteral("path"), path}, {QStringLiteral("mode"), QStringLiteral("stall")},
+            {QStringLiteral("sent"), sentBytes}});
     }
 
     QString blobUrl(qint64 size, int seed) const

@@ -79,7 +79,11 @@ private slots:
     void constructorReadsContactText();
     void emptyContactWritesDotTxtAndZipHasNoMessageFile();
     void shorterMessageLeavesTailOfLongerOne();
-    void contactWithPathSeparatorMakesMessageFileFail();
+    void contactWithPathSeparatorStaysInConfigFolder();
+    void hostileContactTextNamesNoOutsideFile_data();
+    void hostileContactTextNamesNoOutsideFile();
+    void linkLoopsAreNotFollowed();
+    void linkOutOfItsFolderIsLeftOut();
     void contactRenameCarriesMessageFile();
     void zipHasEntriesInOrderWithContents();
     void newestFilesUpToLimit_data();
@@ -187,18 +191,101 @@ void FeedbackManagerTest::shorterMessageLeavesTailOfLongerOne()
     QCOMPARE(readFile(m_sandbox->filePath(QStringLiteral("carol.txt"))), QByteArray("\xC3\xA9t\xC3\xA9 \xE7\x81\xAF"));
 }
 
-void FeedbackManagerTest::contactWithPathSeparatorMakesMessageFileFail()
+void FeedbackManagerTest::contactWithPathSeparatorStaysInConfigFolder()
 {
     FeedbackManager feedback;
     feedback.setUserContactInfo(QStringLiteral("no/such"));
-    QFile probe(m_sandbox->filePath(QStringLiteral("no/such.txt")));
-    QVERIFY(!probe.open(QIODevice::ReadWrite));
-
     MessageCapture capture;
     feedback.setUserMsg(QStringLiteral("hello"));
-    QCOMPARE(capture.texts(QtWarningMsg),
-        QStringList {QStringLiteral("Failed to open user feedback message file.  \"%1\"").arg(probe.errorString())});
+    QCOMPARE(capture.texts(QtWarningMsg), QStringList());
+    QVERIFY(!QFileInfo::exists(m_sandbox->filePath(QStringLiteral("no"))));
+    QCOMPARE(readFile(m_sandbox->filePath(QStringLiteral("no_such.txt"))), QByteArray("hello"));
     QCOMPARE(feedback.userMsg(), QStringLiteral("hello"));
+    QCOMPARE(feedback.userContactInfo(), QStringLiteral("no/such"));
+}
+
+void FeedbackManagerTest::hostileContactTextNamesNoOutsideFile_data()
+{
+    QTest::addColumn<QString>("contact");
+    QTest::addColumn<QString>("fileName");
+    QTest::newRow("parent") << QStringLiteral("../secret") << QStringLiteral("___secret.txt");
+    QTest::newRow("deeper") << QStringLiteral("../../etc/x") << QStringLiteral("______etc_x.txt");
+    QTest::newRow("backslash") << QStringLiteral("..\\secret") << QStringLiteral("___secret.txt");
+    QTest::newRow("absolute") << QStringLiteral("/tmp/abs") << QStringLiteral("_tmp_abs.txt");
+    QTest::newRow("drive") << QStringLiteral("C:secret") << QStringLiteral("C_secret.txt");
+    QTest::newRow("nul") << QString::fromUtf8("a\0b", 3) << QStringLiteral("a_b.txt");
+    QTest::newRow("control") << QStringLiteral("a\nb\tc\x7f") << QStringLiteral("a_b_c_.txt");
+    QTest::newRow("two dots") << QStringLiteral("..") << QStringLiteral("__.txt");
+    QTest::newRow("ordinary") << QStringLiteral("Zoë +49 30 1234, zoe@example.org")
+                              << QStringLiteral("Zoë +49 30 1234, zoe@example.org.txt");
+}
+
+void FeedbackManagerTest::hostileContactTextNamesNoOutsideFile()
+{
+    QFETCH(QString, contact);
+    QFETCH(QString, fileName);
+    const QString outside = QFileInfo(m_sandbox->path()).absolutePath() + QStringLiteral("/secret.txt");
+    QFile::remove(outside);
+    FeedbackManager feedback;
+    feedback.setUserContactInfo(contact);
+    feedback.setUserMsg(QStringLiteral("words"));
+    QVERIFY(!QFile::exists(outside));
+    QCOMPARE(QDir(m_sandbox->path()).entryList({QStringLiteral("*.txt")}, QDir::Files | QDir::Hidden),
+        QStringList {fileName});
+    QCOMPARE(readFile(m_sandbox->filePath(fileName)), QByteArray("words"));
+    QCOMPARE(feedback.userContactInfo(), contact);
+    QCOMPARE(ConfigurationManager::instance()->globalValue(QStringLiteral("userContactInfo")).toString(), contact);
+
+    const QStringList names = zipEntryNames(readZip(feedback.zipFeedbackFile()));
+    QVERIFY2(names.contains(fileName), qPrintable(names.join(QLatin1Char(','))));
+    for (const QString& name : names) {
+        QVERIFY2(!name.startsWith(QLatin1Char('/')) && !name.contains(QStringLiteral("..")), qPrintable(name));
+    }
+}
+
+void FeedbackManagerTest::linkLoopsAreNotFollowed()
+{
+    // Links that lead back up, or from one walked folder into the other,
+    // would make the walk pack the configuration folder, earlier zips and
+    // the zip being written over and over.
+    QVERIFY(writeFile(m_sandbox->filePath(QStringLiteral("controllers/strip.json")), "{}"));
+    QVERIFY(writeFile(m_sandbox->filePath(QStringLiteral("effects/wave.json")), "{}"));
+    QVERIFY(QFile::link(QStringLiteral(".."), m_sandbox->filePath(QStringLiteral("controllers/loop"))));
+    QVERIFY(QFile::link(QStringLiteral("."), m_sandbox->filePath(QStringLiteral("effects/self"))));
+    QVERIFY(QFile::link(QStringLiteral("../effects"), m_sandbox->filePath(QStringLiteral("controllers/across"))));
+    QVERIFY(QFile::link(QStringLiteral("../controllers"), m_sandbox->filePath(QStringLiteral("effects/back"))));
+    FeedbackManager feedback;
+    QVERIFY(QFile::link(feedback.feedbackFileName(), m_sandbox->filePath(QStringLiteral("effects/zip"))));
+    const QString zip = feedback.zipFeedbackFile();
+    QVERIFY(QFileInfo(zip).size() < 1024 * 1024);
+    const QStringList names = zipEntryNames(readZip(zip));
+    QCOMPARE(names.filter(QRegularExpression(QStringLiteral("^(controllers|effects)/."))),
+        (QStringList {QStringLiteral("controllers/strip.json"), QStringLiteral("effects/wave.json")}));
+}
+
+void FeedbackManagerTest::linkOutOfItsFolderIsLeftOut()
+{
+    QTemporaryDir outside;
+    QVERIFY(writeFile(outside.filePath(QStringLiteral("private.log")), "private"));
+    QVERIFY(writeFile(outside.filePath(QStringLiteral("private.json")), "{\"private\":1}"));
+    QVERIFY(writeFile(m_sandbox->filePath(QStringLiteral("logs/app.log")), "app"));
+    QVERIFY(writeFile(m_sandbox->filePath(QStringLiteral("controllers/strip.json")), "{}"));
+    QVERIFY(QFile::link(
+        outside.filePath(QStringLiteral("private.log")), m_sandbox->filePath(QStringLiteral("logs/leak.log"))));
+    QVERIFY(QFile::link(outside.path(), m_sandbox->filePath(QStringLiteral("controllers/elsewhere"))));
+    QVERIFY(QFile::link(
+        outside.filePath(QStringLiteral("private.json")), m_sandbox->filePath(QStringLiteral("effects/leak.json"))));
+    // Within its own folder a link stays a file like any other.
+    QVERIFY(QFile::link(QStringLiteral("app.log"), m_sandbox->filePath(QStringLiteral("logs/alias.log"))));
+    FeedbackManager feedback;
+    const QJsonObject listing = readZip(feedback.zipFeedbackFile());
+    const QStringList names = zipEntryNames(listing);
+    QVERIFY2(!names.contains(QStringLiteral("logs/leak.log")), qPrintable(names.join(QLatin1Char(','))));
+    QVERIFY(names.filter(QStringLiteral("elsewhere")).isEmpty());
+    QVERIFY(!names.contains(QStringLiteral("effects/leak.json")));
+    QVERIFY(names.contains(QStringLiteral("logs/app.log")));
+    QCOMPARE(zipEntryContent(listing, QStringLiteral("logs/alias.log")), QByteArray("app"));
+    QVERIFY(names.contains(QStringLiteral("controllers/strip.json")));
 }
 
 void FeedbackManagerTest::contactRenameCarriesMessageFile()

@@ -11,6 +11,12 @@
 #include <QtCore/QTimer>
 #include <QtNetwork/QTcpServer>
 
+#include <openssl/evp.h>
+#include <openssl/provider.h>
+
+#include <csignal>
+#include <sys/resource.h>
+
 using namespace FeedbackTest;
 
 namespace {
@@ -49,6 +55,80 @@ QJsonObject versionReply(const QString& version, const QString& url, const QStri
     return {{QStringLiteral("var"), version}, {QStringLiteral("download_url"), url}, {QStringLiteral("md5"), digest}};
 }
 
+/// Every file of a folder, hidden ones and links included.
+QStringList filesIn(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name);
+}
+
+/**
+ * The size of the largest file that process @p pid holds open in @p folder,
+ * whether or not the file has a name there; -1 when it holds none.
+ */
+qint64 largestOpenFileIn(qint64 pid, const QString& folder)
+{
+    const QString fds = QStringLiteral("/proc/%1/fd").arg(pid);
+    qint64 largest = -1;
+    const QString prefix = QFileInfo(folder).canonicalFilePath() + QLatin1Char('/');
+    for (const QString& fd : QDir(fds).entryList(QDir::System | QDir::Files | QDir::NoDotAndDotDot)) {
+        const QString target = QFile::symLinkTarget(fds + QLatin1Char('/') + fd);
+        if (target.startsWith(prefix)) {
+            largest = std::max(largest, QFileInfo(fds + QLatin1Char('/') + fd).size());
+        }
+    }
+    return largest;
+}
+
+/**
+ * Leaves OpenSSL with only its "null" provider for the life of the object,
+ * as a system whose configuration loads no digest would: every digest of the
+ * process then fails.
+ */
+class NullDigestProvider
+{
+public:
+    NullDigestProvider()
+        : m_provider(OSSL_PROVIDER_load(nullptr, "null"))
+    {
+        EVP_set_default_properties(nullptr, "provider=null");
+    }
+    ~NullDigestProvider()
+    {
+        EVP_set_default_properties(nullptr, "");
+        OSSL_PROVIDER_unload(m_provider);
+    }
+    NullDigestProvider(const NullDigestProvider&) = delete;
+    NullDigestProvider& operator=(const NullDigestProvider&) = delete;
+
+private:
+    OSSL_PROVIDER* m_provider;
+};
+
+/// Caps the size of any file this process writes, as a full disk would.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        getrlimit(RLIMIT_FSIZE, &m_old);
+        m_oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit = m_old;
+        limit.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &m_old);
+        std::signal(SIGXFSZ, m_oldHandler);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit m_old {};
+    void (*m_oldHandler)(int) = nullptr;
+};
+
 } // namespace
 
 class NetRCManagerTest : public QObject
@@ -78,12 +158,25 @@ private slots:
     void wrongDigestRemovesInstaller();
     void realMd5NeverMatches();
     void connectionCutHalfWayLeavesNoInstaller();
-    void emptyUrlTakesErrorPath();
+    void emptyUrlIsRefused();
     void downloadBeforeAnyVersionReplyRemovesOldInstaller();
     void redirectIsNotFollowed();
     void installerThatCannotBeCreated();
     void installerThatCannotBeWrittenIsNotAnnounced();
     void destructionDuringDownloadLeavesNoInstaller();
+    void failedDigestLibraryVerifiesNothing();
+    void expectedDigestMustBe64HexDigits_data();
+    void expectedDigestMustBe64HexDigits();
+    void installerThroughLinkLeavesTargetUntouched();
+    void partialInstallerNeverHasTheFinalName();
+    void killedDownloadLeavesNoInstaller();
+    void overlappingDownloadsKeepTheirOwnFiles();
+    void onlyWebSchemesAreFetched_data();
+    void onlyWebSchemesAreFetched();
+    void stalledDownloadTimesOut();
+    void stalledVersionReplyTimesOut();
+    void endlessVersionReplyIsCut();
+    void versionReplyJustUnderTheCapIsRead();
 
     // feedback upload
     void uploadFormFieldByField();
@@ -94,6 +187,11 @@ private slots:
     void nonLatin1NameGoesOutAsLatin1();
     void serverDownDuringUpload();
     void silentServerUntilClosedDuringUpload();
+    void uploadAnswerOutside2xxIsAnError_data();
+    void uploadAnswerOutside2xxIsAnError();
+    void stalledUploadTimesOut();
+    void endlessUploadAnswerIsCut();
+    void hostileContactTextStaysInTheFormOnly();
 
     // usage report
     void nonBlockingReportReturnsAtOnce();
@@ -102,6 +200,8 @@ private slots:
     void timesAreSentAsGiven();
     void blockingReportOnSilentServerEndsWhenClosed();
     void destructionDuringBlockingReportEndsWait();
+    void blockingReportOnStalledServerTimesOut();
+    void endlessReportAnswerIsDropped();
 
 private:
     void announceVersion(NetRCManager& net, const QJsonObject& reply);
@@ -110,6 +210,11 @@ private:
         return m_sandbox->filePath(QStringLiteral("resources/install.exe"));
     }
     std::unique_ptr<FeedbackManager> makePackage(const QString& contact, const QString& message);
+    void settle(NetRCManager& net);
+    QString resourcesPath() const
+    {
+        return m_sandbox->filePath(QStringLiteral("resources"));
+    }
 
     QString m_serverUrl;
     std::unique_ptr<ServerControl> m_server;
@@ -144,6 +249,7 @@ void NetRCManagerTest::init()
 
 void NetRCManagerTest::cleanup()
 {
+    NetRCManager::setTransferTimeout(30000);
     m_server->release();
     m_machineScope.reset();
     m_machine.reset();
@@ -156,6 +262,17 @@ void NetRCManagerTest::announceVersion(NetRCManager& net, const QJsonObject& rep
     QSignalSpy announced(&net, &NetRCManager::hasNewAppVersion);
     net.checkVersion();
     QVERIFY(announced.wait(kWait));
+}
+
+// Runs one whole request and answer through @p net's own event handling.
+// Whatever an earlier request of @p net had pending on this thread has been
+// handled when it returns, so a check after it that nothing happened does not
+// depend on how long the test slept.
+void NetRCManagerTest::settle(NetRCManager& net)
+{
+    const int before = m_server->requestsTo(QStringLiteral("/activate.php")).size();
+    net.uploadAppOnOffTime(QStringLiteral("settle"), QStringLiteral("settle"));
+    QCOMPARE(m_server->requestsTo(QStringLiteral("/activate.php")).size(), before + 1);
 }
 
 std::unique_ptr<FeedbackManager> NetRCManagerTest::makePackage(const QString& contact, const QString& message)
@@ -310,7 +427,7 @@ void NetRCManagerTest::silentServerUntilClosedDuringCheck()
     MessageCapture capture;
     net.checkVersion();
     QTRY_COMPARE_WITH_TIMEOUT(m_server->requestsTo(QStringLiteral("/update_check.php")).size(), 1, kWait);
-    QTest::qWait(200);
+    settle(net);
     QCOMPARE(capture.texts(QtWarningMsg), QStringList()); // still waiting
     m_server->release();
     QTRY_VERIFY_WITH_TIMEOUT(capture.texts(QtWarningMsg).size() == 2, kWait);
@@ -425,19 +542,20 @@ void NetRCManagerTest::connectionCutHalfWayLeavesNoInstaller()
     QCOMPARE(downloaded.count(), 0);
 }
 
-void NetRCManagerTest::emptyUrlTakesErrorPath()
+void NetRCManagerTest::emptyUrlIsRefused()
 {
     NetRCManager net;
     announceVersion(net, versionReply(kVersion, QString(), QStringLiteral("00")));
+    m_server->reset();
     MessageCapture capture;
     QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
     net.downloadLatestApp();
-    QVERIFY(QFile::exists(installerPath())); // created empty, then removed by the error path
-    QTRY_VERIFY_WITH_TIMEOUT(
-        !capture.texts(QtWarningMsg).filter(QRegularExpression(QStringLiteral("^Error: "))).isEmpty(), kWait);
-    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(installerPath()), kWait);
-    QTest::qWait(100);
+    QCOMPARE(capture.texts(QtWarningMsg),
+        QStringList {QStringLiteral("[NetRCManager]: The installation file's URL is refused: \"\"")});
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
+    settle(net);
     QCOMPARE(downloaded.count(), 0);
+    QCOMPARE(m_server->requests().size(), 1); // only the settling report
 }
 
 void NetRCManagerTest::downloadBeforeAnyVersionReplyRemovesOldInstaller()
@@ -447,10 +565,10 @@ void NetRCManagerTest::downloadBeforeAnyVersionReplyRemovesOldInstaller()
     MessageCapture capture;
     QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
     net.downloadLatestApp();
-    QCOMPARE(QFileInfo(installerPath()).size(), 0); // truncated first
-    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(installerPath()), kWait);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        !capture.texts(QtWarningMsg).filter(QRegularExpression(QStringLiteral("^Error: "))).isEmpty(), kWait);
+    // A download that cannot even start is a failed one: no installer stays.
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
+    QCOMPARE(capture.texts(QtWarningMsg),
+        QStringList {QStringLiteral("[NetRCManager]: The installation file's URL is refused: \"\"")});
     QCOMPARE(downloaded.count(), 0);
 }
 
@@ -481,30 +599,36 @@ void NetRCManagerTest::installerThatCannotBeCreated()
     MessageCapture capture;
     net.downloadLatestApp();
     QFile probe(installerPath());
-    QVERIFY(!probe.open(QIODevice::WriteOnly));
+    QVERIFY(!probe.remove());
     QCOMPARE(capture.texts(QtWarningMsg),
         QStringList {QStringLiteral("An error occurred when trying to create the installation file \"%1\"")
                          .arg(probe.errorString())});
-    QTest::qWait(100);
-    QCOMPARE(m_server->requests().size(), 0);
+    QVERIFY(QFileInfo(installerPath()).isDir());
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
+    settle(net);
+    QCOMPARE(m_server->requestsTo(QStringLiteral("/blob")).size(), 0);
 }
 
 void NetRCManagerTest::installerThatCannotBeWrittenIsNotAnnounced()
 {
-    // The installer's name leads to a device that is always full: the bytes
-    // arrive and match the digest, but never reach the disk.
-    QVERIFY(QFile::link(QStringLiteral("/dev/full"), installerPath()));
+    // The disk takes the first megabyte only: the bytes arrive and match the
+    // digest, but never all reach the disk.
     const qint64 size = 2 * 1024 * 1024;
     NetRCManager net;
     announceVersion(net, versionReply(kVersion, m_server->blobUrl(size, 8), m_server->blobDigest(size, 8)));
     MessageCapture capture;
     QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
-    net.downloadLatestApp();
-    QTRY_VERIFY_WITH_TIMEOUT(
-        capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")), kWait);
+    {
+        const FileSizeLimit fullDisk(1024 * 1024);
+        net.downloadLatestApp();
+        QTRY_VERIFY_WITH_TIMEOUT(!capture.texts(QtCriticalMsg).isEmpty(), kWait);
+    }
+    QCOMPARE(capture.texts(QtCriticalMsg),
+        QStringList {QStringLiteral("[NetRCManager]: Failed to write the installation file \"File too large\"")});
+    // The disk's failure is not reported as a wrong digest.
+    QVERIFY(!capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")));
     QCOMPARE(downloaded.count(), 0);
-    QVERIFY(!QFileInfo(installerPath()).isSymLink());
-    QVERIFY(!QFile::exists(installerPath()));
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
 }
 
 void NetRCManagerTest::destructionDuringDownloadLeavesNoInstaller()
@@ -514,9 +638,237 @@ void NetRCManagerTest::destructionDuringDownloadLeavesNoInstaller()
     announceVersion(*net, versionReply(kVersion, m_server->blobUrl(1000, 1), m_server->blobDigest(1000, 1)));
     net->downloadLatestApp();
     QTRY_COMPARE_WITH_TIMEOUT(m_server->requestsTo(QStringLiteral("/blob")).size(), 1, kWait);
-    QVERIFY(QFile::exists(installerPath()));
-    net.reset();
+    // The download runs into a file of its own, never under the final name.
+    QVERIFY(largestOpenFileIn(QCoreApplication::applicationPid(), resourcesPath()) >= 0);
     QVERIFY(!QFile::exists(installerPath()));
+    net.reset();
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
+}
+
+void NetRCManagerTest::failedDigestLibraryVerifiesNothing()
+{
+    // With no digest available the computed text is empty, and so is a
+    // reply's missing "md5": equal, but nothing has been verified.
+    const qint64 size = 4096;
+    NetRCManager net;
+    announceVersion(net, versionReply(kVersion, m_server->blobUrl(size, 9), QString()));
+    MessageCapture capture;
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    {
+        const NullDigestProvider noDigest;
+        net.downloadLatestApp();
+        QTRY_VERIFY_WITH_TIMEOUT(
+            capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")), kWait);
+    }
+    QCOMPARE(capture.texts(QtDebugMsg), (QStringList {QStringLiteral("\"\""), QStringLiteral("\"\"")}));
+    QVERIFY(!capture.contains(QtInfoMsg, QStringLiteral("The new installation file has been downloaded")));
+    QCOMPARE(downloaded.count(), 0);
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
+}
+
+void NetRCManagerTest::expectedDigestMustBe64HexDigits_data()
+{
+    QTest::addColumn<QString>("expected");
+    QTest::addColumn<bool>("verified");
+    const QString digest = m_server->blobDigest(5000, 10);
+    QTest::newRow("64 digits") << digest << true;
+    QTest::newRow("empty") << QString() << false;
+    QTest::newRow("short") << digest.left(63) << false;
+    QTest::newRow("long") << digest + QLatin1Char('0') << false;
+    QTest::newRow("blank around") << QLatin1Char(' ') + digest << false;
+    QTest::newRow("not hexadecimal") << QString(64, QLatin1Char('g')) << false;
+}
+
+void NetRCManagerTest::expectedDigestMustBe64HexDigits()
+{
+    QFETCH(QString, expected);
+    QFETCH(bool, verified);
+    NetRCManager net;
+    announceVersion(net, versionReply(kVersion, m_server->blobUrl(5000, 10), expected));
+    MessageCapture capture;
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    net.downloadLatestApp();
+    QTRY_VERIFY_WITH_TIMEOUT(capture.texts(QtDebugMsg).size() == 2, kWait);
+    QCOMPARE(downloaded.count(), verified ? 1 : 0);
+    QCOMPARE(QFile::exists(installerPath()), verified);
+    QCOMPARE(
+        capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")), !verified);
+}
+
+void NetRCManagerTest::installerThroughLinkLeavesTargetUntouched()
+{
+    const QString target = m_sandbox->filePath(QStringLiteral("precious.txt"));
+    QVERIFY(writeFile(target, "precious"));
+    QVERIFY(QFile::link(target, installerPath()));
+    const qint64 size = 300000;
+    NetRCManager net;
+    announceVersion(net, versionReply(kVersion, m_server->blobUrl(size, 11), m_server->blobDigest(size, 11)));
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    net.downloadLatestApp();
+    QVERIFY(downloaded.wait(kWait));
+    QCOMPARE(readFile(target), QByteArray("precious"));
+    QVERIFY(!QFileInfo(installerPath()).isSymLink());
+    QCOMPARE(QString::fromLatin1(fileDigest(installerPath())), m_server->blobDigest(size, 11));
+}
+
+void NetRCManagerTest::partialInstallerNeverHasTheFinalName()
+{
+    // The server sends part of the installer and then nothing: the bytes so
+    // far are on disk, but not under the name that the application runs.
+    const qint64 size = 3 * 1024 * 1024;
+    NetRCManager net;
+    announceVersion(net,
+        versionReply(
+            kVersion, m_server->blobUrl(size, 12) + QStringLiteral("&stall=1000000"), m_server->blobDigest(size, 12)));
+    net.downloadLatestApp();
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestsTo(QStringLiteral("/blob")).size(), 1, kWait);
+    QTRY_VERIFY_WITH_TIMEOUT(largestOpenFileIn(QCoreApplication::applicationPid(), resourcesPath()) >= 1000000, kWait);
+    QVERIFY(!QFile::exists(installerPath()));
+}
+
+void NetRCManagerTest::killedDownloadLeavesNoInstaller()
+{
+    const qint64 size = 3 * 1024 * 1024;
+    m_server->scriptReply(QStringLiteral("/update_check.php"),
+        QJsonDocument(
+            versionReply(QStringLiteral("9.0"), m_server->blobUrl(size, 13) + QStringLiteral("&stall=1000000"),
+                m_server->blobDigest(size, 13)))
+            .toJson(QJsonDocument::Compact));
+    QProcess child;
+    child.start(QStringLiteral(ORVANTA_DOWNLOAD_CHILD), {m_sandbox->path(), m_serverUrl});
+    QVERIFY(child.waitForStarted(kWait));
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestsTo(QStringLiteral("/blob")).size(), 1, kWait);
+    // The child has written what the server sent before it stalled.
+    QTRY_VERIFY_WITH_TIMEOUT(largestOpenFileIn(child.processId(), resourcesPath()) >= 1000000, kWait);
+    child.kill();
+    QVERIFY(child.waitForFinished(kWait));
+    QCOMPARE(child.exitStatus(), QProcess::CrashExit);
+    QVERIFY(!QFile::exists(installerPath()));
+}
+
+void NetRCManagerTest::overlappingDownloadsKeepTheirOwnFiles()
+{
+    // Two downloads at once, of two different installers: each verifies its
+    // own bytes, and the final name holds one of them whole.
+    const qint64 size = 2 * 1024 * 1024;
+    NetRCManager net;
+    announceVersion(net, versionReply(kVersion, m_server->blobUrl(size, 14), m_server->blobDigest(size, 14)));
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    MessageCapture capture;
+    net.downloadLatestApp();
+    announceVersion(net, versionReply(kVersion, m_server->blobUrl(size, 15), m_server->blobDigest(size, 15)));
+    net.downloadLatestApp();
+    QTRY_COMPARE_WITH_TIMEOUT(downloaded.count(), 2, kWait);
+    QVERIFY(!capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")));
+    const QString onDisk = QString::fromLatin1(fileDigest(installerPath()));
+    QVERIFY(onDisk == m_server->blobDigest(size, 14) || onDisk == m_server->blobDigest(size, 15));
+    QCOMPARE(filesIn(resourcesPath()), QStringList {QStringLiteral("install.exe")});
+}
+
+void NetRCManagerTest::onlyWebSchemesAreFetched_data()
+{
+    QTest::addColumn<QString>("url");
+    QTest::addColumn<QByteArray>("content");
+    const QByteArray content("a local file posing as the installer");
+    QTest::newRow("file") << QStringLiteral("file://%1/local.bin") << content;
+    QTest::newRow("data")
+        << QStringLiteral("data:application/octet-stream;base64,%1").arg(QString::fromLatin1(content.toBase64()))
+        << content;
+    QTest::newRow("ftp") << QStringLiteral("ftp://127.0.0.1/install.exe") << content;
+    QTest::newRow("qrc") << QStringLiteral("qrc:/install.exe") << content;
+}
+
+void NetRCManagerTest::onlyWebSchemesAreFetched()
+{
+    QFETCH(QString, url);
+    QFETCH(QByteArray, content);
+    QVERIFY(writeFile(m_sandbox->filePath(QStringLiteral("local.bin")), content));
+    if (url.contains(QStringLiteral("%1"))) {
+        url = url.arg(m_sandbox->path());
+    }
+    const QString digest = QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex());
+    NetRCManager net;
+    announceVersion(net, versionReply(kVersion, url, digest));
+    MessageCapture capture;
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    net.downloadLatestApp();
+    QCOMPARE(capture.texts(QtWarningMsg),
+        QStringList {QStringLiteral("[NetRCManager]: The installation file's URL is refused: \"%1\"")
+                         .arg(QUrl(url, QUrl::TolerantMode).toString())});
+    settle(net);
+    QCOMPARE(downloaded.count(), 0);
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
+}
+
+void NetRCManagerTest::stalledDownloadTimesOut()
+{
+    NetRCManager::setTransferTimeout(500);
+    const qint64 size = 3 * 1024 * 1024;
+    NetRCManager net;
+    announceVersion(net,
+        versionReply(
+            kVersion, m_server->blobUrl(size, 16) + QStringLiteral("&stall=500000"), m_server->blobDigest(size, 16)));
+    MessageCapture capture;
+    QSignalSpy downloaded(&net, &NetRCManager::newInstallationFileDownloaded);
+    net.downloadLatestApp();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        capture.contains(QtWarningMsg, QStringLiteral("The md5 of the new installation file is wrong")), kWait);
+    QCOMPARE(capture.texts(QtWarningMsg).filter(QRegularExpression(QStringLiteral("^Error: "))),
+        QStringList {QStringLiteral("Error: \"Operation canceled\"")});
+    QCOMPARE(downloaded.count(), 0);
+    QCOMPARE(filesIn(resourcesPath()), QStringList());
+}
+
+void NetRCManagerTest::stalledVersionReplyTimesOut()
+{
+    NetRCManager::setTransferTimeout(500);
+    m_server->scriptStall(QStringLiteral("/update_check.php"), 10);
+    NetRCManager net;
+    QSignalSpy announced(&net, &NetRCManager::hasNewAppVersion);
+    MessageCapture capture;
+    net.checkVersion();
+    QTRY_VERIFY_WITH_TIMEOUT(capture.contains(QtWarningMsg,
+                                 QStringLiteral("An error occurred while trying to request version information "
+                                                "\"Operation canceled\"")),
+        kWait);
+    QCOMPARE(announced.count(), 0);
+}
+
+void NetRCManagerTest::endlessVersionReplyIsCut()
+{
+    m_server->scriptMode(QStringLiteral("/update_check.php"), QStringLiteral("endless"));
+    NetRCManager net;
+    QSignalSpy announced(&net, &NetRCManager::hasNewAppVersion);
+    MessageCapture capture;
+    net.checkVersion();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        capture.contains(QtWarningMsg,
+            QStringLiteral("An error occurred while trying to request version information \"Operation canceled\"")),
+        kWait);
+    QCOMPARE(capture.texts(QtWarningMsg).first(),
+        QStringLiteral("[NetRCManager]: The reply is longer than 1048576 bytes: \"%1/update_check.php?app=%2\"")
+            .arg(m_serverUrl, QFileInfo(QCoreApplication::applicationFilePath()).fileName()));
+    settle(net);
+    QVERIFY(!capture.contains(
+        QtWarningMsg, QStringLiteral("An error occurred while trying to parse the Network JSON file")));
+    QCOMPARE(announced.count(), 0);
+}
+
+void NetRCManagerTest::versionReplyJustUnderTheCapIsRead()
+{
+    // Padding inside the JSON brings the reply to exactly 1 MiB: still a reply.
+    QByteArray reply
+        = QJsonDocument(versionReply(QStringLiteral("9.9"), QString(), QString())).toJson(QJsonDocument::Compact);
+    reply.chop(1);
+    reply += ",\"pad\":\"";
+    reply += QByteArray(1024 * 1024 - reply.size() - 2, 'p');
+    reply += "\"}";
+    QCOMPARE(reply.size(), 1024 * 1024);
+    m_server->scriptReply(QStringLiteral("/update_check.php"), reply);
+    NetRCManager net;
+    QSignalSpy announced(&net, &NetRCManager::hasNewAppVersion);
+    net.checkVersion();
+    QVERIFY(announced.wait(kWait));
 }
 
 // ---- feedback upload ----------------------------------------------------
@@ -635,9 +987,9 @@ void NetRCManagerTest::emptyFeedbackPointerReportsMissingFile()
     // configuration; the upload adds exactly one line.
     QCOMPARE(capture.texts(QtCriticalMsg).filter(QStringLiteral("feedback")),
         QStringList {QStringLiteral("The feedback file is not exist \"%1\"").arg(fresh.at(0)->feedbackFileName())});
-    QTest::qWait(200);
+    settle(net);
     QVERIFY(!called);
-    QCOMPARE(m_server->requests().size(), 0);
+    QCOMPARE(m_server->requestsTo(QStringLiteral("/app/logupload.php")).size(), 0);
 }
 
 void NetRCManagerTest::emptyFunctionsAreSkipped()
@@ -671,9 +1023,9 @@ void NetRCManagerTest::zipThatCannotBeOpened()
     QCOMPARE(capture.texts(QtCriticalMsg),
         QStringList {
             QStringLiteral("An error occurred while opeing the feedback file \"%1\"").arg(probe.errorString())});
-    QTest::qWait(200);
+    settle(net);
     QVERIFY(!called);
-    QCOMPARE(m_server->requests().size(), 0);
+    QCOMPARE(m_server->requestsTo(QStringLiteral("/app/logupload.php")).size(), 0);
 }
 
 void NetRCManagerTest::nonLatin1NameGoesOutAsLatin1()
@@ -746,12 +1098,118 @@ void NetRCManagerTest::silentServerUntilClosedDuringUpload()
         feedback.get(), [&finished]() { finished = true; },
         [&errors](QNetworkReply::NetworkError code) { errors << code; });
     QTRY_COMPARE_WITH_TIMEOUT(m_server->requestsTo(QStringLiteral("/app/logupload.php")).size(), 1, kWait);
-    QTest::qWait(200);
-    QVERIFY(errors.isEmpty() && !finished);
+    settle(net);
+    QVERIFY(errors.isEmpty() && !finished); // still waiting
     m_server->release();
     QTRY_VERIFY_WITH_TIMEOUT(finished, kWait);
     QCOMPARE(errors.size(), 1);
     QVERIFY(errors.at(0) != QNetworkReply::NoError);
+}
+
+void NetRCManagerTest::uploadAnswerOutside2xxIsAnError_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<int>("error");
+    QTest::newRow("302") << 302 << int(QNetworkReply::UnknownContentError);
+    QTest::newRow("304") << 304 << int(QNetworkReply::UnknownContentError);
+    QTest::newRow("404") << 404 << int(QNetworkReply::ContentNotFoundError);
+    QTest::newRow("500") << 500 << int(QNetworkReply::InternalServerError);
+    QTest::newRow("204") << 204 << -1;
+}
+
+void NetRCManagerTest::uploadAnswerOutside2xxIsAnError()
+{
+    QFETCH(int, status);
+    QFETCH(int, error);
+    m_server->scriptReply(
+        QStringLiteral("/app/logupload.php"), "<html>moved</html>", status, QStringLiteral("text/html"));
+    const std::unique_ptr<FeedbackManager> feedback = makePackage(QStringLiteral("leo"), QStringLiteral("v"));
+    NetRCManager net;
+    MessageCapture capture;
+    QStringList order;
+    QList<int> errors;
+    net.sendFeedback(
+        feedback.get(), [&order]() { order << QStringLiteral("finished"); },
+        [&order, &errors](QNetworkReply::NetworkError code) {
+            order << QStringLiteral("error");
+            errors << int(code);
+        });
+    QTRY_VERIFY_WITH_TIMEOUT(order.contains(QStringLiteral("finished")), kWait);
+    if (error < 0) {
+        QCOMPARE(order, QStringList {QStringLiteral("finished")});
+        return;
+    }
+    QCOMPARE(order, (QStringList {QStringLiteral("error"), QStringLiteral("finished")}));
+    QCOMPARE(errors, QList<int> {error});
+    QCOMPARE(
+        capture.texts(QtWarningMsg).filter(QStringLiteral("An error occurred while uploading the feedback")).size(), 1);
+}
+
+void NetRCManagerTest::stalledUploadTimesOut()
+{
+    NetRCManager::setTransferTimeout(500);
+    m_server->scriptMode(QStringLiteral("/app/logupload.php"), QStringLiteral("hang"));
+    const std::unique_ptr<FeedbackManager> feedback = makePackage(QStringLiteral("mia"), QStringLiteral("u"));
+    NetRCManager net;
+    QList<QNetworkReply::NetworkError> errors;
+    bool finished = false;
+    net.sendFeedback(
+        feedback.get(), [&finished]() { finished = true; },
+        [&errors](QNetworkReply::NetworkError code) { errors << code; });
+    QTRY_VERIFY_WITH_TIMEOUT(finished, kWait);
+    QCOMPARE(errors, QList<QNetworkReply::NetworkError> {QNetworkReply::OperationCanceledError});
+}
+
+void NetRCManagerTest::endlessUploadAnswerIsCut()
+{
+    m_server->scriptMode(QStringLiteral("/app/logupload.php"), QStringLiteral("endless"));
+    const std::unique_ptr<FeedbackManager> feedback = makePackage(QStringLiteral("ned"), QStringLiteral("t"));
+    NetRCManager net;
+    MessageCapture capture;
+    QList<QNetworkReply::NetworkError> errors;
+    bool finished = false;
+    net.sendFeedback(
+        feedback.get(), [&finished]() { finished = true; },
+        [&errors](QNetworkReply::NetworkError code) { errors << code; });
+    QTRY_VERIFY_WITH_TIMEOUT(finished, kWait);
+    QCOMPARE(errors, QList<QNetworkReply::NetworkError> {QNetworkReply::OperationCanceledError});
+    QVERIFY(capture.contains(QtWarningMsg,
+        QStringLiteral("[NetRCManager]: The reply is longer than 1048576 bytes: \"%1/app/logupload.php\"")
+            .arg(m_serverUrl)));
+    // What reaches the log is bounded too.
+    const QStringList debug = capture.texts(QtDebugMsg).filter(QStringLiteral("[[["));
+    QCOMPARE(debug.size(), 1);
+    QCOMPARE(debug.at(0), QStringLiteral("\"%1\"").arg(QString(64 * 1024, QLatin1Char('['))));
+}
+
+void NetRCManagerTest::hostileContactTextStaysInTheFormOnly()
+{
+    const QString contact = QStringLiteral("../secret");
+    const QString outside = QFileInfo(m_sandbox->path()).absolutePath() + QStringLiteral("/secret.txt");
+    QFile::remove(outside);
+    const std::unique_ptr<FeedbackManager> feedback = makePackage(contact, QStringLiteral("hello"));
+    QVERIFY(!QFile::exists(outside));
+    NetRCManager net;
+    bool finished = false;
+    net.sendFeedback(
+        feedback.get(), [&finished]() { finished = true; }, nullptr);
+    QTRY_VERIFY_WITH_TIMEOUT(finished, kWait);
+    const QJsonArray parts = m_server->requestsTo(QStringLiteral("/app/logupload.php"))
+                                 .at(0)
+                                 .toObject()
+                                 .value(QStringLiteral("form"))
+                                 .toObject()
+                                 .value(QStringLiteral("parts"))
+                                 .toArray();
+    QCOMPARE(parts.size(), 3);
+    QCOMPARE(QByteArray::fromBase64(parts.at(0)
+                                        .toObject()
+                                        .value(QStringLiteral("body"))
+                                        .toObject()
+                                        .value(QStringLiteral("base64"))
+                                        .toString()
+                                        .toLatin1()),
+        (QStringLiteral("hello") + messageLabel() + contact).toUtf8());
 }
 
 // ---- usage report -------------------------------------------------------
@@ -761,7 +1219,8 @@ void NetRCManagerTest::nonBlockingReportReturnsAtOnce()
     NetRCManager net;
     MessageCapture capture;
     net.uploadAppOnOffTime(QStringLiteral("2026-11-20 10:00:00"), QString());
-    const QString replyLine = QStringLiteral("[NetRCManager]: uploadAppOnOffTime  server reply:  NoError");
+    const QString replyLine
+        = QStringLiteral("[NetRCManager]: uploadAppOnOffTime  server reply:  QNetworkReply::NoError");
     QVERIFY(!capture.contains(QtInfoMsg, replyLine)); // the reply comes later
     QCOMPARE(capture.texts(QtInfoMsg),
         QStringList {QStringLiteral("[NetRCManager]: Prepare to upload to AppOnOffTime to the server, startTime:  "
@@ -789,7 +1248,8 @@ void NetRCManagerTest::blockingReportWaitsForReply()
     NetRCManager net;
     MessageCapture capture;
     net.uploadAppOnOffTime(QStringLiteral("08:00"), QStringLiteral("17:30"));
-    QVERIFY(capture.contains(QtInfoMsg, QStringLiteral("[NetRCManager]: uploadAppOnOffTime  server reply:  NoError")));
+    QVERIFY(capture.contains(
+        QtInfoMsg, QStringLiteral("[NetRCManager]: uploadAppOnOffTime  server reply:  QNetworkReply::NoError")));
     const QJsonObject report
         = QJsonDocument::fromJson(QByteArray::fromBase64(m_server->requestsTo(QStringLiteral("/activate.php"))
                                                              .at(0)
@@ -816,7 +1276,7 @@ void NetRCManagerTest::blockingReportToUnreachableServer()
     net.uploadAppOnOffTime(QStringLiteral("a"), QStringLiteral("b"));
     QVERIFY(capture.contains(QtInfoMsg,
         QStringLiteral("[NetRCManager]: uploadAppOnOffTime  server reply:  "
-                       "ConnectionRefusedError")));
+                       "QNetworkReply::ConnectionRefusedError")));
 }
 
 void NetRCManagerTest::timesAreSentAsGiven()
@@ -859,7 +1319,9 @@ void NetRCManagerTest::blockingReportOnSilentServerEndsWhenClosed()
     QVERIFY(!releaser.isActive());
     const QStringList lines = capture.texts(QtInfoMsg).filter(QStringLiteral("server reply:"));
     QCOMPARE(lines.size(), 1);
-    QVERIFY(!lines.at(0).endsWith(QStringLiteral(" NoError")));
+    QVERIFY(
+        lines.at(0).startsWith(QStringLiteral("[NetRCManager]: uploadAppOnOffTime  server reply:  QNetworkReply::")));
+    QVERIFY(!lines.at(0).endsWith(QStringLiteral("::NoError")));
 }
 
 void NetRCManagerTest::destructionDuringBlockingReportEndsWait()
@@ -878,6 +1340,32 @@ void NetRCManagerTest::destructionDuringBlockingReportEndsWait()
     destroyer.start();
     net->uploadAppOnOffTime(QStringLiteral("s"), QStringLiteral("c"));
     QVERIFY(watch.isNull());
+}
+
+void NetRCManagerTest::blockingReportOnStalledServerTimesOut()
+{
+    NetRCManager::setTransferTimeout(500);
+    m_server->scriptMode(QStringLiteral("/activate.php"), QStringLiteral("hang"));
+    NetRCManager net;
+    MessageCapture capture;
+    net.uploadAppOnOffTime(QStringLiteral("s"), QStringLiteral("c"));
+    QCOMPARE(capture.texts(QtInfoMsg).filter(QStringLiteral("server reply:")),
+        QStringList {QStringLiteral(
+            "[NetRCManager]: uploadAppOnOffTime  server reply:  QNetworkReply::OperationCanceledError")});
+}
+
+void NetRCManagerTest::endlessReportAnswerIsDropped()
+{
+    m_server->scriptMode(QStringLiteral("/activate.php"), QStringLiteral("endless"));
+    NetRCManager net;
+    MessageCapture capture;
+    net.uploadAppOnOffTime(QStringLiteral("s"), QStringLiteral("c"));
+    QCOMPARE(capture.texts(QtInfoMsg).filter(QStringLiteral("server reply:")),
+        QStringList {QStringLiteral(
+            "[NetRCManager]: uploadAppOnOffTime  server reply:  QNetworkReply::OperationCanceledError")});
+    QVERIFY(capture.contains(QtWarningMsg,
+        QStringLiteral("[NetRCManager]: The reply is longer than 1048576 bytes: \"%1/activate.php\"")
+            .arg(m_serverUrl)));
 }
 
 QTEST_GUILESS_MAIN(NetRCManagerTest)

@@ -6,12 +6,18 @@ the port it got to --port-file and its PID to --pid-file, and serves:
 
   GET  /update_check.php     the scripted version reply (see /control/script)
   GET  /blob?size=N&seed=S   N deterministic pseudo-random bytes, streamed in chunks;
-                             &cut=M closes the connection after M of them
+                             &cut=M closes the connection after M of them,
+                             &stall=M stops sending after M of them until released
   GET  /redirect?to=PATH     302 to PATH, with a small HTML body
   POST /app/logupload.php    a multipart form, parsed here part by part
   POST /activate.php         any body
   any path scripted as "hang" accepts and never answers until
-                             POST /control/release closes it (or 120 s pass)
+                             POST /control/release closes it (or 120 s pass);
+                             "stall" sends the headers and "sent" body bytes of a
+                             longer body, then nothing until released; "endless"
+                             sends a body that never ends (until released)
+
+With --tls-cert and --tls-key it speaks https instead, with that chain and key.
 
 Every request to a non-control path is recorded: method, path, query,
 headers in order, and for bodies their length, SHA-256 and (when small) the
@@ -193,6 +199,28 @@ class Handler(BaseHTTPRequestHandler):
             self.close_connection = True
             self.connection.shutdown(socket.SHUT_RDWR)
             return
+        if mode == "stall":
+            sent = script.get("sent", 0)
+            self.send_response(script.get("status", 200))
+            self.send_header("Content-Type", script.get("contentType", "application/octet-stream"))
+            self.send_header("Content-Length", str(sent + 1000))
+            self.end_headers()
+            self.wfile.write(b"x" * sent)
+            self.wfile.flush()
+            self.hang()
+            return
+        if mode == "endless":
+            self.send_response(script.get("status", 200))
+            self.send_header("Content-Type", script.get("contentType", "application/json"))
+            self.end_headers()
+            self.close_connection = True
+            piece = b"[" * CHUNK
+            try:
+                while not release_event.is_set():
+                    self.wfile.write(piece)
+            except OSError:
+                pass
+            return
         body = script.get("body", "").encode("utf-8")
         self.send_bytes(script.get("status", 200), body, script.get("contentType", "application/json"))
 
@@ -214,7 +242,8 @@ class Handler(BaseHTTPRequestHandler):
             return
         if url.path == "/blob":
             self.send_blob(int(query["size"][0]), int(query.get("seed", ["0"])[0]),
-                           int(query["cut"][0]) if "cut" in query else None)
+                           int(query["cut"][0]) if "cut" in query else None,
+                           int(query["stall"][0]) if "stall" in query else None)
             return
         if url.path == "/redirect":
             body = b"<html><body>Moved</body></html>"
@@ -225,7 +254,7 @@ class Handler(BaseHTTPRequestHandler):
             return
         self.send_bytes(404, b"not found", "text/plain")
 
-    def send_blob(self, size, seed, cut):
+    def send_blob(self, size, seed, cut, stall=None):
         self.send_response(200)
         self.send_header("Content-Type", "application/octet-stream")
         self.send_header("Content-Length", str(size))
@@ -237,6 +266,11 @@ class Handler(BaseHTTPRequestHandler):
                 self.wfile.flush()
                 self.close_connection = True
                 self.connection.shutdown(socket.SHUT_RDWR)
+                return
+            if stall is not None and sent + len(piece) > stall:
+                self.wfile.write(piece[:stall - sent])
+                self.wfile.flush()
+                self.hang()
                 return
             self.wfile.write(piece)
             sent += len(piece)
@@ -306,8 +340,15 @@ def main():
     parser.add_argument("--port", type=int, default=0)
     parser.add_argument("--port-file")
     parser.add_argument("--pid-file")
+    parser.add_argument("--tls-cert")
+    parser.add_argument("--tls-key")
     arguments = parser.parse_args()
     server = Server(("127.0.0.1", arguments.port), Handler)
+    if arguments.tls_cert:
+        import ssl
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(arguments.tls_cert, arguments.tls_key)
+        server.socket = context.wrap_socket(server.socket, server_side=True)
     if arguments.pid_file:
         with open(arguments.pid_file + ".tmp", "w") as handle:
             handle.write(str(os.getpid()))
