@@ -86,6 +86,7 @@ private slots:
     void resetWithoutDirectoryReportsTwice();
     void resetKeepsLogsAndDumps();
     void resetIgnoresCustomConfigPath();
+    void messagesCarryTheirSourceContext();
 
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -608,6 +609,55 @@ void ConfigurationManagerTest::resetIgnoresCustomConfigPath()
     // Cached documents stay in memory until the process ends.
     manager->setGlobalValue(QStringLiteral("b"), 2);
     QVERIFY(capture.contains(QtWarningMsg, QStringLiteral("Directory does not exist: %1").arg(quoted(dataDir))));
+}
+
+namespace {
+
+struct LoggedWithContext
+{
+    QString text;
+    QString file;
+    int line = 0;
+    QString function;
+};
+
+QList<LoggedWithContext> s_logged;
+
+void contextHandler(QtMsgType, const QMessageLogContext& context, const QString& text)
+{
+    s_logged.append({text, QString::fromUtf8(context.file), context.line, QString::fromUtf8(context.function)});
+}
+
+} // namespace
+
+void ConfigurationManagerTest::messagesCarryTheirSourceContext()
+{
+    // The application's handler learns where each message comes from, in
+    // release builds as well.
+    const QString dir = m_dir->filePath(QStringLiteral("config"));
+    auto manager = managerAt(dir);
+    s_logged.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(contextHandler);
+    manager->AppConfigJsonObj();
+    qInstallMessageHandler(previous);
+
+    QCOMPARE(s_logged.size(), 1);
+    const LoggedWithContext logged = s_logged.first();
+    QVERIFY(logged.text.startsWith(QStringLiteral("Failed to open ")));
+    QVERIFY2(!logged.function.isEmpty(), "no function in the message context");
+    QCOMPARE(QFileInfo(logged.file).fileName(), QStringLiteral("ConfigurationManager.cpp"));
+    // The line named is the one that logs this text, in the library's source.
+    QFile source(QStringLiteral(ORVANTA_SOURCE_DIR "/src/ConfigurationManager.cpp"));
+    QVERIFY(source.open(QIODevice::ReadOnly | QIODevice::Text));
+    const QList<QByteArray> lines = source.readAll().split('\n');
+    QVERIFY2(logged.line > 0 && logged.line <= lines.size(), qPrintable(QString::number(logged.line)));
+    QVERIFY2(lines.at(logged.line - 1).contains("\"Failed to open\""), lines.at(logged.line - 1).constData());
+    // The function named is one whose name stands in that file.
+    QString name = logged.function.left(logged.function.indexOf(QLatin1Char('(')));
+    name = name.mid(name.lastIndexOf(QLatin1Char(':')) + 1).section(QLatin1Char(' '), -1);
+    QVERIFY2(!name.isEmpty(), qPrintable(logged.function));
+    source.seek(0);
+    QVERIFY2(source.readAll().contains(name.toUtf8() + '('), qPrintable(logged.function));
 }
 
 QTEST_GUILESS_MAIN(ConfigurationManagerTest)
