@@ -8,18 +8,19 @@
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonParseError>
+#include <QtCore/QMutexLocker>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTextStream>
 
 #include <algorithm>
-#include <mutex>
+#include <atomic>
 
 QString ConfigurationManager::gsConfigPath;
 
 namespace {
 
-ConfigurationManager* s_instance = nullptr;
+std::atomic<ConfigurationManager*> s_instance {nullptr};
 
 // Deletes the singleton at process exit. It is defined after gsConfigPath, so
 // it is destroyed before it.
@@ -27,10 +28,55 @@ struct SingletonReaper
 {
     ~SingletonReaper()
     {
-        delete s_instance;
-        s_instance = nullptr;
+        delete s_instance.exchange(nullptr);
     }
 } s_reaper;
+
+// What reading one document from disk gave, kept apart from the report so
+// that the report can be made once no lock is held any more.
+struct LoadResult
+{
+    enum Failure { None, Open, Parse };
+
+    QJsonObject document;
+    Failure failure = None;
+    QString error;
+};
+
+LoadResult readJsonFile(const QString& path)
+{
+    LoadResult result;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        result.failure = LoadResult::Open;
+        result.error = file.errorString();
+        return result;
+    }
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
+    file.close();
+    if (error.error != QJsonParseError::NoError) {
+        result.failure = LoadResult::Parse;
+        result.error = error.errorString();
+        return result;
+    }
+    result.document = document.object();
+    return result;
+}
+
+void reportLoadFailure(const QString& path, const LoadResult& result)
+{
+    switch (result.failure) {
+    case LoadResult::None:
+        break;
+    case LoadResult::Open:
+        qCritical() << "Failed to open" << path << " errStr:" << result.error;
+        break;
+    case LoadResult::Parse:
+        qCritical() << "Failed to parse" << path << result.error;
+        break;
+    }
+}
 
 // Deletes what lies below path, sparing every folder named "logs" or "dumps"
 // at any depth, then path itself. Stops at the first failure.
@@ -84,14 +130,19 @@ bool parseArrayIndex(const QString& component, int* index)
 
 ConfigurationManager* ConfigurationManager::instance()
 {
-    // Capture threads may ask for the store at the same moment as the
-    // application; only one of them may create it.
-    static std::mutex creation;
-    const std::lock_guard<std::mutex> lock(creation);
-    if (!s_instance) {
-        s_instance = new ConfigurationManager;
+    ConfigurationManager* current = s_instance.load(std::memory_order_acquire);
+    if (current) {
+        return current;
     }
-    return s_instance;
+    // Capture threads may ask for the store at the same moment as the
+    // application. Each builds a candidate without holding any lock (the
+    // construction only makes folders) and the first one published wins.
+    auto* candidate = new ConfigurationManager;
+    if (s_instance.compare_exchange_strong(current, candidate, std::memory_order_acq_rel)) {
+        return candidate;
+    }
+    delete candidate;
+    return current;
 }
 
 void ConfigurationManager::setConfigPath(const QString& path)
@@ -108,9 +159,8 @@ ConfigurationManager::ConfigurationManager()
 
 ConfigurationManager::~ConfigurationManager()
 {
-    if (s_instance == this) {
-        s_instance = nullptr;
-    }
+    ConfigurationManager* self = this;
+    s_instance.compare_exchange_strong(self, nullptr);
 }
 
 QString ConfigurationManager::configPath() const
@@ -156,8 +206,12 @@ void ConfigurationManager::EnableCleanStartup()
 
 void ConfigurationManager::save()
 {
-    const QStringList keys = documents.keys();
-    for (const QString& key : keys) {
+    QStringList keys;
+    {
+        const QMutexLocker lock(&documentsLock);
+        keys = documents.keys();
+    }
+    for (const QString& key : qAsConst(keys)) {
         saveJsonObject(key);
     }
 }
@@ -189,14 +243,12 @@ void ConfigurationManager::saveControllerJsonObj(const QString& name)
 
 QJsonObject& ConfigurationManager::effectJsonObj(QString name)
 {
-    name.replace(QLatin1Char('.'), QLatin1Char('_'));
-    return jsonObject(QStringLiteral("effects/") + name);
+    return jsonObject(effectKey(name));
 }
 
 void ConfigurationManager::saveEffectJsonObj(QString name)
 {
-    name.replace(QLatin1Char('.'), QLatin1Char('_'));
-    saveJsonObject(QStringLiteral("effects/") + name);
+    saveJsonObject(effectKey(name));
 }
 
 QJsonObject& ConfigurationManager::globalJsonObj()
@@ -216,64 +268,104 @@ QString ConfigurationManager::documentPath(const QString& key) const
     return configDir + QLatin1Char('/') + fileKey + QStringLiteral(".json");
 }
 
+void ConfigurationManager::ensureLoaded(const QString& key)
+{
+    {
+        const QMutexLocker lock(&documentsLock);
+        if (documents.contains(key)) {
+            return;
+        }
+    }
+    // The file is read with no lock held, so that other documents stay
+    // available meanwhile. Threads whose first reads overlap may each read
+    // it; the first to come back adds the document, the others drop theirs.
+    const QString path = documentPath(key);
+    const LoadResult loaded = readJsonFile(path);
+    bool added = false;
+    {
+        const QMutexLocker lock(&documentsLock);
+        if (!documents.contains(key)) {
+            // A failed load is cached as well: it is not retried, and a later
+            // save writes the empty document.
+            documents.insert(key, loaded.document);
+            added = true;
+        }
+    }
+    // Reported after the document is in place and the lock is free: a
+    // message handler that reads the configuration finds the document
+    // cached, neither waits for this thread nor loads it again.
+    if (added) {
+        reportLoadFailure(path, loaded);
+    }
+}
+
+QJsonObject ConfigurationManager::document(const QString& key)
+{
+    ensureLoaded(key);
+    const QMutexLocker lock(&documentsLock);
+    return documents.value(key);
+}
+
 QJsonObject& ConfigurationManager::jsonObject(const QString& key)
 {
-    // Capture threads read the global document as they start, several at
-    // once: the first read must load it once and add it once. The documents'
-    // nodes stay where they are, so the reference outlives the lock.
-    static std::mutex loading;
-    const std::lock_guard<std::mutex> lock(loading);
-    auto cached = documents.find(key);
-    if (cached != documents.end()) {
-        return cached.value();
-    }
-    // A failed load is cached as well: it is not retried, and a later save
-    // writes the empty document.
-    return documents.insert(key, loadJsonObjectFromFile(documentPath(key))).value();
+    ensureLoaded(key);
+    // Documents are never taken out of the hash and the hash is never
+    // copied, so its nodes stay where they are and the reference outlives
+    // the lock.
+    const QMutexLocker lock(&documentsLock);
+    return documents.find(key).value();
 }
 
 QJsonObject ConfigurationManager::loadJsonObjectFromFile(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        qCritical() << "Failed to open" << path << " errStr:" << file.errorString();
-        return QJsonObject();
-    }
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
-    file.close();
-    if (error.error != QJsonParseError::NoError) {
-        qCritical() << "Failed to parse" << path << error.errorString();
-        return QJsonObject();
-    }
-    return document.object();
+    const LoadResult loaded = readJsonFile(path);
+    reportLoadFailure(path, loaded);
+    return loaded.document;
 }
 
 void ConfigurationManager::saveJsonObject(const QString& key)
 {
-    const QByteArray data = QJsonDocument(documents[key]).toJson();
     const QString path = documentPath(key);
-
-    // The old file goes first and the new one is written in place: there is
-    // deliberately no temporary file and no rename.
-    QFile::remove(path);
-    QFile file(path);
-    if (!file.open(QIODevice::ReadWrite)) {
-        qCritical() << "Failed to opened :" << file.fileName() << "errStr: " << file.errorString();
-        return;
-    }
-    qint64 offset = 0;
-    const qint64 size = data.size();
-    while (offset < size) {
-        const qint64 written = file.write(data.constData() + offset, size - offset);
-        if (written <= 0) {
-            // A full disk or a size limit: give up rather than spin on the same bytes.
-            qCritical() << "Failed to write :" << file.fileName() << "errStr: " << file.errorString();
-            break;
+    QString openError;
+    QString writeError;
+    {
+        // Saves of one file must not interleave, and the last one to write
+        // must write the newest state: the snapshot is taken inside the
+        // file lock. Nothing is logged while it is held.
+        const QMutexLocker files(&filesLock);
+        QByteArray data;
+        {
+            const QMutexLocker lock(&documentsLock);
+            // operator[] adds an empty document for a key never used.
+            data = QJsonDocument(documents[key]).toJson();
         }
-        offset += written;
+
+        // The old file goes first and the new one is written in place: there
+        // is deliberately no temporary file and no rename.
+        QFile::remove(path);
+        QFile file(path);
+        if (!file.open(QIODevice::ReadWrite)) {
+            openError = file.errorString();
+        } else {
+            qint64 offset = 0;
+            const qint64 size = data.size();
+            while (offset < size) {
+                const qint64 written = file.write(data.constData() + offset, size - offset);
+                if (written <= 0) {
+                    // A full disk or a size limit: give up rather than spin on the same bytes.
+                    writeError = file.errorString();
+                    break;
+                }
+                offset += written;
+            }
+            file.close();
+        }
     }
-    file.close();
+    if (!openError.isNull()) {
+        qCritical() << "Failed to opened :" << path << "errStr: " << openError;
+    } else if (!writeError.isNull()) {
+        qCritical() << "Failed to write :" << path << "errStr: " << writeError;
+    }
 }
 
 QJsonValue ConfigurationManager::valWithXPath(const QJsonObject& object, QString path)
@@ -339,7 +431,9 @@ QJsonValue ConfigurationManager::setValWithXPath(QJsonObject& object, QStringLis
 
 QJsonValue ConfigurationManager::globalValue(const QString& path)
 {
-    return valWithXPath(globalJsonObj(), path);
+    // The walk runs on a copy: writers change the cached document only under
+    // the lock, and the copy keeps the state it was taken in.
+    return valWithXPath(document(QStringLiteral("global")), path);
 }
 
 QJsonValue ConfigurationManager::appConfig(const QString& path)
@@ -349,12 +443,18 @@ QJsonValue ConfigurationManager::appConfig(const QString& path)
 
 void ConfigurationManager::setGlobalValue(const QString& path, const QJsonValue& value)
 {
-    setValWithXPath(globalJsonObj(), path, value);
+    const QString key = QStringLiteral("global");
+    ensureLoaded(key);
+    const QMutexLocker lock(&documentsLock);
+    setValWithXPath(documents[key], path, value);
 }
 
 void ConfigurationManager::setGlobalValue(const QStringList& path, const QJsonValue& value)
 {
-    setValWithXPath(globalJsonObj(), path, value);
+    const QString key = QStringLiteral("global");
+    ensureLoaded(key);
+    const QMutexLocker lock(&documentsLock);
+    setValWithXPath(documents[key], path, value);
 }
 
 void ConfigurationManager::setAppConfig(const QString& path, const QJsonValue& value)
@@ -364,9 +464,18 @@ void ConfigurationManager::setAppConfig(const QString& path, const QJsonValue& v
     emit appConfigChanged(path);
 }
 
+QString ConfigurationManager::effectKey(QString name)
+{
+    name.replace(QLatin1Char('.'), QLatin1Char('_'));
+    return QStringLiteral("effects/") + name;
+}
+
 QJsonValue ConfigurationManager::effectJsonValue(QString effectName, QString section, QString key)
 {
-    QJsonObject& document = effectJsonObj(effectName);
+    const QString documentKey = effectKey(effectName);
+    ensureLoaded(documentKey);
+    const QMutexLocker lock(&documentsLock);
+    QJsonObject& document = documents[documentKey];
     // The non-const operator[] adds an absent section as null: reading
     // changes the cached document, and the defaults fallback relies on that.
     const QJsonValueRef sectionValue = document[section];
@@ -403,7 +512,10 @@ QVariant ConfigurationManager::effectVariant(QString effectName, QString section
 
 void ConfigurationManager::setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value)
 {
-    QJsonObject& document = effectJsonObj(effectName);
+    const QString documentKey = effectKey(effectName);
+    ensureLoaded(documentKey);
+    const QMutexLocker lock(&documentsLock);
+    QJsonObject& document = documents[documentKey];
     if (key.isEmpty()) {
         document.insert(section, value);
         return;
@@ -415,7 +527,10 @@ void ConfigurationManager::setEffectJsonValue(QString effectName, QString sectio
 
 void ConfigurationManager::setEffectVariant(QString effectName, QString section, QString key, QVariant value)
 {
-    QJsonObject& document = effectJsonObj(effectName);
+    const QString documentKey = effectKey(effectName);
+    ensureLoaded(documentKey);
+    const QMutexLocker lock(&documentsLock);
+    QJsonObject& document = documents[documentKey];
     QJsonObject sectionObject = document.value(section).toObject();
     sectionObject.insert(key, QJsonValue::fromVariant(value));
     document.insert(section, sectionObject);

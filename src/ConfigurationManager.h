@@ -5,6 +5,7 @@
 #include <QtCore/QHash>
 #include <QtCore/QJsonObject>
 #include <QtCore/QJsonValue>
+#include <QtCore/QMutex>
 #include <QtCore/QObject>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
@@ -20,7 +21,24 @@
  *
  * The store never throws and never reports an error through its results: a
  * document that cannot be read is empty, a write that fails is logged.
- * It has no lock; call it from one thread.
+ *
+ * Threads. instance() and every operation may be called from any thread:
+ * - The value operations (globalValue, appConfig, setGlobalValue,
+ *   setAppConfig, the effect values) and the saves are atomic towards each
+ *   other. A reader sees a document as it was before or after a write, never
+ *   halfway; the cache is never corrupted by concurrent first loads, writes
+ *   and saves; the saves of one file do not interleave, and the last one
+ *   writes the newest state.
+ * - The document accessors (AppConfigJsonObj, controllerJsonObj,
+ *   effectJsonObj) may be called from any thread, and the reference stays
+ *   valid for the life of the instance. Reading or editing through it is
+ *   not guarded, though: do so only while no other thread writes or saves
+ *   that document, in practice on the application's thread, with other
+ *   threads using the value operations.
+ * - No lock of the store is held while it logs, emits appConfigChanged or
+ *   reads a file, so a message handler or a slot may call the store again,
+ *   also during the first load of a document.
+ * - The singleton is deleted at process exit; no thread may use it then.
  */
 class LIBORVANTA_EXPORT ConfigurationManager : public QObject
 {
@@ -83,7 +101,19 @@ private:
     QJsonObject loadJsonObjectFromFile(const QString& path);
     void saveJsonObject(const QString& key);
     QString documentPath(const QString& key) const;
+    static QString effectKey(QString name);
+
+    /// Caches the document under @p key if it is not cached yet. Returns
+    /// with no lock held.
+    void ensureLoaded(const QString& key);
+    /// A copy of the cached document, loaded first if needed.
+    QJsonObject document(const QString& key);
 
     QHash<QString, QJsonObject> documents;
     QString configDir;
+    /// Guards documents: the hash and every document in it. Never held while
+    /// logging, signalling or reading a file.
+    QMutex documentsLock;
+    /// Serialises the writing of files; taken before documentsLock.
+    QMutex filesLock;
 };
