@@ -1,6 +1,7 @@
 #include "ConfigurationManager.h"
 #include "ConfigurationManager_p.h"
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -78,6 +79,18 @@ void reportLoadFailure(const QString& path, const LoadResult& result)
     }
 }
 
+// Whether an entry is one of the folders that a reset spares. The name is
+// tested first: a link named "logs" or "dumps" is spared like the folder it
+// stands for, and neither it nor its target is touched.
+bool isSparedFolder(const QFileInfo& entry)
+{
+    const QString name = entry.fileName();
+    if (name != QLatin1String("dumps") && name != QLatin1String("logs")) {
+        return false;
+    }
+    return entry.isSymLink() || entry.isDir();
+}
+
 // Deletes what lies below path, sparing every folder named "logs" or "dumps"
 // at any depth, then path itself. Stops at the first failure.
 bool removeDirectory(const QString& path)
@@ -90,11 +103,11 @@ bool removeDirectory(const QString& path)
     const QFileInfoList entries
         = dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::NoSort);
     for (const QFileInfo& entry : entries) {
-        // A link to a folder is removed as a link: its target lies outside.
+        if (isSparedFolder(entry)) {
+            continue;
+        }
+        // Any other link to a folder is removed as a link: its target lies outside.
         if (entry.isDir() && !entry.isSymLink()) {
-            if (entry.fileName() == QLatin1String("dumps") || entry.fileName() == QLatin1String("logs")) {
-                continue;
-            }
             if (!removeDirectory(entry.absoluteFilePath())) {
                 return false;
             }
@@ -191,11 +204,35 @@ void ConfigurationManager::makeDefaultDir()
 
 void ConfigurationManager::reset()
 {
-    QString path = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    path.replace(QStringLiteral("Roaming"), QStringLiteral("Local"), Qt::CaseSensitive);
-    if (!removeDirectory(path)) {
-        qWarning() << "Failed to completely reset configuration directory:" << path;
+    // Without an application name the standard locations are the shared
+    // folders of every program of the user, never this application's own.
+    if (QCoreApplication::applicationName().isEmpty()) {
+        qWarning() << "Refused to reset configuration: no application name is set, nothing was removed";
+        return;
     }
+    for (const QString& path : resetFolders()) {
+        if (!removeDirectory(path)) {
+            qWarning() << "Failed to completely reset configuration directory:" << path;
+        }
+    }
+}
+
+QStringList ConfigurationManager::resetFolders()
+{
+    // On Windows the local twin of the roaming data folder holds the
+    // configuration. Elsewhere configuration and data have folders of their
+    // own, and both belong to the application.
+    QString data = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
+    data.replace(QStringLiteral("Roaming"), QStringLiteral("Local"), Qt::CaseSensitive);
+#ifdef Q_OS_WIN
+    return {data};
+#else
+    const QString config = QStandardPaths::writableLocation(QStandardPaths::AppConfigLocation);
+    if (config == data) {
+        return {data};
+    }
+    return {config, data};
+#endif
 }
 
 void ConfigurationManager::EnableCleanStartup()

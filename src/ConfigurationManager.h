@@ -102,6 +102,7 @@ private:
     void saveJsonObject(const QString& key);
     QString documentPath(const QString& key) const;
     static QString effectKey(QString name);
+    static QStringList resetFolders();
 
     /// Caches the document under @p key if it is not cached yet. Returns
     /// with no lock held.

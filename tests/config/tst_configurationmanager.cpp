@@ -83,9 +83,6 @@ private slots:
     void savingAnUnusedKeyWritesAnEmptyDocument();
     void destructorSavesNothing();
     void enableCleanStartupWritesAtOnce();
-    void resetWithoutDirectoryReportsTwice();
-    void resetKeepsLogsAndDumps();
-    void resetIgnoresCustomConfigPath();
     void messagesCarryTheirSourceContext();
 
 private:
@@ -550,65 +547,6 @@ void ConfigurationManagerTest::enableCleanStartupWritesAtOnce()
     const QJsonObject onDisk = QJsonDocument::fromJson(readFile(dir + QStringLiteral("/global.json"))).object();
     QCOMPARE(onDisk.value(QStringLiteral("cleanStartup")), QJsonValue(true));
     QCOMPARE(onDisk.value(QStringLiteral("devUpdateInterval")).toInt(), 40);
-}
-
-void ConfigurationManagerTest::resetWithoutDirectoryReportsTwice()
-{
-    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    QDir(dataDir).removeRecursively();
-    QVERIFY(!QDir(dataDir).exists());
-
-    const QString dir = m_dir->filePath(QStringLiteral("config"));
-    auto manager = managerAt(dir);
-    MessageCapture capture;
-    manager->reset();
-    QCOMPARE(capture.texts(QtWarningMsg),
-        (QStringList {QStringLiteral("Directory does not exist: %1").arg(quoted(dataDir)),
-            QStringLiteral("Failed to completely reset configuration directory: %1").arg(quoted(dataDir))}));
-    QCOMPARE(capture.messages().size(), 2);
-}
-
-void ConfigurationManagerTest::resetKeepsLogsAndDumps()
-{
-    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    QDir(dataDir).removeRecursively();
-    writeFile(dataDir + QStringLiteral("/global.json"), "{}");
-    writeFile(dataDir + QStringLiteral("/.hidden"), "h");
-    writeFile(dataDir + QStringLiteral("/controllers/a.json"), "{}");
-    writeFile(dataDir + QStringLiteral("/effects/deep/er/b.json"), "{}");
-    writeFile(dataDir + QStringLiteral("/.cache/c"), "c");
-    writeFile(dataDir + QStringLiteral("/logs/app.log"), "log");
-    writeFile(dataDir + QStringLiteral("/logs/devices/d.log"), "dev");
-    writeFile(dataDir + QStringLiteral("/dumps/crash.dmp"), "dump");
-    QVERIFY(QDir().mkpath(dataDir + QStringLiteral("/resources")));
-
-    auto manager = managerAt(m_dir->filePath(QStringLiteral("config")));
-    MessageCapture capture;
-    manager->reset();
-
-    QCOMPARE(capture.texts(QtWarningMsg),
-        (QStringList {QStringLiteral("Failed to remove directory: %1").arg(quoted(dataDir)),
-            QStringLiteral("Failed to completely reset configuration directory: %1").arg(quoted(dataDir))}));
-    QStringList left = QDir(dataDir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
-    QCOMPARE(left, (QStringList {QStringLiteral("dumps"), QStringLiteral("logs")}));
-    QCOMPARE(readFile(dataDir + QStringLiteral("/logs/app.log")), QByteArray("log"));
-    QCOMPARE(readFile(dataDir + QStringLiteral("/logs/devices/d.log")), QByteArray("dev"));
-    QCOMPARE(readFile(dataDir + QStringLiteral("/dumps/crash.dmp")), QByteArray("dump"));
-}
-
-void ConfigurationManagerTest::resetIgnoresCustomConfigPath()
-{
-    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    QDir(dataDir).removeRecursively();
-    const QString dir = m_dir->filePath(QStringLiteral("config"));
-    auto manager = managerAt(dir);
-    writeFile(dir + QStringLiteral("/global.json"), R"({"a": 1})");
-    MessageCapture capture;
-    manager->reset();
-    QVERIFY(QFile::exists(dir + QStringLiteral("/global.json")));
-    // Cached documents stay in memory until the process ends.
-    manager->setGlobalValue(QStringLiteral("b"), 2);
-    QVERIFY(capture.contains(QtWarningMsg, QStringLiteral("Directory does not exist: %1").arg(quoted(dataDir))));
 }
 
 namespace {
