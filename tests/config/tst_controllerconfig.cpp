@@ -2,6 +2,7 @@
 
 #include "MessageCapture.h"
 
+#include <QtCore/QDirIterator>
 #include <QtCore/QFile>
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
@@ -28,10 +29,24 @@ struct Zone
     int stop;
 };
 
+// The tests run with XDG_DATA_HOME in a temporary home of their own, so the
+// folder of the layout files is known here without asking QStandardPaths.
+QString s_dataHome;
+
 QString layoutFolder()
 {
-    return QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation)
-        + QStringLiteral("/controler_config/");
+    return s_dataHome + QStringLiteral("/OrvantaTests/tst_controllerconfig/controler_config/");
+}
+
+QStringList filesBelow(const QString& root)
+{
+    QStringList found;
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        found << QDir(root).relativeFilePath(it.next());
+    }
+    found.sort();
+    return found;
 }
 
 QJsonObject readLayout(const QString& fileName)
@@ -102,16 +117,22 @@ private slots:
     void logsEachSideLed();
     void existingFileIsOverwrittenInPlace();
     void ignoresConfigDirectoryAndCache();
+    void layoutFileIsTheOnlyFileInTheLocalDataFolder();
     void unwritableFolderFailsSilently();
 
 private:
+    QTemporaryDir m_home;
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<ConfigurationManager> m_manager;
 };
 
 void ControllerConfigTest::initTestCase()
 {
-    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(m_home.isValid());
+    s_dataHome = m_home.filePath(QStringLiteral("share"));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(s_dataHome));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(QStringLiteral("config"))));
+    QCoreApplication::setOrganizationName(QStringLiteral("OrvantaTests"));
     QCoreApplication::setApplicationName(QStringLiteral("tst_controllerconfig"));
 }
 
@@ -253,7 +274,12 @@ void ControllerConfigTest::logsEachSideLed()
             QStringLiteral("<<R  8"), QStringLiteral("<<R  9"), QStringLiteral("<<R  10")}));
     // The bottom edge has no line of its own; the document follows.
     QCOMPARE(debug.size(), 12);
-    QVERIFY(debug.last().contains(QStringLiteral("key_music")));
+    // The document itself, as QDebug quotes its text.
+    QFile file(layoutFolder() + QStringLiteral("desk.json"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QString expected;
+    QDebug(&expected) << QJsonDocument::fromJson(file.readAll()).toJson();
+    QCOMPARE(debug.last(), expected.trimmed());
     QVERIFY(capture.texts(QtWarningMsg).isEmpty());
     QVERIFY(capture.texts(QtCriticalMsg).isEmpty());
 }
@@ -272,7 +298,15 @@ void ControllerConfigTest::ignoresConfigDirectoryAndCache()
     const QString configDir = m_manager->configPath();
     QVERIFY(!QFile::exists(configDir + QStringLiteral("/controllers/desk.json")));
     QVERIFY(!QDir(configDir + QStringLiteral("/controler_config")).exists());
-    QVERIFY(layoutFolder().startsWith(QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation)));
+    QVERIFY(QFile::exists(layoutFolder() + QStringLiteral("desk.json")));
+}
+
+void ControllerConfigTest::layoutFileIsTheOnlyFileInTheLocalDataFolder()
+{
+    MessageCapture capture;
+    m_manager->generateControllerConfig(QStringLiteral("desk"), 3, 4, 4);
+    QCOMPARE(filesBelow(s_dataHome),
+        QStringList {QStringLiteral("OrvantaTests/tst_controllerconfig/controler_config/desk.json")});
 }
 
 void ControllerConfigTest::unwritableFolderFailsSilently()
