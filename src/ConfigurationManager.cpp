@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <limits>
 
 QString ConfigurationManager::gsConfigPath;
 
@@ -32,6 +33,10 @@ struct SingletonReaper
         delete s_instance.exchange(nullptr);
     }
 } s_reaper;
+
+// The most LEDs a layout may describe: far above any real strip, and small
+// enough that the document and its text stay a few megabytes.
+constexpr qint64 maximumLedCount = 100000;
 
 // What reading one document from disk gave, kept apart from the report so
 // that the report can be made once no lock is held any more.
@@ -575,12 +580,18 @@ void ConfigurationManager::setEffectVariant(QString effectName, QString section,
 
 void ConfigurationManager::generateControllerConfig(QString name, int height, int width, int bottom)
 {
-    const int count = 2 * height + width + bottom;
+    // Summed in 64 bits: the total of three ints may not fit in one.
+    const qint64 total = 2 * qint64(height) + width + bottom;
+    if (total > maximumLedCount || total < std::numeric_limits<int>::min()) {
+        qWarning() << "Failed to generate controller config" << name << ": LED count" << total << "is out of range";
+        return;
+    }
+    const int count = int(total);
     qDebug() << name << " count:" << count << " height:" << height << " width:" << width;
 
     QJsonArray leds;
     QJsonArray zones;
-    auto addZone = [&zones](int direction, int start, int stop) {
+    auto addZone = [&zones](int direction, qint64 start, qint64 stop) {
         QJsonObject zone;
         zone.insert(QStringLiteral("id"), zones.size());
         zone.insert(QStringLiteral("direction"), direction);
@@ -593,10 +604,12 @@ void ConfigurationManager::generateControllerConfig(QString name, int height, in
     // left edge, along the top, down the right edge, back along the bottom.
     // The last LED of each of the first three edges stops in place, so the
     // first LED of the next edge shares its cell.
-    const int h = height;
-    const int w = width;
+    // Edge sums and zone bounds are formed in 64 bits: with a side far below
+    // zero the other sides may be large while the total stays in range.
+    const qint64 h = height;
+    const qint64 w = width;
     int x = 0;
-    int y = std::max(height - 1, 0);
+    int y = int(std::max<qint64>(h - 1, 0));
     for (int i = 1; i <= count; ++i) {
         QJsonObject led;
         led.insert(QStringLiteral("id"), i);

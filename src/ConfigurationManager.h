@@ -89,6 +89,12 @@ public:
     void setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value);
     void setEffectVariant(QString effectName, QString section, QString key, QVariant value);
 
+    /**
+     * Writes the layout file of a controller with @p height LEDs on the left
+     * and on the right edge, @p width on the top and @p bottom on the bottom.
+     * A total of more than 100,000 LEDs (or one that does not fit in an int)
+     * is refused with a warning, and no file is written.
+     */
     void generateControllerConfig(QString name, int height, int width, int bottom);
 
 signals:

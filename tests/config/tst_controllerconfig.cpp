@@ -10,6 +10,7 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
+#include <limits>
 #include <memory>
 
 namespace {
@@ -118,6 +119,9 @@ private slots:
     void existingFileIsOverwrittenInPlace();
     void ignoresConfigDirectoryAndCache();
     void layoutFileIsTheOnlyFileInTheLocalDataFolder();
+    void ledTotalAboveTheLimitIsRefused_data();
+    void ledTotalAboveTheLimitIsRefused();
+    void ledTotalAtTheLimitIsWritten();
     void unwritableFolderFailsSilently();
 
 private:
@@ -307,6 +311,51 @@ void ControllerConfigTest::layoutFileIsTheOnlyFileInTheLocalDataFolder()
     m_manager->generateControllerConfig(QStringLiteral("desk"), 3, 4, 4);
     QCOMPARE(filesBelow(s_dataHome),
         QStringList {QStringLiteral("OrvantaTests/tst_controllerconfig/controler_config/desk.json")});
+}
+
+void ControllerConfigTest::ledTotalAboveTheLimitIsRefused_data()
+{
+    QTest::addColumn<int>("height");
+    QTest::addColumn<int>("width");
+    QTest::addColumn<int>("bottom");
+    QTest::addColumn<QString>("total");
+    QTest::newRow("one above the limit") << 25000 << 50000 << 1 << QStringLiteral("100001");
+    QTest::newRow("sum above int") << std::numeric_limits<int>::max() << 1 << 0 << QStringLiteral("4294967295");
+    QTest::newRow("sum below int") << std::numeric_limits<int>::min() << 0 << 0 << QStringLiteral("-4294967296");
+    QTest::newRow("each side at the most") << std::numeric_limits<int>::max() << std::numeric_limits<int>::max()
+                                           << std::numeric_limits<int>::max() << QStringLiteral("8589934588");
+}
+
+void ControllerConfigTest::ledTotalAboveTheLimitIsRefused()
+{
+    QFETCH(int, height);
+    QFETCH(int, width);
+    QFETCH(int, bottom);
+    QFETCH(QString, total);
+    MessageCapture capture;
+    m_manager->generateControllerConfig(QStringLiteral("huge"), height, width, bottom);
+    QCOMPARE(capture.all(),
+        QStringList {QStringLiteral("warning: Failed to generate controller config \"huge\" : LED count %1 is out of "
+                                    "range")
+                         .arg(total)});
+    QVERIFY(!QFile::exists(layoutFolder() + QStringLiteral("huge.json")));
+}
+
+void ControllerConfigTest::ledTotalAtTheLimitIsWritten()
+{
+    // A side far below zero with the others large: the total is in range,
+    // the sums on the way are not all within an int.
+    MessageCapture capture; // one debug line per LED
+    m_manager->generateControllerConfig(QStringLiteral("limit"), 25000, 49999, 1);
+    m_manager->generateControllerConfig(QStringLiteral("skewed"), -1500000000, 2000000000, 1000000010);
+    QVERIFY(capture.texts(QtWarningMsg).isEmpty());
+    const QJsonObject layout = readLayout(QStringLiteral("limit.json"));
+    compareHeader(layout, 49999, 25000, 100000);
+    QCOMPARE(layout.value(QStringLiteral("key_array")).toArray().size(), 100000);
+    QCOMPARE(layout.value(QStringLiteral("key_music")).toArray().size(), 6);
+    const QJsonObject skewed = readLayout(QStringLiteral("skewed.json"));
+    compareHeader(skewed, 2000000000, 1, 10);
+    QCOMPARE(skewed.value(QStringLiteral("key_array")).toArray().size(), 10);
 }
 
 void ControllerConfigTest::unwritableFolderFailsSilently()
