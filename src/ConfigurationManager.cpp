@@ -9,7 +9,6 @@
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonParseError>
-#include <QtCore/QMutexLocker>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTextStream>
@@ -17,6 +16,7 @@
 #include <algorithm>
 #include <atomic>
 #include <limits>
+#include <mutex>
 
 QString ConfigurationManager::gsConfigPath;
 
@@ -81,6 +81,36 @@ void reportLoadFailure(const QString& path, const LoadResult& result)
     case LoadResult::Parse:
         qCritical() << "Failed to parse" << path << result.error;
         break;
+    }
+}
+
+// A copy of value that shares no data with it. Qt's JSON values share their
+// storage with the document they come from; a value handed across the lock
+// (in from a writer, out to a reader) is copied whole, so that no thread ever
+// releases storage that another one reaches only under the lock.
+QJsonValue detached(const QJsonValue& value)
+{
+    switch (value.type()) {
+    case QJsonValue::Object: {
+        const QJsonObject source = value.toObject();
+        QJsonObject copy;
+        for (auto it = source.constBegin(); it != source.constEnd(); ++it) {
+            copy.insert(it.key(), detached(it.value()));
+        }
+        return copy;
+    }
+    case QJsonValue::Array: {
+        const QJsonArray source = value.toArray();
+        QJsonArray copy;
+        for (const QJsonValue& element : source) {
+            copy.append(detached(element));
+        }
+        return copy;
+    }
+    case QJsonValue::String:
+        return QJsonValue(value.toString());
+    default:
+        return value;
     }
 }
 
@@ -250,7 +280,7 @@ void ConfigurationManager::save()
 {
     QStringList keys;
     {
-        const QMutexLocker lock(&documentsLock);
+        const std::lock_guard<std::mutex> lock(documentsLock);
         keys = documents.keys();
     }
     for (const QString& key : qAsConst(keys)) {
@@ -313,7 +343,7 @@ QString ConfigurationManager::documentPath(const QString& key) const
 void ConfigurationManager::ensureLoaded(const QString& key)
 {
     {
-        const QMutexLocker lock(&documentsLock);
+        const std::lock_guard<std::mutex> lock(documentsLock);
         if (documents.contains(key)) {
             return;
         }
@@ -322,14 +352,15 @@ void ConfigurationManager::ensureLoaded(const QString& key)
     // available meanwhile. Threads whose first reads overlap may each read
     // it; the first to come back adds the document, the others drop theirs.
     const QString path = documentPath(key);
-    const LoadResult loaded = readJsonFile(path);
+    LoadResult loaded = readJsonFile(path);
     bool added = false;
     {
-        const QMutexLocker lock(&documentsLock);
+        const std::lock_guard<std::mutex> lock(documentsLock);
         if (!documents.contains(key)) {
             // A failed load is cached as well: it is not retried, and a later
-            // save writes the empty document.
-            documents.insert(key, loaded.document);
+            // save writes the empty document. The document moves in, so the
+            // cache holds the only reference to it.
+            documents[key] = std::move(loaded.document);
             added = true;
         }
     }
@@ -341,20 +372,13 @@ void ConfigurationManager::ensureLoaded(const QString& key)
     }
 }
 
-QJsonObject ConfigurationManager::document(const QString& key)
-{
-    ensureLoaded(key);
-    const QMutexLocker lock(&documentsLock);
-    return documents.value(key);
-}
-
 QJsonObject& ConfigurationManager::jsonObject(const QString& key)
 {
     ensureLoaded(key);
     // Documents are never taken out of the hash and the hash is never
     // copied, so its nodes stay where they are and the reference outlives
     // the lock.
-    const QMutexLocker lock(&documentsLock);
+    const std::lock_guard<std::mutex> lock(documentsLock);
     return documents.find(key).value();
 }
 
@@ -368,16 +392,16 @@ QJsonObject ConfigurationManager::loadJsonObjectFromFile(const QString& path)
 void ConfigurationManager::saveJsonObject(const QString& key)
 {
     const QString path = documentPath(key);
-    QString openError;
-    QString writeError;
+    enum { Written, OpenFailed, WriteFailed } outcome = Written;
+    QString error;
     {
         // Saves of one file must not interleave, and the last one to write
         // must write the newest state: the snapshot is taken inside the
         // file lock. Nothing is logged while it is held.
-        const QMutexLocker files(&filesLock);
+        const std::lock_guard<std::mutex> files(filesLock);
         QByteArray data;
         {
-            const QMutexLocker lock(&documentsLock);
+            const std::lock_guard<std::mutex> lock(documentsLock);
             // operator[] adds an empty document for a key never used.
             data = QJsonDocument(documents[key]).toJson();
         }
@@ -387,7 +411,8 @@ void ConfigurationManager::saveJsonObject(const QString& key)
         QFile::remove(path);
         QFile file(path);
         if (!file.open(QIODevice::ReadWrite)) {
-            openError = file.errorString();
+            outcome = OpenFailed;
+            error = file.errorString();
         } else {
             qint64 offset = 0;
             const qint64 size = data.size();
@@ -395,7 +420,8 @@ void ConfigurationManager::saveJsonObject(const QString& key)
                 const qint64 written = file.write(data.constData() + offset, size - offset);
                 if (written <= 0) {
                     // A full disk or a size limit: give up rather than spin on the same bytes.
-                    writeError = file.errorString();
+                    outcome = WriteFailed;
+                    error = file.errorString();
                     break;
                 }
                 offset += written;
@@ -403,10 +429,15 @@ void ConfigurationManager::saveJsonObject(const QString& key)
             file.close();
         }
     }
-    if (!openError.isNull()) {
-        qCritical() << "Failed to opened :" << path << "errStr: " << openError;
-    } else if (!writeError.isNull()) {
-        qCritical() << "Failed to write :" << path << "errStr: " << writeError;
+    switch (outcome) {
+    case Written:
+        break;
+    case OpenFailed:
+        qCritical() << "Failed to opened :" << path << "errStr: " << error;
+        break;
+    case WriteFailed:
+        qCritical() << "Failed to write :" << path << "errStr: " << error;
+        break;
     }
 }
 
@@ -473,9 +504,10 @@ QJsonValue ConfigurationManager::setValWithXPath(QJsonObject& object, QStringLis
 
 QJsonValue ConfigurationManager::globalValue(const QString& path)
 {
-    // The walk runs on a copy: writers change the cached document only under
-    // the lock, and the copy keeps the state it was taken in.
-    return valWithXPath(document(QStringLiteral("global")), path);
+    const QString key = QStringLiteral("global");
+    ensureLoaded(key);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    return detached(valWithXPath(documents[key], path));
 }
 
 QJsonValue ConfigurationManager::appConfig(const QString& path)
@@ -486,17 +518,19 @@ QJsonValue ConfigurationManager::appConfig(const QString& path)
 void ConfigurationManager::setGlobalValue(const QString& path, const QJsonValue& value)
 {
     const QString key = QStringLiteral("global");
+    const QJsonValue stored = detached(value);
     ensureLoaded(key);
-    const QMutexLocker lock(&documentsLock);
-    setValWithXPath(documents[key], path, value);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    setValWithXPath(documents[key], path, stored);
 }
 
 void ConfigurationManager::setGlobalValue(const QStringList& path, const QJsonValue& value)
 {
     const QString key = QStringLiteral("global");
+    const QJsonValue stored = detached(value);
     ensureLoaded(key);
-    const QMutexLocker lock(&documentsLock);
-    setValWithXPath(documents[key], path, value);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    setValWithXPath(documents[key], path, stored);
 }
 
 void ConfigurationManager::setAppConfig(const QString& path, const QJsonValue& value)
@@ -516,15 +550,15 @@ QJsonValue ConfigurationManager::effectJsonValue(QString effectName, QString sec
 {
     const QString documentKey = effectKey(effectName);
     ensureLoaded(documentKey);
-    const QMutexLocker lock(&documentsLock);
+    const std::lock_guard<std::mutex> lock(documentsLock);
     QJsonObject& document = documents[documentKey];
     // The non-const operator[] adds an absent section as null: reading
     // changes the cached document, and the defaults fallback relies on that.
     const QJsonValueRef sectionValue = document[section];
     if (!key.isEmpty()) {
-        return QJsonValue(sectionValue).toObject().value(key);
+        return detached(QJsonValue(sectionValue).toObject().value(key));
     }
-    return sectionValue;
+    return detached(sectionValue);
 }
 
 QJsonValue ConfigurationManager::effectJsonValue(QString effectName, QString section, QString key, QString defaultFile)
@@ -555,26 +589,28 @@ QVariant ConfigurationManager::effectVariant(QString effectName, QString section
 void ConfigurationManager::setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value)
 {
     const QString documentKey = effectKey(effectName);
+    const QJsonValue stored = detached(value);
     ensureLoaded(documentKey);
-    const QMutexLocker lock(&documentsLock);
+    const std::lock_guard<std::mutex> lock(documentsLock);
     QJsonObject& document = documents[documentKey];
     if (key.isEmpty()) {
-        document.insert(section, value);
+        document.insert(section, stored);
         return;
     }
     QJsonObject sectionObject = document.value(section).toObject();
-    sectionObject.insert(key, value);
+    sectionObject.insert(key, stored);
     document.insert(section, sectionObject);
 }
 
 void ConfigurationManager::setEffectVariant(QString effectName, QString section, QString key, QVariant value)
 {
     const QString documentKey = effectKey(effectName);
+    const QJsonValue stored = detached(QJsonValue::fromVariant(value));
     ensureLoaded(documentKey);
-    const QMutexLocker lock(&documentsLock);
+    const std::lock_guard<std::mutex> lock(documentsLock);
     QJsonObject& document = documents[documentKey];
     QJsonObject sectionObject = document.value(section).toObject();
-    sectionObject.insert(key, QJsonValue::fromVariant(value));
+    sectionObject.insert(key, stored);
     document.insert(section, sectionObject);
 }
 

@@ -5,11 +5,12 @@
 #include <QtCore/QHash>
 #include <QtCore/QJsonObject>
 #include <QtCore/QJsonValue>
-#include <QtCore/QMutex>
 #include <QtCore/QObject>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
+
+#include <mutex>
 
 /**
  * The process-wide keeper of the application's JSON configuration.
@@ -113,14 +114,15 @@ private:
     /// Caches the document under @p key if it is not cached yet. Returns
     /// with no lock held.
     void ensureLoaded(const QString& key);
-    /// A copy of the cached document, loaded first if needed.
-    QJsonObject document(const QString& key);
 
     QHash<QString, QJsonObject> documents;
     QString configDir;
+    // Standard mutexes rather than QMutex: the thread sanitizer follows them,
+    // while a contended QMutex waits inside Qt, where it cannot look.
+
     /// Guards documents: the hash and every document in it. Never held while
     /// logging, signalling or reading a file.
-    QMutex documentsLock;
+    std::mutex documentsLock;
     /// Serialises the writing of files; taken before documentsLock.
-    QMutex filesLock;
+    std::mutex filesLock;
 };
