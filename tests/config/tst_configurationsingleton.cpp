@@ -82,34 +82,46 @@ void ConfigurationSingletonTest::cleanup()
 
 void ConfigurationSingletonTest::concurrentFirstCallsCreateOneInstance()
 {
-    QVector<ConfigurationManager*> seen(8, nullptr);
-    onEightThreads([&seen](int i) { seen[i] = ConfigurationManager::instance(); });
-    ConfigurationManager* instance = ConfigurationManager::instance();
-    QVERIFY(instance);
-    QCOMPARE(instance->configPath(), m_dir->path());
-    for (ConfigurationManager* each : seen) {
-        QCOMPARE(each, instance);
+    // The first calls overlap only now and then on a small machine: many
+    // rounds, each from no singleton at all.
+    for (int round = 0; round < 200; ++round) {
+        QVector<ConfigurationManager*> seen(8, nullptr);
+        onEightThreads([&seen](int i) { seen[i] = ConfigurationManager::instance(); });
+        ConfigurationManager* instance = ConfigurationManager::instance();
+        QVERIFY(instance);
+        QCOMPARE(instance->configPath(), m_dir->path());
+        for (ConfigurationManager* each : seen) {
+            QCOMPARE(each, instance);
+        }
+        delete instance;
     }
 }
 
 void ConfigurationSingletonTest::concurrentFirstReadsLoadTheDocumentOnce()
 {
     // Capture threads read the global document as they start, possibly all at
-    // once: it is loaded once, and every thread sees the same document.
-    MessageCapture log;
-    QVector<const QJsonObject*> seen(8, nullptr);
-    onEightThreads([&seen](int i) {
-        seen[i] = &ConfigurationManager::instance()->AppConfigJsonObj();
-        ConfigurationManager::instance()->appConfig(QStringLiteral("devUpdateInterval"));
-    });
-    const QJsonObject* document = &ConfigurationManager::instance()->AppConfigJsonObj();
-    for (const QJsonObject* each : seen) {
-        QCOMPARE(each, document);
+    // once: it is loaded once, and every thread sees the same document. The
+    // reads overlap only now and then on a small machine: many rounds, each
+    // with a new singleton on a directory of its own.
+    for (int round = 0; round < 50; ++round) {
+        delete ConfigurationManager::instance();
+        const QString dir = m_dir->filePath(QStringLiteral("round%1").arg(round));
+        ConfigurationManager::setConfigPath(dir);
+        MessageCapture log;
+        QVector<const QJsonObject*> seen(8, nullptr);
+        onEightThreads([&seen](int i) {
+            seen[i] = &ConfigurationManager::instance()->AppConfigJsonObj();
+            ConfigurationManager::instance()->appConfig(QStringLiteral("devUpdateInterval"));
+        });
+        const QJsonObject* document = &ConfigurationManager::instance()->AppConfigJsonObj();
+        for (const QJsonObject* each : seen) {
+            QCOMPARE(each, document);
+        }
+        const QString failedOpen
+            = QStringLiteral("Failed to open \"%1/global.json\"  errStr: \"No such file or directory\"").arg(dir);
+        QCOMPARE(log.count(QtCriticalMsg, failedOpen), 1);
+        QCOMPARE(log.messages().size(), 1);
     }
-    const QString failedOpen
-        = QStringLiteral("Failed to open \"%1/global.json\"  errStr: \"No such file or directory\"").arg(m_dir->path());
-    QCOMPARE(log.count(QtCriticalMsg, failedOpen), 1);
-    QCOMPARE(log.messages().size(), 1);
 }
 
 namespace {
