@@ -29,7 +29,9 @@
  *   other. A reader sees a document as it was before or after a write, never
  *   halfway; the cache is never corrupted by concurrent first loads, writes
  *   and saves; the saves of one file do not interleave, and the last one
- *   writes the newest state.
+ *   writes the newest state. A value read is the caller's own and shares
+ *   nothing with the cache. The defaults fallback of effectJsonValue is a
+ *   read and a write, each atomic, not one step.
  * - The document accessors (AppConfigJsonObj, controllerJsonObj,
  *   effectJsonObj) may be called from any thread, and the reference stays
  *   valid for the life of the instance. Reading or editing through it is
@@ -39,6 +41,9 @@
  * - No lock of the store is held while it logs, emits appConfigChanged or
  *   reads a file, so a message handler or a slot may call the store again,
  *   also during the first load of a document.
+ * - setConfigPath belongs to the application's thread, before the first
+ *   instance(). reset() and generateControllerConfig touch only files and
+ *   folders, with no ordering towards saves on other threads.
  * - The singleton is deleted at process exit; no thread may use it then.
  */
 class LIBORVANTA_EXPORT ConfigurationManager : public QObject
