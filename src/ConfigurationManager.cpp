@@ -1,6 +1,7 @@
 #include "ConfigurationManager.h"
 #include "ConfigurationManager_p.h"
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -13,13 +14,15 @@
 #include <QtCore/QTextStream>
 
 #include <algorithm>
+#include <atomic>
+#include <limits>
 #include <mutex>
 
 QString ConfigurationManager::gsConfigPath;
 
 namespace {
 
-ConfigurationManager* s_instance = nullptr;
+std::atomic<ConfigurationManager*> s_instance {nullptr};
 
 // Deletes the singleton at process exit. It is defined after gsConfigPath, so
 // it is destroyed before it.
@@ -27,10 +30,101 @@ struct SingletonReaper
 {
     ~SingletonReaper()
     {
-        delete s_instance;
-        s_instance = nullptr;
+        delete s_instance.exchange(nullptr);
     }
 } s_reaper;
+
+// The most LEDs a layout may describe: far above any real strip, and small
+// enough that the document and its text stay a few megabytes.
+constexpr qint64 maximumLedCount = 100000;
+
+// What reading one document from disk gave, kept apart from the report so
+// that the report can be made once no lock is held any more.
+struct LoadResult
+{
+    enum Failure { None, Open, Parse };
+
+    QJsonObject document;
+    Failure failure = None;
+    QString error;
+};
+
+LoadResult readJsonFile(const QString& path)
+{
+    LoadResult result;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        result.failure = LoadResult::Open;
+        result.error = file.errorString();
+        return result;
+    }
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
+    file.close();
+    if (error.error != QJsonParseError::NoError) {
+        result.failure = LoadResult::Parse;
+        result.error = error.errorString();
+        return result;
+    }
+    result.document = document.object();
+    return result;
+}
+
+void reportLoadFailure(const QString& path, const LoadResult& result)
+{
+    switch (result.failure) {
+    case LoadResult::None:
+        break;
+    case LoadResult::Open:
+        qCritical() << "Failed to open" << path << " errStr:" << result.error;
+        break;
+    case LoadResult::Parse:
+        qCritical() << "Failed to parse" << path << result.error;
+        break;
+    }
+}
+
+// A copy of value that shares no data with it. Qt's JSON values share their
+// storage with the document they come from; a value handed across the lock
+// (in from a writer, out to a reader) is copied whole, so that no thread ever
+// releases storage that another one reaches only under the lock.
+QJsonValue detached(const QJsonValue& value)
+{
+    switch (value.type()) {
+    case QJsonValue::Object: {
+        const QJsonObject source = value.toObject();
+        QJsonObject copy;
+        for (auto it = source.constBegin(); it != source.constEnd(); ++it) {
+            copy.insert(it.key(), detached(it.value()));
+        }
+        return copy;
+    }
+    case QJsonValue::Array: {
+        const QJsonArray source = value.toArray();
+        QJsonArray copy;
+        for (const QJsonValue& element : source) {
+            copy.append(detached(element));
+        }
+        return copy;
+    }
+    case QJsonValue::String:
+        return QJsonValue(value.toString());
+    default:
+        return value;
+    }
+}
+
+// Whether an entry is one of the folders that a reset spares. The name is
+// tested first: a link named "logs" or "dumps" is spared like the folder it
+// stands for, and neither it nor its target is touched.
+bool isSparedFolder(const QFileInfo& entry)
+{
+    const QString name = entry.fileName();
+    if (name != QLatin1String("dumps") && name != QLatin1String("logs")) {
+        return false;
+    }
+    return entry.isSymLink() || entry.isDir();
+}
 
 // Deletes what lies below path, sparing every folder named "logs" or "dumps"
 // at any depth, then path itself. Stops at the first failure.
@@ -44,11 +138,11 @@ bool removeDirectory(const QString& path)
     const QFileInfoList entries
         = dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::NoSort);
     for (const QFileInfo& entry : entries) {
-        // A link to a folder is removed as a link: its target lies outside.
+        if (isSparedFolder(entry)) {
+            continue;
+        }
+        // Any other link to a folder is removed as a link: its target lies outside.
         if (entry.isDir() && !entry.isSymLink()) {
-            if (entry.fileName() == QLatin1String("dumps") || entry.fileName() == QLatin1String("logs")) {
-                continue;
-            }
             if (!removeDirectory(entry.absoluteFilePath())) {
                 return false;
             }
@@ -84,14 +178,19 @@ bool parseArrayIndex(const QString& component, int* index)
 
 ConfigurationManager* ConfigurationManager::instance()
 {
-    // Capture threads may ask for the store at the same moment as the
-    // application; only one of them may create it.
-    static std::mutex creation;
-    const std::lock_guard<std::mutex> lock(creation);
-    if (!s_instance) {
-        s_instance = new ConfigurationManager;
+    ConfigurationManager* current = s_instance.load(std::memory_order_acquire);
+    if (current) {
+        return current;
     }
-    return s_instance;
+    // Capture threads may ask for the store at the same moment as the
+    // application. Each builds a candidate without holding any lock (the
+    // construction only makes folders) and the first one published wins.
+    auto* candidate = new ConfigurationManager;
+    if (s_instance.compare_exchange_strong(current, candidate, std::memory_order_acq_rel)) {
+        return candidate;
+    }
+    delete candidate;
+    return current;
 }
 
 void ConfigurationManager::setConfigPath(const QString& path)
@@ -108,9 +207,8 @@ ConfigurationManager::ConfigurationManager()
 
 ConfigurationManager::~ConfigurationManager()
 {
-    if (s_instance == this) {
-        s_instance = nullptr;
-    }
+    ConfigurationManager* self = this;
+    s_instance.compare_exchange_strong(self, nullptr);
 }
 
 QString ConfigurationManager::configPath() const
@@ -141,11 +239,35 @@ void ConfigurationManager::makeDefaultDir()
 
 void ConfigurationManager::reset()
 {
-    QString path = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    path.replace(QStringLiteral("Roaming"), QStringLiteral("Local"), Qt::CaseSensitive);
-    if (!removeDirectory(path)) {
-        qWarning() << "Failed to completely reset configuration directory:" << path;
+    // Without an application name the standard locations are the shared
+    // folders of every program of the user, never this application's own.
+    if (QCoreApplication::applicationName().isEmpty()) {
+        qWarning() << "Refused to reset configuration: no application name is set, nothing was removed";
+        return;
     }
+    for (const QString& path : resetFolders()) {
+        if (!removeDirectory(path)) {
+            qWarning() << "Failed to completely reset configuration directory:" << path;
+        }
+    }
+}
+
+QStringList ConfigurationManager::resetFolders()
+{
+    // On Windows the local twin of the roaming data folder holds the
+    // configuration. Elsewhere configuration and data have folders of their
+    // own, and both belong to the application.
+    QString data = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
+    data.replace(QStringLiteral("Roaming"), QStringLiteral("Local"), Qt::CaseSensitive);
+#ifdef Q_OS_WIN
+    return {data};
+#else
+    const QString config = QStandardPaths::writableLocation(QStandardPaths::AppConfigLocation);
+    if (config == data) {
+        return {data};
+    }
+    return {config, data};
+#endif
 }
 
 void ConfigurationManager::EnableCleanStartup()
@@ -156,8 +278,12 @@ void ConfigurationManager::EnableCleanStartup()
 
 void ConfigurationManager::save()
 {
-    const QStringList keys = documents.keys();
-    for (const QString& key : keys) {
+    QStringList keys;
+    {
+        const std::lock_guard<std::mutex> lock(documentsLock);
+        keys = documents.keys();
+    }
+    for (const QString& key : qAsConst(keys)) {
         saveJsonObject(key);
     }
 }
@@ -189,14 +315,12 @@ void ConfigurationManager::saveControllerJsonObj(const QString& name)
 
 QJsonObject& ConfigurationManager::effectJsonObj(QString name)
 {
-    name.replace(QLatin1Char('.'), QLatin1Char('_'));
-    return jsonObject(QStringLiteral("effects/") + name);
+    return jsonObject(effectKey(name));
 }
 
 void ConfigurationManager::saveEffectJsonObj(QString name)
 {
-    name.replace(QLatin1Char('.'), QLatin1Char('_'));
-    saveJsonObject(QStringLiteral("effects/") + name);
+    saveJsonObject(effectKey(name));
 }
 
 QJsonObject& ConfigurationManager::globalJsonObj()
@@ -216,64 +340,105 @@ QString ConfigurationManager::documentPath(const QString& key) const
     return configDir + QLatin1Char('/') + fileKey + QStringLiteral(".json");
 }
 
+void ConfigurationManager::ensureLoaded(const QString& key)
+{
+    {
+        const std::lock_guard<std::mutex> lock(documentsLock);
+        if (documents.contains(key)) {
+            return;
+        }
+    }
+    // The file is read with no lock held, so that other documents stay
+    // available meanwhile. Threads whose first reads overlap may each read
+    // it; the first to come back adds the document, the others drop theirs.
+    const QString path = documentPath(key);
+    LoadResult loaded = readJsonFile(path);
+    bool added = false;
+    {
+        const std::lock_guard<std::mutex> lock(documentsLock);
+        if (!documents.contains(key)) {
+            // A failed load is cached as well: it is not retried, and a later
+            // save writes the empty document. The document moves in, so the
+            // cache holds the only reference to it.
+            documents[key] = std::move(loaded.document);
+            added = true;
+        }
+    }
+    // Reported after the document is in place and the lock is free: a
+    // message handler that reads the configuration finds the document
+    // cached, neither waits for this thread nor loads it again.
+    if (added) {
+        reportLoadFailure(path, loaded);
+    }
+}
+
 QJsonObject& ConfigurationManager::jsonObject(const QString& key)
 {
-    // Capture threads read the global document as they start, several at
-    // once: the first read must load it once and add it once. The documents'
-    // nodes stay where they are, so the reference outlives the lock.
-    static std::mutex loading;
-    const std::lock_guard<std::mutex> lock(loading);
-    auto cached = documents.find(key);
-    if (cached != documents.end()) {
-        return cached.value();
-    }
-    // A failed load is cached as well: it is not retried, and a later save
-    // writes the empty document.
-    return documents.insert(key, loadJsonObjectFromFile(documentPath(key))).value();
+    ensureLoaded(key);
+    // Documents are never taken out of the hash and the hash is never
+    // copied, so its nodes stay where they are and the reference outlives
+    // the lock.
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    return documents.find(key).value();
 }
 
 QJsonObject ConfigurationManager::loadJsonObjectFromFile(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        qCritical() << "Failed to open" << path << " errStr:" << file.errorString();
-        return QJsonObject();
-    }
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
-    file.close();
-    if (error.error != QJsonParseError::NoError) {
-        qCritical() << "Failed to parse" << path << error.errorString();
-        return QJsonObject();
-    }
-    return document.object();
+    const LoadResult loaded = readJsonFile(path);
+    reportLoadFailure(path, loaded);
+    return loaded.document;
 }
 
 void ConfigurationManager::saveJsonObject(const QString& key)
 {
-    const QByteArray data = QJsonDocument(documents[key]).toJson();
     const QString path = documentPath(key);
-
-    // The old file goes first and the new one is written in place: there is
-    // deliberately no temporary file and no rename.
-    QFile::remove(path);
-    QFile file(path);
-    if (!file.open(QIODevice::ReadWrite)) {
-        qCritical() << "Failed to opened :" << file.fileName() << "errStr: " << file.errorString();
-        return;
-    }
-    qint64 offset = 0;
-    const qint64 size = data.size();
-    while (offset < size) {
-        const qint64 written = file.write(data.constData() + offset, size - offset);
-        if (written <= 0) {
-            // A full disk or a size limit: give up rather than spin on the same bytes.
-            qCritical() << "Failed to write :" << file.fileName() << "errStr: " << file.errorString();
-            break;
+    enum { Written, OpenFailed, WriteFailed } outcome = Written;
+    QString error;
+    {
+        // Saves of one file must not interleave, and the last one to write
+        // must write the newest state: the snapshot is taken inside the
+        // file lock. Nothing is logged while it is held.
+        const std::lock_guard<std::mutex> files(filesLock);
+        QByteArray data;
+        {
+            const std::lock_guard<std::mutex> lock(documentsLock);
+            // operator[] adds an empty document for a key never used.
+            data = QJsonDocument(documents[key]).toJson();
         }
-        offset += written;
+
+        // The old file goes first and the new one is written in place: there
+        // is deliberately no temporary file and no rename.
+        QFile::remove(path);
+        QFile file(path);
+        if (!file.open(QIODevice::ReadWrite)) {
+            outcome = OpenFailed;
+            error = file.errorString();
+        } else {
+            qint64 offset = 0;
+            const qint64 size = data.size();
+            while (offset < size) {
+                const qint64 written = file.write(data.constData() + offset, size - offset);
+                if (written <= 0) {
+                    // A full disk or a size limit: give up rather than spin on the same bytes.
+                    outcome = WriteFailed;
+                    error = file.errorString();
+                    break;
+                }
+                offset += written;
+            }
+            file.close();
+        }
     }
-    file.close();
+    switch (outcome) {
+    case Written:
+        break;
+    case OpenFailed:
+        qCritical() << "Failed to opened :" << path << "errStr: " << error;
+        break;
+    case WriteFailed:
+        qCritical() << "Failed to write :" << path << "errStr: " << error;
+        break;
+    }
 }
 
 QJsonValue ConfigurationManager::valWithXPath(const QJsonObject& object, QString path)
@@ -339,7 +504,10 @@ QJsonValue ConfigurationManager::setValWithXPath(QJsonObject& object, QStringLis
 
 QJsonValue ConfigurationManager::globalValue(const QString& path)
 {
-    return valWithXPath(globalJsonObj(), path);
+    const QString key = QStringLiteral("global");
+    ensureLoaded(key);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    return detached(valWithXPath(documents[key], path));
 }
 
 QJsonValue ConfigurationManager::appConfig(const QString& path)
@@ -349,12 +517,20 @@ QJsonValue ConfigurationManager::appConfig(const QString& path)
 
 void ConfigurationManager::setGlobalValue(const QString& path, const QJsonValue& value)
 {
-    setValWithXPath(globalJsonObj(), path, value);
+    const QString key = QStringLiteral("global");
+    const QJsonValue stored = detached(value);
+    ensureLoaded(key);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    setValWithXPath(documents[key], path, stored);
 }
 
 void ConfigurationManager::setGlobalValue(const QStringList& path, const QJsonValue& value)
 {
-    setValWithXPath(globalJsonObj(), path, value);
+    const QString key = QStringLiteral("global");
+    const QJsonValue stored = detached(value);
+    ensureLoaded(key);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    setValWithXPath(documents[key], path, stored);
 }
 
 void ConfigurationManager::setAppConfig(const QString& path, const QJsonValue& value)
@@ -364,16 +540,25 @@ void ConfigurationManager::setAppConfig(const QString& path, const QJsonValue& v
     emit appConfigChanged(path);
 }
 
+QString ConfigurationManager::effectKey(QString name)
+{
+    name.replace(QLatin1Char('.'), QLatin1Char('_'));
+    return QStringLiteral("effects/") + name;
+}
+
 QJsonValue ConfigurationManager::effectJsonValue(QString effectName, QString section, QString key)
 {
-    QJsonObject& document = effectJsonObj(effectName);
+    const QString documentKey = effectKey(effectName);
+    ensureLoaded(documentKey);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    QJsonObject& document = documents[documentKey];
     // The non-const operator[] adds an absent section as null: reading
     // changes the cached document, and the defaults fallback relies on that.
     const QJsonValueRef sectionValue = document[section];
     if (!key.isEmpty()) {
-        return QJsonValue(sectionValue).toObject().value(key);
+        return detached(QJsonValue(sectionValue).toObject().value(key));
     }
-    return sectionValue;
+    return detached(sectionValue);
 }
 
 QJsonValue ConfigurationManager::effectJsonValue(QString effectName, QString section, QString key, QString defaultFile)
@@ -403,32 +588,46 @@ QVariant ConfigurationManager::effectVariant(QString effectName, QString section
 
 void ConfigurationManager::setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value)
 {
-    QJsonObject& document = effectJsonObj(effectName);
+    const QString documentKey = effectKey(effectName);
+    const QJsonValue stored = detached(value);
+    ensureLoaded(documentKey);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    QJsonObject& document = documents[documentKey];
     if (key.isEmpty()) {
-        document.insert(section, value);
+        document.insert(section, stored);
         return;
     }
     QJsonObject sectionObject = document.value(section).toObject();
-    sectionObject.insert(key, value);
+    sectionObject.insert(key, stored);
     document.insert(section, sectionObject);
 }
 
 void ConfigurationManager::setEffectVariant(QString effectName, QString section, QString key, QVariant value)
 {
-    QJsonObject& document = effectJsonObj(effectName);
+    const QString documentKey = effectKey(effectName);
+    const QJsonValue stored = detached(QJsonValue::fromVariant(value));
+    ensureLoaded(documentKey);
+    const std::lock_guard<std::mutex> lock(documentsLock);
+    QJsonObject& document = documents[documentKey];
     QJsonObject sectionObject = document.value(section).toObject();
-    sectionObject.insert(key, QJsonValue::fromVariant(value));
+    sectionObject.insert(key, stored);
     document.insert(section, sectionObject);
 }
 
 void ConfigurationManager::generateControllerConfig(QString name, int height, int width, int bottom)
 {
-    const int count = 2 * height + width + bottom;
+    // Summed in 64 bits: the total of three ints may not fit in one.
+    const qint64 total = 2 * qint64(height) + width + bottom;
+    if (total > maximumLedCount || total < std::numeric_limits<int>::min()) {
+        qWarning() << "Failed to generate controller config" << name << ": LED count" << total << "is out of range";
+        return;
+    }
+    const int count = int(total);
     qDebug() << name << " count:" << count << " height:" << height << " width:" << width;
 
     QJsonArray leds;
     QJsonArray zones;
-    auto addZone = [&zones](int direction, int start, int stop) {
+    auto addZone = [&zones](int direction, qint64 start, qint64 stop) {
         QJsonObject zone;
         zone.insert(QStringLiteral("id"), zones.size());
         zone.insert(QStringLiteral("direction"), direction);
@@ -441,10 +640,12 @@ void ConfigurationManager::generateControllerConfig(QString name, int height, in
     // left edge, along the top, down the right edge, back along the bottom.
     // The last LED of each of the first three edges stops in place, so the
     // first LED of the next edge shares its cell.
-    const int h = height;
-    const int w = width;
+    // Edge sums and zone bounds are formed in 64 bits: with a side far below
+    // zero the other sides may be large while the total stays in range.
+    const qint64 h = height;
+    const qint64 w = width;
     int x = 0;
-    int y = std::max(height - 1, 0);
+    int y = int(std::max<qint64>(h - 1, 0));
     for (int i = 1; i <= count; ++i) {
         QJsonObject led;
         led.insert(QStringLiteral("id"), i);

@@ -10,6 +10,8 @@
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
 
+#include <mutex>
+
 /**
  * The process-wide keeper of the application's JSON configuration.
  *
@@ -20,7 +22,29 @@
  *
  * The store never throws and never reports an error through its results: a
  * document that cannot be read is empty, a write that fails is logged.
- * It has no lock; call it from one thread.
+ *
+ * Threads. instance() and every operation may be called from any thread:
+ * - The value operations (globalValue, appConfig, setGlobalValue,
+ *   setAppConfig, the effect values) and the saves are atomic towards each
+ *   other. A reader sees a document as it was before or after a write, never
+ *   halfway; the cache is never corrupted by concurrent first loads, writes
+ *   and saves; the saves of one file do not interleave, and the last one
+ *   writes the newest state. A value read is the caller's own and shares
+ *   nothing with the cache. The defaults fallback of effectJsonValue is a
+ *   read and a write, each atomic, not one step.
+ * - The document accessors (AppConfigJsonObj, controllerJsonObj,
+ *   effectJsonObj) may be called from any thread, and the reference stays
+ *   valid for the life of the instance. Reading or editing through it is
+ *   not guarded, though: do so only while no other thread writes or saves
+ *   that document, in practice on the application's thread, with other
+ *   threads using the value operations.
+ * - No lock of the store is held while it logs, emits appConfigChanged or
+ *   reads a file, so a message handler or a slot may call the store again,
+ *   also during the first load of a document.
+ * - setConfigPath belongs to the application's thread, before the first
+ *   instance(). reset() and generateControllerConfig touch only files and
+ *   folders, with no ordering towards saves on other threads.
+ * - The singleton is deleted at process exit; no thread may use it then.
  */
 class LIBORVANTA_EXPORT ConfigurationManager : public QObject
 {
@@ -71,6 +95,12 @@ public:
     void setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value);
     void setEffectVariant(QString effectName, QString section, QString key, QVariant value);
 
+    /**
+     * Writes the layout file of a controller with @p height LEDs on the left
+     * and on the right edge, @p width on the top and @p bottom on the bottom.
+     * A total of more than 100,000 LEDs (or one that does not fit in an int)
+     * is refused with a warning, and no file is written.
+     */
     void generateControllerConfig(QString name, int height, int width, int bottom);
 
 signals:
@@ -83,7 +113,21 @@ private:
     QJsonObject loadJsonObjectFromFile(const QString& path);
     void saveJsonObject(const QString& key);
     QString documentPath(const QString& key) const;
+    static QString effectKey(QString name);
+    static QStringList resetFolders();
+
+    /// Caches the document under @p key if it is not cached yet. Returns
+    /// with no lock held.
+    void ensureLoaded(const QString& key);
 
     QHash<QString, QJsonObject> documents;
     QString configDir;
+    // Standard mutexes rather than QMutex: the thread sanitizer follows them,
+    // while a contended QMutex waits inside Qt, where it cannot look.
+
+    /// Guards documents: the hash and every document in it. Never held while
+    /// logging, signalling or reading a file.
+    std::mutex documentsLock;
+    /// Serialises the writing of files; taken before documentsLock.
+    std::mutex filesLock;
 };

@@ -83,9 +83,7 @@ private slots:
     void savingAnUnusedKeyWritesAnEmptyDocument();
     void destructorSavesNothing();
     void enableCleanStartupWritesAtOnce();
-    void resetWithoutDirectoryReportsTwice();
-    void resetKeepsLogsAndDumps();
-    void resetIgnoresCustomConfigPath();
+    void messagesCarryTheirSourceContext();
 
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -551,63 +549,53 @@ void ConfigurationManagerTest::enableCleanStartupWritesAtOnce()
     QCOMPARE(onDisk.value(QStringLiteral("devUpdateInterval")).toInt(), 40);
 }
 
-void ConfigurationManagerTest::resetWithoutDirectoryReportsTwice()
-{
-    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    QDir(dataDir).removeRecursively();
-    QVERIFY(!QDir(dataDir).exists());
+namespace {
 
-    const QString dir = m_dir->filePath(QStringLiteral("config"));
-    auto manager = managerAt(dir);
-    MessageCapture capture;
-    manager->reset();
-    QCOMPARE(capture.texts(QtWarningMsg),
-        (QStringList {QStringLiteral("Directory does not exist: %1").arg(quoted(dataDir)),
-            QStringLiteral("Failed to completely reset configuration directory: %1").arg(quoted(dataDir))}));
-    QCOMPARE(capture.messages().size(), 2);
+struct LoggedWithContext
+{
+    QString text;
+    QString file;
+    int line = 0;
+    QString function;
+};
+
+QList<LoggedWithContext> s_logged;
+
+void contextHandler(QtMsgType, const QMessageLogContext& context, const QString& text)
+{
+    s_logged.append({text, QString::fromUtf8(context.file), context.line, QString::fromUtf8(context.function)});
 }
 
-void ConfigurationManagerTest::resetKeepsLogsAndDumps()
+} // namespace
+
+void ConfigurationManagerTest::messagesCarryTheirSourceContext()
 {
-    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    QDir(dataDir).removeRecursively();
-    writeFile(dataDir + QStringLiteral("/global.json"), "{}");
-    writeFile(dataDir + QStringLiteral("/.hidden"), "h");
-    writeFile(dataDir + QStringLiteral("/controllers/a.json"), "{}");
-    writeFile(dataDir + QStringLiteral("/effects/deep/er/b.json"), "{}");
-    writeFile(dataDir + QStringLiteral("/.cache/c"), "c");
-    writeFile(dataDir + QStringLiteral("/logs/app.log"), "log");
-    writeFile(dataDir + QStringLiteral("/logs/devices/d.log"), "dev");
-    writeFile(dataDir + QStringLiteral("/dumps/crash.dmp"), "dump");
-    QVERIFY(QDir().mkpath(dataDir + QStringLiteral("/resources")));
-
-    auto manager = managerAt(m_dir->filePath(QStringLiteral("config")));
-    MessageCapture capture;
-    manager->reset();
-
-    QCOMPARE(capture.texts(QtWarningMsg),
-        (QStringList {QStringLiteral("Failed to remove directory: %1").arg(quoted(dataDir)),
-            QStringLiteral("Failed to completely reset configuration directory: %1").arg(quoted(dataDir))}));
-    QStringList left = QDir(dataDir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
-    QCOMPARE(left, (QStringList {QStringLiteral("dumps"), QStringLiteral("logs")}));
-    QCOMPARE(readFile(dataDir + QStringLiteral("/logs/app.log")), QByteArray("log"));
-    QCOMPARE(readFile(dataDir + QStringLiteral("/logs/devices/d.log")), QByteArray("dev"));
-    QCOMPARE(readFile(dataDir + QStringLiteral("/dumps/crash.dmp")), QByteArray("dump"));
-}
-
-void ConfigurationManagerTest::resetIgnoresCustomConfigPath()
-{
-    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
-    QDir(dataDir).removeRecursively();
+    // The application's handler learns where each message comes from, in
+    // release builds as well.
     const QString dir = m_dir->filePath(QStringLiteral("config"));
     auto manager = managerAt(dir);
-    writeFile(dir + QStringLiteral("/global.json"), R"({"a": 1})");
-    MessageCapture capture;
-    manager->reset();
-    QVERIFY(QFile::exists(dir + QStringLiteral("/global.json")));
-    // Cached documents stay in memory until the process ends.
-    manager->setGlobalValue(QStringLiteral("b"), 2);
-    QVERIFY(capture.contains(QtWarningMsg, QStringLiteral("Directory does not exist: %1").arg(quoted(dataDir))));
+    s_logged.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(contextHandler);
+    manager->AppConfigJsonObj();
+    qInstallMessageHandler(previous);
+
+    QCOMPARE(s_logged.size(), 1);
+    const LoggedWithContext logged = s_logged.first();
+    QVERIFY(logged.text.startsWith(QStringLiteral("Failed to open ")));
+    QVERIFY2(!logged.function.isEmpty(), "no function in the message context");
+    QCOMPARE(QFileInfo(logged.file).fileName(), QStringLiteral("ConfigurationManager.cpp"));
+    // The line named is the one that logs this text, in the library's source.
+    QFile source(QStringLiteral(ORVANTA_SOURCE_DIR "/src/ConfigurationManager.cpp"));
+    QVERIFY(source.open(QIODevice::ReadOnly | QIODevice::Text));
+    const QList<QByteArray> lines = source.readAll().split('\n');
+    QVERIFY2(logged.line > 0 && logged.line <= lines.size(), qPrintable(QString::number(logged.line)));
+    QVERIFY2(lines.at(logged.line - 1).contains("\"Failed to open\""), lines.at(logged.line - 1).constData());
+    // The function named is one whose name stands in that file.
+    QString name = logged.function.left(logged.function.indexOf(QLatin1Char('(')));
+    name = name.mid(name.lastIndexOf(QLatin1Char(':')) + 1).section(QLatin1Char(' '), -1);
+    QVERIFY2(!name.isEmpty(), qPrintable(logged.function));
+    source.seek(0);
+    QVERIFY2(source.readAll().contains(name.toUtf8() + '('), qPrintable(logged.function));
 }
 
 QTEST_GUILESS_MAIN(ConfigurationManagerTest)

@@ -2,6 +2,7 @@
 
 #include "MessageCapture.h"
 
+#include <QtCore/QDirIterator>
 #include <QtCore/QFile>
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
@@ -9,6 +10,7 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
+#include <limits>
 #include <memory>
 
 namespace {
@@ -28,10 +30,24 @@ struct Zone
     int stop;
 };
 
+// The tests run with XDG_DATA_HOME in a temporary home of their own, so the
+// folder of the layout files is known here without asking QStandardPaths.
+QString s_dataHome;
+
 QString layoutFolder()
 {
-    return QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation)
-        + QStringLiteral("/controler_config/");
+    return s_dataHome + QStringLiteral("/OrvantaTests/tst_controllerconfig/controler_config/");
+}
+
+QStringList filesBelow(const QString& root)
+{
+    QStringList found;
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        found << QDir(root).relativeFilePath(it.next());
+    }
+    found.sort();
+    return found;
 }
 
 QJsonObject readLayout(const QString& fileName)
@@ -102,16 +118,25 @@ private slots:
     void logsEachSideLed();
     void existingFileIsOverwrittenInPlace();
     void ignoresConfigDirectoryAndCache();
+    void layoutFileIsTheOnlyFileInTheLocalDataFolder();
+    void ledTotalAboveTheLimitIsRefused_data();
+    void ledTotalAboveTheLimitIsRefused();
+    void ledTotalAtTheLimitIsWritten();
     void unwritableFolderFailsSilently();
 
 private:
+    QTemporaryDir m_home;
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<ConfigurationManager> m_manager;
 };
 
 void ControllerConfigTest::initTestCase()
 {
-    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(m_home.isValid());
+    s_dataHome = m_home.filePath(QStringLiteral("share"));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(s_dataHome));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(QStringLiteral("config"))));
+    QCoreApplication::setOrganizationName(QStringLiteral("OrvantaTests"));
     QCoreApplication::setApplicationName(QStringLiteral("tst_controllerconfig"));
 }
 
@@ -253,7 +278,12 @@ void ControllerConfigTest::logsEachSideLed()
             QStringLiteral("<<R  8"), QStringLiteral("<<R  9"), QStringLiteral("<<R  10")}));
     // The bottom edge has no line of its own; the document follows.
     QCOMPARE(debug.size(), 12);
-    QVERIFY(debug.last().contains(QStringLiteral("key_music")));
+    // The document itself, as QDebug quotes its text.
+    QFile file(layoutFolder() + QStringLiteral("desk.json"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QString expected;
+    QDebug(&expected) << QJsonDocument::fromJson(file.readAll()).toJson();
+    QCOMPARE(debug.last(), expected.trimmed());
     QVERIFY(capture.texts(QtWarningMsg).isEmpty());
     QVERIFY(capture.texts(QtCriticalMsg).isEmpty());
 }
@@ -272,7 +302,60 @@ void ControllerConfigTest::ignoresConfigDirectoryAndCache()
     const QString configDir = m_manager->configPath();
     QVERIFY(!QFile::exists(configDir + QStringLiteral("/controllers/desk.json")));
     QVERIFY(!QDir(configDir + QStringLiteral("/controler_config")).exists());
-    QVERIFY(layoutFolder().startsWith(QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation)));
+    QVERIFY(QFile::exists(layoutFolder() + QStringLiteral("desk.json")));
+}
+
+void ControllerConfigTest::layoutFileIsTheOnlyFileInTheLocalDataFolder()
+{
+    MessageCapture capture;
+    m_manager->generateControllerConfig(QStringLiteral("desk"), 3, 4, 4);
+    QCOMPARE(filesBelow(s_dataHome),
+        QStringList {QStringLiteral("OrvantaTests/tst_controllerconfig/controler_config/desk.json")});
+}
+
+void ControllerConfigTest::ledTotalAboveTheLimitIsRefused_data()
+{
+    QTest::addColumn<int>("height");
+    QTest::addColumn<int>("width");
+    QTest::addColumn<int>("bottom");
+    QTest::addColumn<QString>("total");
+    QTest::newRow("one above the limit") << 25000 << 50000 << 1 << QStringLiteral("100001");
+    QTest::newRow("sum above int") << std::numeric_limits<int>::max() << 1 << 0 << QStringLiteral("4294967295");
+    QTest::newRow("sum below int") << std::numeric_limits<int>::min() << 0 << 0 << QStringLiteral("-4294967296");
+    QTest::newRow("each side at the most") << std::numeric_limits<int>::max() << std::numeric_limits<int>::max()
+                                           << std::numeric_limits<int>::max() << QStringLiteral("8589934588");
+}
+
+void ControllerConfigTest::ledTotalAboveTheLimitIsRefused()
+{
+    QFETCH(int, height);
+    QFETCH(int, width);
+    QFETCH(int, bottom);
+    QFETCH(QString, total);
+    MessageCapture capture;
+    m_manager->generateControllerConfig(QStringLiteral("huge"), height, width, bottom);
+    QCOMPARE(capture.all(),
+        QStringList {QStringLiteral("warning: Failed to generate controller config \"huge\" : LED count %1 is out of "
+                                    "range")
+                         .arg(total)});
+    QVERIFY(!QFile::exists(layoutFolder() + QStringLiteral("huge.json")));
+}
+
+void ControllerConfigTest::ledTotalAtTheLimitIsWritten()
+{
+    // A side far below zero with the others large: the total is in range,
+    // the sums on the way are not all within an int.
+    MessageCapture capture; // one debug line per LED
+    m_manager->generateControllerConfig(QStringLiteral("limit"), 25000, 49999, 1);
+    m_manager->generateControllerConfig(QStringLiteral("skewed"), -1500000000, 2000000000, 1000000010);
+    QVERIFY(capture.texts(QtWarningMsg).isEmpty());
+    const QJsonObject layout = readLayout(QStringLiteral("limit.json"));
+    compareHeader(layout, 49999, 25000, 100000);
+    QCOMPARE(layout.value(QStringLiteral("key_array")).toArray().size(), 100000);
+    QCOMPARE(layout.value(QStringLiteral("key_music")).toArray().size(), 6);
+    const QJsonObject skewed = readLayout(QStringLiteral("skewed.json"));
+    compareHeader(skewed, 2000000000, 1, 10);
+    QCOMPARE(skewed.value(QStringLiteral("key_array")).toArray().size(), 10);
 }
 
 void ControllerConfigTest::unwritableFolderFailsSilently()
