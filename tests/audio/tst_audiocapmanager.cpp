@@ -2,6 +2,7 @@
 #include "AudioCapturer.h"
 #include "ConfigurationManager.h"
 #include "Helpers.h"
+#include "CrossThreadSpy.h"
 #include "MessageCapture.h"
 #include "fakes/FakeDevice.h"
 
@@ -165,8 +166,8 @@ private slots:
         QVERIFY(manager.allCapturers().isEmpty());
         QCOMPARE(manager.capturerDesc("broken"), QStringLiteral("Fake broken"));
 
-        QSignalSpy ready(&manager, &AudioCapManager::capturerReady);
-        QSignalSpy lost(&manager, &AudioCapManager::capturerLost);
+        CrossThreadSpy ready(&manager, &AudioCapManager::capturerReady);
+        CrossThreadSpy lost(&manager, &AudioCapManager::capturerLost);
         watcher->notifyState("broken", DeviceStateNotPresent);
         drainPool();
         QCOMPARE(ready.count(), 0);
@@ -209,8 +210,8 @@ private slots:
     {
         auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
         AudioCapManager manager(watcher);
-        QSignalSpy ready(&manager, &AudioCapManager::capturerReady);
-        QSignalSpy lost(&manager, &AudioCapManager::capturerLost);
+        CrossThreadSpy ready(&manager, &AudioCapManager::capturerReady);
+        CrossThreadSpy lost(&manager, &AudioCapManager::capturerLost);
 
         Device usb = addDevice(*watcher, "usb");
         watcher->notifyState("usb", DeviceStateActive);
@@ -250,7 +251,7 @@ private slots:
         AudioCapManager manager(watcher);
         QSharedPointer<AudioCapturer> capturer = manager.acquireCapturer("speakers");
         QVERIFY(capturer->isRunning());
-        QSignalSpy lost(&manager, &AudioCapManager::capturerLost);
+        CrossThreadSpy lost(&manager, &AudioCapManager::capturerLost);
         watcher->notifyState("speakers", DeviceStateUnplugged);
         drainPool();
         QCOMPARE(lost.count(), 1);
@@ -269,8 +270,8 @@ private slots:
         auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
         Device speakers = addDevice(*watcher, "speakers");
         AudioCapManager manager(watcher);
-        QSignalSpy ready(&manager, &AudioCapManager::capturerReady);
-        QSignalSpy lost(&manager, &AudioCapManager::capturerLost);
+        CrossThreadSpy ready(&manager, &AudioCapManager::capturerReady);
+        CrossThreadSpy lost(&manager, &AudioCapManager::capturerLost);
         QSharedPointer<AudioCapturer> capturer = manager.acquireCapturer("speakers");
         MessageCapture capture;
         {

@@ -2,6 +2,7 @@
 #include "AudioCapturer_p.h"
 #include "ConfigurationManager.h"
 #include "Helpers.h"
+#include "CrossThreadSpy.h"
 #include "MessageCapture.h"
 #include "fakes/FakeDevice.h"
 
@@ -133,7 +134,7 @@ private slots:
         connect(&capturer, &AudioCapturer::channelsPeakValuesChanged, &receiver, &Receiver::onPeaks);
         QCOMPARE(capturer.load(rig.endpoint), S_OK);
 
-        QSignalSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
+        CrossThreadSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
         for (int i = 0; i < 9; ++i) {
             rig.script->push(sineBlock16(2048, 1000.0, 48000));
         }
@@ -297,8 +298,8 @@ private slots:
         QVERIFY(
             !capture.contains(QtInfoMsg, "[AudioCapturer]: Succeeded to activate IAudioMeterInformation interface"));
 
-        QSignalSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
-        QSignalSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
+        CrossThreadSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
+        CrossThreadSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
         for (int i = 0; i < 6; ++i) {
             rig.script->push(sineBlock16(2048, 1000.0, 48000));
         }
@@ -320,7 +321,7 @@ private slots:
         QCOMPARE(capture.texts(QtWarningMsg),
             QStringList({"[AudioCapturer]: Failed to get metering channel count",
                 "[AudioCapturer]: Effects that rely on peakValues will not be available"}));
-        QSignalSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
+        CrossThreadSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
         capturer.start();
         QTRY_VERIFY_WITH_TIMEOUT(rig.script->polls().size() >= 3, 10000);
         QCOMPARE(peaks.count(), 0);
@@ -331,7 +332,7 @@ private slots:
         Rig rig;
         AudioCapturer capturer(0, 16000);
         QCOMPARE(capturer.load(rig.endpoint), S_OK);
-        QSignalSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
+        CrossThreadSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
         capturer.start();
         QTRY_VERIFY_WITH_TIMEOUT(peaks.count() >= 1, 10000);
         const auto values = peaks.first().first().value<QVector<QVector<QString>>>();
@@ -356,7 +357,7 @@ private slots:
         Rig rig;
         AudioCapturer capturer(0, 16000);
         QCOMPARE(capturer.load(rig.endpoint), S_OK);
-        QSignalSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
+        CrossThreadSpy peaks(&capturer, &AudioCapturer::channelsPeakValuesChanged);
         QElapsedTimer sinceStart;
         sinceStart.start();
         capturer.start();
@@ -402,7 +403,7 @@ private slots:
         Rig rig;
         AudioCapturer capturer(0, 16000);
         QCOMPARE(capturer.load(rig.endpoint), S_OK);
-        QSignalSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
+        CrossThreadSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
         capturer.start();
         // One block at a time, so that each signal can be matched to its block.
         QList<int> publishingBlocks;
@@ -435,7 +436,7 @@ private slots:
         Rig rig;
         AudioCapturer capturer(0, 16000);
         QCOMPARE(capturer.load(rig.endpoint), S_OK);
-        QSignalSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
+        CrossThreadSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
         // Three blocks' frames in odd packet sizes.
         const std::vector<std::uint8_t> all = sineBlock16(3 * 2048, 1000.0, 48000);
         std::size_t at = 0;
@@ -455,7 +456,7 @@ private slots:
         Rig rig;
         AudioCapturer capturer(0, 16000);
         QCOMPARE(capturer.load(rig.endpoint), S_OK);
-        QSignalSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
+        CrossThreadSpy spectra(&capturer, &AudioCapturer::spectrumsChanged);
         QSignalSpy finished(&capturer, &QThread::finished);
         MessageCapture capture;
         rig.script->getBufferResult = AUDCLNT_E_DEVICE_INVALIDATED;

@@ -1,4 +1,5 @@
 #include "AudioReader.h"
+#include "CrossThreadSpy.h"
 #include "MessageCapture.h"
 #include "PulseTestSupport.h"
 #include "QtAudioCapture.h"
@@ -144,7 +145,7 @@ private slots:
         AudioReader reader(&owner, nullptr);
         reader.spectrumAnalyzer().setInputFormat(AV_SAMPLE_FMT_S16, 48000, 3);
         QVERIFY(reader.open(QIODevice::WriteOnly));
-        QSignalSpy spectra(&reader, &AudioReader::spectrumChanged);
+        CrossThreadSpy spectra(&reader, &AudioReader::spectrumChanged);
         const QByteArray chunk = PulseTest::sine16(1000.0, 48000, 0.25, 0.5); // 12000 frames
         QCOMPARE(reader.write(chunk), qint64(chunk.size()));
         QCOMPARE(reader.spectrumAnalyzer().cacheFillLevel(), 0);
@@ -166,7 +167,7 @@ private slots:
         AudioReader reader(&owner, nullptr);
         reader.spectrumAnalyzer().setInputFormat(AV_SAMPLE_FMT_S16, 48000, 3);
         QVERIFY(reader.open(QIODevice::WriteOnly));
-        QSignalSpy spectra(&reader, &AudioReader::spectrumChanged);
+        CrossThreadSpy spectra(&reader, &AudioReader::spectrumChanged);
         const QByteArray chunk = PulseTest::sine16(1500.0, 48000, 3 * 2048 / 48000.0, 0.5);
         QCOMPARE(chunk.size(), 3 * 2048 * 4);
         QCOMPARE(reader.write(chunk), qint64(chunk.size()));

@@ -390,6 +390,9 @@ void QMetaObject::activate(QObject* sender, const QMetaObject* meta, int localSi
         "_ZN11QMetaObject8activateEP7QObjectPKS_iPPv");
     ::release(sender);
     next(sender, meta, localSignalIndex, argv);
+    // A queued connection copies the arguments inside the call; a receiver
+    // that delivers after this point sees those copies ordered too.
+    ::release(sender);
 }
 
 bool QMetaObject::invokeMethodImpl(
