@@ -38,7 +38,12 @@ unmount_all() {
 cleanup() {
     local status=$?
     unmount_all
-    [[ ${ORVANTA_FRESH_KEEP:-0} == 1 ]] || rm -rf --one-file-system "$base"
+    if grep -q " $base/" /proc/mounts; then
+        # A bind mount of this file system would not stop rm at its border.
+        echo "fresh-machine-check: $base still has mounts; left in place" >&2
+    elif [[ ${ORVANTA_FRESH_KEEP:-0} != 1 ]]; then
+        rm -rf --one-file-system "$base"
+    fi
     exit $status
 }
 trap cleanup EXIT
