@@ -26,7 +26,7 @@ printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature,ke
 openssl x509 -req -in "$tls/server.csr" -CA "$tls/ca.pem" -CAkey "$tls/ca.key" -CAcreateserial \
     -days 2 -extfile "$tls/server.ext" -out "$tls/server.pem" 2>>"$tls/openssl.log"
 
-python3 "$server" --port 0 --port-file "$dir/$name.port" --pid-file "$dir/$name.pid" \
+/usr/bin/python3 "$server" --port 0 --port-file "$dir/$name.port" --pid-file "$dir/$name.pid" \
     --tls-cert "$tls/server.pem" --tls-key "$tls/server.key" \
     >"$dir/$name.log" 2>&1 </dev/null &
 for _ in $(seq 1 100); do
