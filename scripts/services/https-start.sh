@@ -9,10 +9,9 @@ set -euo pipefail
 dir=$1
 name=$2
 here=$(cd "$(dirname "$0")" && pwd)
-server=$here/../../tests/feedback/server/http_test_server.py
 tls=$dir/$name.tls
 mkdir -p "$dir"
-rm -rf "$tls" "$dir/$name.env" "$dir/$name.port" "$dir/$name.pid"
+rm -rf "$tls"
 mkdir -p "$tls"
 
 openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=Orvanta test authority" \
@@ -26,24 +25,5 @@ printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature,ke
 openssl x509 -req -in "$tls/server.csr" -CA "$tls/ca.pem" -CAkey "$tls/ca.key" -CAcreateserial \
     -days 2 -extfile "$tls/server.ext" -out "$tls/server.pem" 2>>"$tls/openssl.log"
 
-/usr/bin/python3 "$server" --port 0 --port-file "$dir/$name.port" --pid-file "$dir/$name.pid" \
-    --tls-cert "$tls/server.pem" --tls-key "$tls/server.key" \
-    >"$dir/$name.log" 2>&1 </dev/null &
-for _ in $(seq 1 100); do
-    [[ -s $dir/$name.port ]] && break
-    if ! kill -0 $! 2>/dev/null; then
-        echo "https-start.sh: the server exited; see $dir/$name.log" >&2
-        exit 1
-    fi
-    sleep 0.1
-done
-if [[ ! -s $dir/$name.port ]]; then
-    echo "https-start.sh: the server did not report its port" >&2
-    kill "$!" 2>/dev/null || true
-    exit 1
-fi
-port=$(cat "$dir/$name.port")
-{
-    echo "export ORVANTA_TEST_HTTPS_URL=https://127.0.0.1:$port"
-    echo "export ORVANTA_TEST_HTTPS_CA=$tls/ca.pem"
-} >"$dir/$name.env"
+"$here/http-start.sh" "$dir" "$name" --tls-cert "$tls/server.pem" --tls-key "$tls/server.key"
+echo "export ORVANTA_TEST_HTTPS_CA=$tls/ca.pem" >>"$dir/$name.env"
