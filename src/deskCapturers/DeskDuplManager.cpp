@@ -49,8 +49,7 @@ DeskDuplManager::DeskDuplManager(std::shared_ptr<Orvanta::Ifaces::DisplaySystem>
     option->setTotalOfMode(3);
     option->setModeNames({QStringLiteral("DXGI"), QStringLiteral("WinRT"), QStringLiteral("GDI")});
 
-    const int configured
-        = ConfigurationManager::instance()->globalValue(QStringLiteral("screenCaptureMode")).toInt(0);
+    const int configured = ConfigurationManager::instance()->globalValue(QStringLiteral("screenCaptureMode")).toInt(0);
     option->setCurMode(qBound(0, configured, 2));
 
     if (QCoreApplication* application = QCoreApplication::instance())

@@ -1,8 +1,8 @@
 #include "AudioCapManager.h"
 #include "AudioCapturer.h"
 #include "ConfigurationManager.h"
-#include "Helpers.h"
 #include "CrossThreadSpy.h"
+#include "Helpers.h"
 #include "MessageCapture.h"
 #include "fakes/FakeDevice.h"
 

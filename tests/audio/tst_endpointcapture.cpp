@@ -1,8 +1,8 @@
 #include "AudioCapturer.h"
 #include "AudioCapturer_p.h"
 #include "ConfigurationManager.h"
-#include "Helpers.h"
 #include "CrossThreadSpy.h"
+#include "Helpers.h"
 #include "MessageCapture.h"
 #include "fakes/FakeDevice.h"
 

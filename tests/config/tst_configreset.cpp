@@ -2,11 +2,13 @@
 
 #include "MessageCapture.h"
 
+#include "ConfigTestSupport.h"
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTemporaryDir>
+
 #include <QtTest/QtTest>
 
 #include <memory>
@@ -21,15 +23,6 @@ namespace {
 const QString organisation = QStringLiteral("OrvantaTests");
 const char resetWithoutApplicationArgument[] = "--reset-without-application";
 const QString application = QStringLiteral("tst_configreset");
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return QByteArray();
-    }
-    return file.readAll();
-}
 
 void writeFile(const QString& path, const QByteArray& bytes)
 {

@@ -2,11 +2,13 @@
 
 #include "MessageCapture.h"
 
+#include "ConfigTestSupport.h"
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTemporaryDir>
+
 #include <QtTest/QtTest>
 
 #include <csignal>
@@ -14,15 +16,6 @@
 #include <sys/resource.h>
 
 namespace {
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return QByteArray();
-    }
-    return file.readAll();
-}
 
 void writeFile(const QString& path, const QByteArray& bytes)
 {

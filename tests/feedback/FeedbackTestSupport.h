@@ -2,6 +2,7 @@
 
 #include "ConfigurationManager.h"
 
+#include <QtCore/QCryptographicHash>
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -75,6 +76,24 @@ inline QByteArray readFile(const QString& path)
 }
 
 /// The zip's listing as Python's zipfile reads it; see tools/zip_listing.py.
+/// The SHA-256 of a file as lowercase hexadecimal, empty when it cannot be read.
+inline QByteArray fileDigest(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return QByteArray();
+    }
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    hash.addData(&file);
+    return hash.result().toHex();
+}
+
+/// A version reply as the server sends it.
+inline QJsonObject versionReply(const QString& version, const QString& url, const QString& digest)
+{
+    return {{QStringLiteral("var"), version}, {QStringLiteral("download_url"), url}, {QStringLiteral("md5"), digest}};
+}
+
 inline QJsonObject readZip(const QString& path)
 {
     QProcess python;

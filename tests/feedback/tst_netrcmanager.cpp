@@ -39,20 +39,28 @@ QString unreachableServer()
     return QStringLiteral("http://127.0.0.1:%1").arg(port);
 }
 
-QByteArray fileDigest(const QString& path)
+/// The parts of one feedback form the server received, in their order.
+QJsonArray uploadedParts(const ServerControl& server, int upload)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return QByteArray();
-    }
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    hash.addData(&file);
-    return hash.result().toHex();
+    return server.requestsTo(QStringLiteral("/app/logupload.php"))
+        .at(upload)
+        .toObject()
+        .value(QStringLiteral("form"))
+        .toObject()
+        .value(QStringLiteral("parts"))
+        .toArray();
 }
 
-QJsonObject versionReply(const QString& version, const QString& url, const QString& digest)
+/// The bytes of one part of a received form.
+QByteArray partBody(const QJsonArray& parts, int part)
 {
-    return {{QStringLiteral("var"), version}, {QStringLiteral("download_url"), url}, {QStringLiteral("md5"), digest}};
+    return QByteArray::fromBase64(parts.at(part)
+                                      .toObject()
+                                      .value(QStringLiteral("body"))
+                                      .toObject()
+                                      .value(QStringLiteral("base64"))
+                                      .toString()
+                                      .toLatin1());
 }
 
 /// Every file of a folder, hidden ones and links included.
@@ -916,13 +924,7 @@ void NetRCManagerTest::uploadFormFieldByField()
         return parts.at(index).toObject().value(QStringLiteral("headers")).toArray();
     };
     const auto body = [&parts](int index) {
-        return QByteArray::fromBase64(parts.at(index)
-                                          .toObject()
-                                          .value(QStringLiteral("body"))
-                                          .toObject()
-                                          .value(QStringLiteral("base64"))
-                                          .toString()
-                                          .toLatin1());
+        return partBody(parts, index);
     };
 
     QCOMPARE(headers(0),
@@ -956,22 +958,9 @@ void NetRCManagerTest::emptyMessageAndContactGiveSeparatorAndLabel()
     net.sendFeedback(
         feedback.get(), [&finished]() { finished = true; }, nullptr);
     QTRY_VERIFY_WITH_TIMEOUT(finished, kWait);
-    const QJsonArray parts = m_server->requestsTo(QStringLiteral("/app/logupload.php"))
-                                 .at(0)
-                                 .toObject()
-                                 .value(QStringLiteral("form"))
-                                 .toObject()
-                                 .value(QStringLiteral("parts"))
-                                 .toArray();
+    const QJsonArray parts = uploadedParts(*m_server, 0);
     QCOMPARE(parts.size(), 3);
-    QCOMPARE(QByteArray::fromBase64(parts.at(0)
-                                        .toObject()
-                                        .value(QStringLiteral("body"))
-                                        .toObject()
-                                        .value(QStringLiteral("base64"))
-                                        .toString()
-                                        .toLatin1()),
-        messageLabel().toUtf8());
+    QCOMPARE(partBody(parts, 0), messageLabel().toUtf8());
 }
 
 void NetRCManagerTest::emptyFeedbackPointerReportsMissingFile()
@@ -1041,24 +1030,11 @@ void NetRCManagerTest::nonLatin1NameGoesOutAsLatin1()
     net.sendFeedback(
         feedback.get(), [&finished]() { finished = true; }, nullptr);
     QTRY_VERIFY_WITH_TIMEOUT(finished, kWait);
-    const QJsonArray parts = m_server->requestsTo(QStringLiteral("/app/logupload.php"))
-                                 .at(0)
-                                 .toObject()
-                                 .value(QStringLiteral("form"))
-                                 .toObject()
-                                 .value(QStringLiteral("parts"))
-                                 .toArray();
+    const QJsonArray parts = uploadedParts(*m_server, 0);
     QCOMPARE(parts.size(), 3);
     const QByteArray latin1 = fileName.toLatin1();
     QVERIFY(latin1.contains("5254?"));
-    QCOMPARE(QByteArray::fromBase64(parts.at(1)
-                                        .toObject()
-                                        .value(QStringLiteral("body"))
-                                        .toObject()
-                                        .value(QStringLiteral("base64"))
-                                        .toString()
-                                        .toLatin1()),
-        latin1);
+    QCOMPARE(partBody(parts, 1), latin1);
     QCOMPARE(parts.at(2).toObject().value(QStringLiteral("headers")).toArray().at(0).toArray().at(1).toString(),
         QStringLiteral("form-data; name=\"upload_file_minidump\"; filename=\"%1.zip\"")
             .arg(QString::fromLatin1(latin1)));
@@ -1194,22 +1170,9 @@ void NetRCManagerTest::hostileContactTextStaysInTheFormOnly()
     net.sendFeedback(
         feedback.get(), [&finished]() { finished = true; }, nullptr);
     QTRY_VERIFY_WITH_TIMEOUT(finished, kWait);
-    const QJsonArray parts = m_server->requestsTo(QStringLiteral("/app/logupload.php"))
-                                 .at(0)
-                                 .toObject()
-                                 .value(QStringLiteral("form"))
-                                 .toObject()
-                                 .value(QStringLiteral("parts"))
-                                 .toArray();
+    const QJsonArray parts = uploadedParts(*m_server, 0);
     QCOMPARE(parts.size(), 3);
-    QCOMPARE(QByteArray::fromBase64(parts.at(0)
-                                        .toObject()
-                                        .value(QStringLiteral("body"))
-                                        .toObject()
-                                        .value(QStringLiteral("base64"))
-                                        .toString()
-                                        .toLatin1()),
-        (QStringLiteral("hello") + messageLabel() + contact).toUtf8());
+    QCOMPARE(partBody(parts, 0), (QStringLiteral("hello") + messageLabel() + contact).toUtf8());
 }
 
 // ---- usage report -------------------------------------------------------

@@ -17,22 +17,6 @@ namespace {
 constexpr int kWait = 60000;
 const QString kVersion = QStringLiteral("2.3.4");
 
-QByteArray fileDigest(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return QByteArray();
-    }
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    hash.addData(&file);
-    return hash.result().toHex();
-}
-
-QJsonObject versionReply(const QString& version, const QString& url, const QString& digest)
-{
-    return {{QStringLiteral("var"), version}, {QStringLiteral("download_url"), url}, {QStringLiteral("md5"), digest}};
-}
-
 } // namespace
 
 /**

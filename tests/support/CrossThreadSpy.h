@@ -35,15 +35,24 @@ public:
         const std::lock_guard<std::mutex> lock(m_lock);
         return m_emissions.size();
     }
-    int size() const { return count(); }
-    bool isEmpty() const { return count() == 0; }
+    int size() const
+    {
+        return count();
+    }
+    bool isEmpty() const
+    {
+        return count() == 0;
+    }
 
     QVariantList at(int index) const
     {
         const std::lock_guard<std::mutex> lock(m_lock);
         return m_emissions.at(index);
     }
-    QVariantList first() const { return at(0); }
+    QVariantList first() const
+    {
+        return at(0);
+    }
     QVariantList last() const
     {
         const std::lock_guard<std::mutex> lock(m_lock);
