@@ -1,14 +1,14 @@
 #include "MessageCapture.h"
 
-#include <QtCore/QMutexLocker>
-
-#include <atomic>
+#include <mutex>
 
 namespace {
-// Read by whichever thread logs. A capture thread may be set off by another
-// process (a sound server) rather than by the test's own thread, so the
-// pointer itself must carry the ordering.
-std::atomic<MessageCapture*> s_current {nullptr};
+// Guards the current capture and its list. A worker thread may be inside the
+// handler while the test's thread destroys the capture; with one lock for
+// both, the destructor waits for that message, and a message that comes later
+// finds no capture.
+std::mutex s_lock;
+MessageCapture* s_current = nullptr;
 
 QString levelName(QtMsgType type)
 {
@@ -30,27 +30,33 @@ QString levelName(QtMsgType type)
 
 MessageCapture::MessageCapture()
 {
-    s_current.store(this, std::memory_order_release);
+    {
+        const std::lock_guard<std::mutex> lock(s_lock);
+        s_current = this;
+    }
     m_previous = qInstallMessageHandler(&MessageCapture::handler);
 }
 
 MessageCapture::~MessageCapture()
 {
     qInstallMessageHandler(m_previous);
-    s_current.store(nullptr, std::memory_order_release);
+    const std::lock_guard<std::mutex> lock(s_lock);
+    if (s_current == this) {
+        s_current = nullptr;
+    }
 }
 
 void MessageCapture::handler(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
-    if (MessageCapture* capture = s_current.load(std::memory_order_acquire)) {
-        QMutexLocker locker(&capture->m_mutex);
-        capture->m_messages.append({type, text});
+    const std::lock_guard<std::mutex> lock(s_lock);
+    if (s_current) {
+        s_current->m_messages.append({type, text});
     }
 }
 
 QList<MessageCapture::Message> MessageCapture::messages() const
 {
-    QMutexLocker locker(&m_mutex);
+    const std::lock_guard<std::mutex> lock(s_lock);
     return m_messages;
 }
 
@@ -86,6 +92,6 @@ int MessageCapture::count(QtMsgType type, const QString& text) const
 
 void MessageCapture::clear()
 {
-    QMutexLocker locker(&m_mutex);
+    const std::lock_guard<std::mutex> lock(s_lock);
     m_messages.clear();
 }

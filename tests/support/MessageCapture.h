@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QtCore/QList>
-#include <QtCore/QMutex>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 #include <QtCore/QtGlobal>
@@ -38,7 +37,6 @@ public:
 private:
     static void handler(QtMsgType type, const QMessageLogContext& context, const QString& text);
 
-    mutable QMutex m_mutex;
     QList<Message> m_messages;
     QtMessageHandler m_previous = nullptr;
 };
