@@ -99,8 +99,10 @@ int raceOnPoolTask()
 {
     auto watcher = std::make_shared<Canary::HookedWatcher>(plantedRaceOnPoolTask);
     AudioCapManager manager(watcher);
-    // A few rounds, each with a task of its own: one report is enough.
-    for (int round = 0; round < 5; ++round) {
+    // Rounds, each with a task of its own: one report is enough. Whether a
+    // round's task shares an ordering with the main thread depends on which
+    // pooled thread takes it and when, so several rounds make the report sure.
+    for (int round = 0; round < 40; ++round) {
         reached.store(false, std::memory_order_relaxed);
         manager.OnDeviceStateChanged(QStringLiteral("arriving-%1").arg(round), Orvanta::Ifaces::DeviceStateActive);
         if (!waitUntilReached()) {
