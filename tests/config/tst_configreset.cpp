@@ -2,7 +2,7 @@
 
 #include "MessageCapture.h"
 
-#include "ConfigTestSupport.h"
+#include "TestFiles.h"
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>

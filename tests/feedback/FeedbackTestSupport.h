@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ConfigurationManager.h"
+#include "TestFiles.h"
 
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QDateTime>
@@ -69,13 +70,6 @@ inline bool writeFile(const QString& path, const QByteArray& content, const QDat
     return true;
 }
 
-inline QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-/// The zip's listing as Python's zipfile reads it; see tools/zip_listing.py.
 /// The SHA-256 of a file as lowercase hexadecimal, empty when it cannot be read.
 inline QByteArray fileDigest(const QString& path)
 {
@@ -94,6 +88,7 @@ inline QJsonObject versionReply(const QString& version, const QString& url, cons
     return {{QStringLiteral("var"), version}, {QStringLiteral("download_url"), url}, {QStringLiteral("md5"), digest}};
 }
 
+/// The zip's listing as Python's zipfile reads it; see tools/zip_listing.py.
 inline QJsonObject readZip(const QString& path)
 {
     QProcess python;

@@ -1,4 +1,4 @@
-// Helpers shared by the configuration tests.
+// File helpers shared by the test programs.
 #pragma once
 
 #include <QtCore/QByteArray>
