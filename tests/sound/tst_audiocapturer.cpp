@@ -94,6 +94,32 @@ public:
     FFmpegAllocationLimit& operator=(const FFmpegAllocationLimit&) = delete;
 };
 
+/// What four blocks fed while FFmpeg may allocate at most @p bytes at once
+/// leave behind: the critical lines logged, the spectra published, and
+/// whether each block was taken whole (the fill level back at zero).
+struct BlocksUnderLimit
+{
+    QStringList criticals;
+    int publications = 0;
+    bool everyBlockTaken = true;
+};
+
+BlocksUnderLimit feedFourBlocksUnderLimit(PreparedCapturer& prepared, const QByteArray& block, size_t bytes)
+{
+    MessageCapture messages;
+    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
+    BlocksUnderLimit result;
+    {
+        const FFmpegAllocationLimit limit(bytes);
+        for (int i = 0; i < 4; ++i) {
+            result.everyBlockTaken = result.everyBlockTaken && prepared.feed(block) == 0u;
+        }
+    }
+    result.criticals = messages.texts(QtCriticalMsg);
+    result.publications = spy.size();
+    return result;
+}
+
 // Argument that turns this program into the probe of
 // firstPeakSignalReachesAnotherThread().
 const char kPeakSignalProbe[] = "--first-peak-signal-probe";
@@ -678,15 +704,10 @@ void AudioCapturerTest::failedFrameAllocationIsLoggedAndDropsBlock()
     // As before the first block: no frame yet.
     prepared.d->reusableFrame.reset();
 
-    MessageCapture messages;
-    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
-    {
-        const FFmpegAllocationLimit nothingFits(1);
-        for (int i = 0; i < 4; ++i)
-            QCOMPARE(prepared.feed(block), 0u);
-    }
-    QCOMPARE(messages.texts(QtCriticalMsg), repeated(4, QStringLiteral("Failed to allocate reusable AVFrame")));
-    QCOMPARE(spy.size(), 0);
+    const BlocksUnderLimit dropped = feedFourBlocksUnderLimit(prepared, block, 1);
+    QCOMPARE(dropped.criticals, repeated(4, QStringLiteral("Failed to allocate reusable AVFrame")));
+    QCOMPARE(dropped.publications, 0);
+    QVERIFY(dropped.everyBlockTaken);
     QVERIFY(!prepared.d->reusableFrame);
 
     // The next block tries again, and the dropped ones did not count.
@@ -701,17 +722,12 @@ void AudioCapturerTest::failedFrameBufferIsLoggedAndDropsBlock()
     alignToPublication(prepared, block);
     prepared.d->reusableFrame.reset();
 
-    MessageCapture messages;
-    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
-    {
-        // The frame itself fits; its sample planes of 8 KiB each do not.
-        const FFmpegAllocationLimit framesOnly(4096);
-        for (int i = 0; i < 4; ++i)
-            QCOMPARE(prepared.feed(block), 0u);
-    }
-    QCOMPARE(messages.texts(QtCriticalMsg),
-        repeated(4, QStringLiteral("Failed to get frame buffer, errCode: %1").arg(AVERROR(ENOMEM))));
-    QCOMPARE(spy.size(), 0);
+    // The frame itself fits; its sample planes of 8 KiB each do not.
+    const BlocksUnderLimit dropped = feedFourBlocksUnderLimit(prepared, block, 4096);
+    QCOMPARE(
+        dropped.criticals, repeated(4, QStringLiteral("Failed to get frame buffer, errCode: %1").arg(AVERROR(ENOMEM))));
+    QCOMPARE(dropped.publications, 0);
+    QVERIFY(dropped.everyBlockTaken);
     // The frame without a buffer was freed: the next block starts afresh.
     QVERIFY(!prepared.d->reusableFrame);
 
@@ -731,16 +747,11 @@ void AudioCapturerTest::failedFrameWritabilityIsLoggedAndDropsBlock()
     // making it writable needs a new buffer, which does not fit.
     Orvanta::AVFramePtr sharer(av_frame_alloc());
     QCOMPARE(av_frame_ref(sharer.get(), prepared.d->reusableFrame.get()), 0);
-    MessageCapture messages;
-    QSignalSpy spy(prepared.capturer.get(), &AudioCapturer::spectrumsChanged);
-    {
-        const FFmpegAllocationLimit framesOnly(4096);
-        for (int i = 0; i < 4; ++i)
-            QCOMPARE(prepared.feed(block), 0u);
-    }
-    QCOMPARE(messages.texts(QtCriticalMsg),
+    const BlocksUnderLimit dropped = feedFourBlocksUnderLimit(prepared, block, 4096);
+    QCOMPARE(dropped.criticals,
         repeated(4, QStringLiteral("Failed to make frame writable, errCode: %1").arg(AVERROR(ENOMEM))));
-    QCOMPARE(spy.size(), 0);
+    QCOMPARE(dropped.publications, 0);
+    QVERIFY(dropped.everyBlockTaken);
     // The frame is kept for the next block.
     QCOMPARE(prepared.d->reusableFrame.get(), frame);
 
