@@ -43,6 +43,8 @@ packages=(
     libspa-0.2-modules python3-dbus python3-gi
     # https tests: the openssl tool makes the test certificate authority
     openssl
+    # the API reference (the docs target)
+    doxygen
     # fuzzing (scripts/fuzz.sh): clang with libFuzzer and its sanitizer runtimes
     clang libclang-rt-14-dev
 )

@@ -63,6 +63,10 @@ build_type=RelWithDebInfo
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=$build_type \
       -DORVANTA_SANITIZERS="$sanitizers" -DORVANTA_BUILD_BENCHMARKS=$([[ -z $sanitizers ]] && echo ON || echo OFF)
 cmake --build "$build" -j"$(nproc)"
+# The API reference; any Doxygen warning fails the run.
+if [[ -z $sanitizers ]]; then
+    cmake --build "$build" --target docs
+fi
 
 # Sanitizer reports fail the run; Qt's and the drivers' own process-lifetime
 # allocations are listed in the suppression files.

@@ -55,44 +55,94 @@ public:
     /// platform's per-user configuration location.
     static QString gsConfigPath;
 
+    /// The process's store, made by the first call with the folder that
+    /// setConfigPath() chose; any thread may call it.
     static ConfigurationManager* instance();
+    /// Chooses the configuration folder of the store that instance() makes
+    /// next; call it on the application's thread before the first instance().
     static void setConfigPath(const QString& path);
 
+    /// A store over gsConfigPath (or the platform's per-user location); it
+    /// makes the folder and its subfolders. Applications use instance().
     ConfigurationManager();
     ~ConfigurationManager() override;
 
+    /// The configuration folder, fixed at construction.
     QString configPath() const;
+    /// configPath() + "/logs", the folder the application's logs belong in.
     QString logsPath() const;
+    /// configPath() + "/resources", where the downloaded installer goes.
     QString resourcesPath() const;
 
+    /// Makes the configuration folder (one level) and its "controllers",
+    /// "logs", "effects", "dumps" and "resources" subfolders where missing.
     void makeDefaultDir();
+    /**
+     * Deletes the application's per-user configuration and data folders,
+     * sparing every folder named "logs" or "dumps". Refused with a warning
+     * when no application name is set. The cache is not cleared.
+     */
     void reset();
+    /// Sets the global value "cleanStartup" to true and saves the global document.
     void EnableCleanStartup();
+    /// Saves every cached document.
     void save();
 
+    /// The cached global document, loaded at first use; see the class notes on threads.
     QJsonObject& AppConfigJsonObj();
+    /// Writes the global document to "global.json".
     void saveAppConfigJsonObj();
+    /// Writes the global document to "global.json"; the same as saveAppConfigJsonObj().
     void saveGlobalValues();
+    /// The cached document of controller @p name ("controllers/<name>.json").
     QJsonObject& controllerJsonObj(const QString& name);
+    /// Writes the document of controller @p name.
     void saveControllerJsonObj(const QString& name);
+    /// The cached document of effect @p name ("effects/<name>.json", a "." in the name stands as "_").
     QJsonObject& effectJsonObj(QString name);
+    /// Writes the document of effect @p name.
     void saveEffectJsonObj(QString name);
 
-    // Dotted-path access to any object; see the implementation for the grammar.
+    /**
+     * The value at the dotted @p path ("a.b.c") in @p object: the object
+     * itself for an empty path, null when a component before the last is
+     * missing or not an object, undefined when the last one is missing.
+     */
     static QJsonValue valWithXPath(const QJsonObject& object, QString path);
+    /// Stores @p value at the dotted @p path of @p object, making the objects on the way.
     static void setValWithXPath(QJsonObject& object, QString path, QJsonValue value);
+    /// Stores @p value at the components of @p path in @p object and returns the changed object.
     static QJsonValue setValWithXPath(QJsonObject& object, QStringList path, QJsonValue value);
 
+    /// A copy of the global document's value at the dotted @p path (see valWithXPath()).
     QJsonValue globalValue(const QString& path);
+    /// The same as globalValue().
     QJsonValue appConfig(const QString& path);
+    /// Stores @p value at the dotted @p path of the global document in memory; saveGlobalValues() writes it.
     void setGlobalValue(const QString& path, const QJsonValue& value);
+    /// Stores @p value at the components of @p path of the global document in memory.
     void setGlobalValue(const QStringList& path, const QJsonValue& value);
+    /// Stores @p value like setGlobalValue(), saves the global document, then emits appConfigChanged(@p path).
     void setAppConfig(const QString& path, const QJsonValue& value);
 
+    /**
+     * The value of @p key in @p section of effect @p effectName's document,
+     * or the whole section for an empty @p key. Reading a missing section
+     * adds it to the cached document as null.
+     */
     QJsonValue effectJsonValue(QString effectName, QString section, QString key);
+    /**
+     * As above; when the value is null or missing, the object in
+     * @p defaultFile becomes the section (in memory, unsaved) and its
+     * @p key, or the whole object, is returned; null when that file gives
+     * nothing.
+     */
     QJsonValue effectJsonValue(QString effectName, QString section, QString key, QString defaultFile);
+    /// effectJsonValue() as a QVariant.
     QVariant effectVariant(QString effectName, QString section, QString key);
+    /// Stores @p value under @p key of @p section in memory, or as the whole section for an empty @p key.
     void setEffectJsonValue(QString effectName, QString section, QString key, const QJsonValue& value);
+    /// Stores @p value, converted to JSON, under @p key of @p section in memory.
     void setEffectVariant(QString effectName, QString section, QString key, QVariant value);
 
     /**
@@ -104,6 +154,7 @@ public:
     void generateControllerConfig(QString name, int height, int width, int bottom);
 
 signals:
+    /// Emitted by setAppConfig() after the save, on the thread that called it, with its path.
     void appConfigChanged(const QString& key);
 
 private:

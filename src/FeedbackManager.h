@@ -25,6 +25,7 @@ class LIBORVANTA_EXPORT FeedbackManager : public QObject
     Q_OBJECT
 
 public:
+    /// Records the machine's facts (see above) and fixes the zip's path.
     explicit FeedbackManager(QObject* parent = nullptr);
     ~FeedbackManager() override;
 

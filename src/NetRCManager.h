@@ -45,6 +45,7 @@ class LIBORVANTA_EXPORT NetRCManager : public QObject
     Q_OBJECT
 
 public:
+    /// A client living on the calling thread, which needs an event loop.
     explicit NetRCManager(QObject* parent = nullptr);
     ~NetRCManager() override;
 
@@ -65,6 +66,7 @@ public:
      * 30000 ms.
      */
     static void setTransferTimeout(int milliseconds);
+    /// The silence limit of requests in milliseconds; 0 is no limit.
     static int transferTimeout();
 
     /**
@@ -113,7 +115,9 @@ public:
     void uploadAppOnOffTime(QString startTime, QString closeTime);
 
 signals:
+    /// A version reply parsed and the running version is not newer (this object's thread).
     void hasNewAppVersion();
+    /// The installer at @p filename is complete and its SHA-256 digest matched (this object's thread).
     void newInstallationFileDownloaded(QString filename);
 
 private:

@@ -29,6 +29,7 @@ public:
     /// from one thread before any other can call.
     static AudioCapManager* instance();
 
+    /// A registry over the platform's endpoints; it starts a capturer on each active output at once.
     explicit AudioCapManager(QObject* parent = nullptr);
     /// A registry over the endpoints that @p watcher reports.
     explicit AudioCapManager(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, QObject* parent = nullptr);
@@ -39,6 +40,7 @@ public:
     QSharedPointer<AudioCapturer> acquireCapturer(const QString& id);
     /// Does nothing; kept for callers that pair it with acquireCapturer().
     void releaseCapturer(const QString& id);
+    /// The identifiers of the running capturers, in no particular order.
     QList<QString> allCapturers();
     /// The default output endpoint's identifier, or some registered one when
     /// there is no default; null when nothing is registered.
@@ -47,11 +49,15 @@ public:
     QString capturerDesc(const QString& id);
 
 signals:
+    /// A capturer for endpoint @p id is running (pool thread, see above).
     void capturerReady(QString id);
+    /// The capturer of endpoint @p id is gone from the registry (pool thread, see above).
     void capturerLost(QString id);
 
 protected:
+    /// Loads and starts a capturer for @p device, then emits capturerReady().
     void onDeviceReady(DeviceHandle device, const QString& id) override;
+    /// Drops the capturer of @p id, then emits capturerLost().
     void onDeviceLost(const QString& id) override;
 
 private:

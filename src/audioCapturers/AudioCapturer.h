@@ -76,6 +76,7 @@ protected:
     virtual DeviceHandle DeviceSelect(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> enumerator);
 
 signals:
+    /// Two channels of band spectra, left then right, every third analysed block (capture thread).
     void spectrumsChanged(QVector<SoundChannel> spectrums);
     /// Per metering channel, the linear peak and its level in decibels.
     void channelsPeakValuesChanged(const QVector<QVector<QString>>&);

@@ -40,27 +40,42 @@ public:
     /// Reference-counted handle of one endpoint of the platform.
     using DeviceHandle = std::shared_ptr<Orvanta::Ifaces::AudioEndpoint>;
 
+    /// Watches the platform's endpoints; the derived class starts the watch with loadCurrentDevices().
     explicit AudioDeviceEnumerator(QObject* parent = nullptr);
     /// Watches the endpoints that @p watcher reports instead of the platform's.
     explicit AudioDeviceEnumerator(
         std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, QObject* parent = nullptr);
     ~AudioDeviceEnumerator() override;
 
+    /// The platform's identifier of @p device; null, with a warning, when it has none.
     QString deviceId(DeviceHandle device) const;
+    /// The identifier of the default input endpoint as last reported; null when unknown.
     QString defaultCaptureDeviceId() const;
+    /// The identifier of the default output endpoint as last reported; null when unknown.
     QString defaultRenderDeviceId() const;
 
-    // Notification entry points. They only queue work and return S_OK at once.
+    // Notification entry points, called by the platform's watcher. They only
+    // queue work and return 0 (S_OK) at once.
+
+    /// Endpoint @p id changed to @p newState (the Windows DEVICE_STATE_* values).
     long OnDeviceStateChanged(const QString& id, unsigned long newState);
+    /// Endpoint @p id was added; nothing to do until it becomes active.
     long OnDeviceAdded(const QString& id);
+    /// Endpoint @p id was removed; its state change has already been handled.
     long OnDeviceRemoved(const QString& id);
     /// @p flow and @p role carry the values of the Windows EDataFlow and ERole.
     long OnDefaultDeviceChanged(int flow, int role, const QString& id);
+    /// A property of endpoint @p id changed; ignored.
     long OnPropertyValueChanged(const QString& id);
 
 protected:
+    /// Opens the watcher, holds every active output endpoint (calling
+    /// onDeviceReady() for each) and registers for notifications; a negative
+    /// code when the watcher cannot be opened.
     long loadCurrentDevices();
+    /// Hook: endpoint @p id became usable. Runs on a pool thread under the state mutex.
     virtual void onDeviceReady(DeviceHandle device, const QString& id);
+    /// Hook: endpoint @p id stopped being usable. Runs on a pool thread under the state mutex.
     virtual void onDeviceLost(const QString& id);
 
     /// Ends the notifications and waits for every queued task. Safe to repeat.
@@ -69,6 +84,7 @@ protected:
     DeviceHandle heldDevice(const QString& id) const;
     /// Every held endpoint, in identifier order.
     std::vector<std::pair<QString, DeviceHandle>> heldDevices() const;
+    /// The watcher that reports the endpoints.
     std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher() const;
 
 private:

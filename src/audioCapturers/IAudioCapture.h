@@ -16,9 +16,9 @@
  */
 struct Spectrum
 {
-    float frequency = 0.0f;
-    float amplitude = 0.0f;
-    float decibel = 0.0f;
+    float frequency = 0.0f; ///< The band's frequency label in Hz.
+    float amplitude = 0.0f; ///< Linear magnitude, volume-corrected.
+    float decibel = 0.0f; ///< 20 * log10(amplitude); negative infinity for silence.
 };
 Q_DECLARE_TYPEINFO(Spectrum, Q_PRIMITIVE_TYPE);
 
@@ -31,8 +31,8 @@ Q_DECLARE_TYPEINFO(Spectrum, Q_PRIMITIVE_TYPE);
  */
 struct SoundChannel
 {
-    QVector<Spectrum> spectrums;
-    quint64 channel = 0;
+    QVector<Spectrum> spectrums; ///< The bands, lowest first.
+    quint64 channel = 0; ///< The channel's bit in the channel layout.
 };
 Q_DECLARE_TYPEINFO(SoundChannel, Q_MOVABLE_TYPE);
 
@@ -51,9 +51,11 @@ class LIBORVANTA_EXPORT IAudioCapture : public QObject
     Q_OBJECT
 
 public:
+    /// An object with nothing but the signal.
     explicit IAudioCapture(QObject* parent = nullptr);
     ~IAudioCapture() override;
 
 signals:
+    /// New spectra, one record per channel; the emitting thread is the front's to say.
     void spectrumsChanged(QVector<SoundChannel> spectrums);
 };

@@ -20,6 +20,7 @@ class LIBORVANTA_EXPORT HardwareInfo : public QObject
     Q_OBJECT
 
 public:
+    /// An object with nothing in it; every operation is static.
     explicit HardwareInfo(QObject* parent = nullptr);
 
     /**

@@ -39,6 +39,7 @@ class LIBORVANTA_EXPORT DXGICapturer : public IDeskCapture
     Q_OBJECT
 
 public:
+    /// An unbound back-end; setCaptureContext() binds it to an output.
     explicit DXGICapturer(QObject* parent = nullptr);
     /// Binds at once; a failure shows as frames that never come.
     explicit DXGICapturer(DeskCaptureContext context, QObject* parent = nullptr);

@@ -33,21 +33,20 @@ using DeskMonitorHandle = quintptr;
  */
 struct DeskCaptureContext
 {
-    DeskAdapterHandle adapter;
-    DeskDeviceHandle device;
-    DeskOutputHandle output;
+    DeskAdapterHandle adapter; ///< The adapter that drives the output.
+    DeskDeviceHandle device; ///< The output's own GPU device; may be null.
+    DeskOutputHandle output; ///< The output itself.
     /// Index of the output on its adapter, counted from 0.
     quint32 outputIndex = 0;
-    DeskMonitorHandle monitor = 0;
+    DeskMonitorHandle monitor = 0; ///< The output's monitor as the platform names it.
     /// Display text, such as "DISPLAY1 1920x1080 (OUT1)".
     QString desc;
     /// The platform's name of the output, whole.
     QString deviceName;
     /// The output on the virtual desktop.
     QRect position;
-    /// Size of `position` when it was enumerated.
-    qint32 width = 0;
-    qint32 height = 0;
+    qint32 width = 0; ///< Width of `position` when it was enumerated.
+    qint32 height = 0; ///< Height of `position` when it was enumerated.
 };
 
 Q_DECLARE_METATYPE(DeskCaptureContext)

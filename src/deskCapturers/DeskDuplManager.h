@@ -32,6 +32,7 @@ class LIBORVANTA_EXPORT DeskDuplManager : public IDeskDuplManager
     Q_OBJECT
 
 public:
+    /// The registry of the platform's outputs (X11 through XCB on Linux, DXGI on Windows).
     explicit DeskDuplManager(QObject* parent = nullptr);
     /**
      * The same over a given display system, building back-ends with

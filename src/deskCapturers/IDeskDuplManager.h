@@ -21,6 +21,7 @@ class LIBORVANTA_EXPORT IDeskDuplManager : public QObject
     Q_OBJECT
 
 public:
+    /// An empty registry.
     explicit IDeskDuplManager(QObject* parent = nullptr);
     ~IDeskDuplManager() override;
 
@@ -38,6 +39,8 @@ public:
     virtual QJsonObject capturerMetadata(QString id) = 0;
 
 signals:
+    /// Output @p capIdx was enumerated; DeskDuplManager emits it during its construction.
     void capturerReady(QString capIdx);
+    /// Reserved for an output that fails; DeskDuplManager never emits it.
     void capturerFailed(QString capIdx);
 };
