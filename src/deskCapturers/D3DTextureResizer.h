@@ -4,7 +4,10 @@
 
 #include <opencv2/core/mat.hpp>
 
+#include <QtCore/QString>
+
 #include <array>
+#include <atomic>
 #include <memory>
 
 /**
@@ -43,6 +46,9 @@ public:
     /// One-time setup of the pipeline on @p scaler, the device's drawing context.
     /// On failure what was made so far is kept.
     bool setContext(std::shared_ptr<Orvanta::Ifaces::GpuScaler> scaler);
+    /// "GPU" or "CPU" for the scaler that setContext() was given; empty
+    /// before. Safe from any thread.
+    QString scalerName() const;
     /// (Re)creates the render target; fails for an empty size.
     bool setTargetSize(const cv::Size& size);
     /// Rebuilds the quad turned for @p rotation; the target keeps its size.
@@ -62,6 +68,8 @@ public:
 
 private:
     std::shared_ptr<Orvanta::Ifaces::GpuScaler> m_scaler;
+    /// 0 no scaler yet, 1 a GPU scaler, 2 the CPU one; read by other threads.
+    std::atomic<int> m_scalerKind {0};
     cv::Size m_targetSize;
     int m_rotation = RotationUnspecified;
     bool m_hasVertexBuffer = false;

@@ -147,6 +147,11 @@ void DXGICapturer::setOutputSize(QSize size)
     makeOutputContext();
 }
 
+QString DXGICapturer::scalerName()
+{
+    return d->resizer.scalerName();
+}
+
 long DXGICapturer::setCaptureContext(DeskCaptureContext context)
 {
     d->adapter = context.adapter;

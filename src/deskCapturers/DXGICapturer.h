@@ -54,6 +54,8 @@ public:
     cv::Mat nextFrame() override;
     long setCaptureContext(DeskCaptureContext context) override;
     void setOutputSize(QSize size) override;
+    /// "GPU", or "CPU" where the output has no usable GPU device; empty before binding.
+    QString scalerName() override;
 
 private:
     long remakeDupl();

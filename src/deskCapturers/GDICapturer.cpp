@@ -21,6 +21,11 @@ GDICapturer::GDICapturer(std::unique_ptr<Orvanta::Ifaces::ScreenGrabber> grabber
 
 GDICapturer::~GDICapturer() = default;
 
+QString GDICapturer::scalerName()
+{
+    return QStringLiteral("CPU");
+}
+
 long GDICapturer::setCaptureContext(DeskCaptureContext newContext)
 {
     monitor = newContext.monitor;

@@ -34,6 +34,8 @@ public:
     cv::Mat nextFrame() override;
     long setCaptureContext(DeskCaptureContext context) override;
     void setOutputSize(QSize size) override;
+    /// Always "CPU": the copied screen is scaled with OpenCV.
+    QString scalerName() override;
 
     cv::Mat screenshot();
 

@@ -6,3 +6,8 @@ IDeskCapture::IDeskCapture()
 }
 
 IDeskCapture::~IDeskCapture() = default;
+
+QString IDeskCapture::scalerName()
+{
+    return QString();
+}

@@ -35,6 +35,12 @@ public:
     virtual long setCaptureContext(DeskCaptureContext context) = 0;
     /// Asks for frames of this size; scaling is the capturer's work.
     virtual void setOutputSize(QSize size) = 0;
+    /**
+     * Where the frames are scaled: "GPU" or "CPU"; empty while the capturer
+     * has not chosen yet (before its first frame) or cannot tell. It may
+     * change when the capture mode does. Any thread may ask.
+     */
+    virtual QString scalerName();
 
 private:
     Q_DISABLE_COPY(IDeskCapture)

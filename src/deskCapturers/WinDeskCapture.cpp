@@ -155,6 +155,12 @@ cv::Mat WinDeskCapture::nextFrame()
     return frame;
 }
 
+QString WinDeskCapture::scalerName()
+{
+    std::lock_guard<std::mutex> locker(capturerLock);
+    return capturer ? capturer->scalerName() : QString();
+}
+
 QSize WinDeskCapture::outputSize()
 {
     std::lock_guard<std::mutex> locker(capturerLock);

@@ -38,6 +38,8 @@ public:
     cv::Mat nextFrame() override;
     long setCaptureContext(DeskCaptureContext context) override;
     void setOutputSize(QSize size) override;
+    /// The current back-end's answer.
+    QString scalerName() override;
 
 public slots:
     void onCaptureModeChanged();

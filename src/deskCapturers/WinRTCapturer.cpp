@@ -242,6 +242,12 @@ QSize WinRTCapturer::originSize()
     return QSize(itemWidth.load(), itemHeight.load());
 }
 
+QString WinRTCapturer::scalerName()
+{
+    QMutexLocker locker(&outputSizeLock);
+    return scalerNameValue;
+}
+
 long WinRTCapturer::setCaptureContext(DeskCaptureContext newContext)
 {
     return init(std::move(newContext)) ? 0 : E_FAIL;
@@ -304,6 +310,8 @@ cv::Mat WinRTCapturer::captureFrame()
         if (!resizer) {
             resizer = new D3DTextureResizer;
             resizer->setContext(scaler);
+            QMutexLocker locker(&outputSizeLock);
+            scalerNameValue = resizer->scalerName();
         }
 
         QSize size;

@@ -55,6 +55,7 @@ public:
     cv::Mat nextFrame() override;
     long setCaptureContext(DeskCaptureContext context) override;
     void setOutputSize(QSize size) override;
+    QString scalerName() override;
 
     /// The pool's pixel format, a DirectXPixelFormat value: 10 on HDR outputs, 87 otherwise.
     int pixelFormat() const;
@@ -79,6 +80,9 @@ private:
     DeskCaptureContext context;
     D3DTextureResizer* resizer = nullptr;
     QSize outputSizeValue {0, 0};
+    /// The resizer's scaler, under outputSizeLock: the resizer itself is
+    /// made and used on the capture thread only.
+    QString scalerNameValue;
     QMutex outputSizeLock;
     qint32 rotation = 0;
     bool poolRecreated = false;
