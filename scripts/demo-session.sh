@@ -4,7 +4,10 @@
 # Where the caller already has them (a real desktop), they are used as they
 # are. Otherwise an Xvfb with two side-by-side monitors showing the moving
 # test pattern, and a PulseAudio daemon with a null sink playing a tone sweep,
-# are started for the command's lifetime and stopped after it.
+# are started for the command's lifetime and stopped after it. A local web
+# server (the test server of the network tests) always runs beside them: it
+# announces version 9.9.9 with a 1 MiB installer and its SHA-256 digest and
+# takes feedback uploads and usage reports; ORVANTA_EXAMPLE_SERVER names it.
 #
 # ORVANTA_PATTERN_PROGRAM   the test-pattern program (built from examples/testpattern)
 # ORVANTA_DEMO_OWN_SERVICES set to 1 to start both services even where some are running
@@ -85,6 +88,26 @@ PA
     pids+=($!)
     echo "demo-session: started PulseAudio with the null sink 'demo' playing $sound"
 fi
+
+# The local web server, on a free port of 127.0.0.1.
+/usr/bin/python3 "$root/tests/feedback/server/http_test_server.py" --port 0 --port-file "$state/http.port" \
+    >"$state/http.log" 2>&1 </dev/null &
+pids+=($!)
+for _ in $(seq 100); do [[ -s $state/http.port ]] && break; sleep 0.1; done
+[[ -s $state/http.port ]] || { echo "demo-session: the web server did not start" >&2; cat "$state/http.log" >&2; exit 1; }
+server=http://127.0.0.1:$(cat "$state/http.port")
+/usr/bin/python3 - "$server" <<'PY'
+import json, sys, urllib.request
+server = sys.argv[1]
+size, seed = 1024 * 1024, 7
+digest = json.load(urllib.request.urlopen(f"{server}/control/digest?size={size}&seed={seed}"))["sha256"]
+reply = {"var": "9.9.9", "download_url": f"{server}/blob?size={size}&seed={seed}", "md5": digest}
+script = {"path": "/update_check.php", "mode": "reply", "body": json.dumps(reply)}
+request = urllib.request.Request(f"{server}/control/script", data=json.dumps(script).encode(), method="POST")
+urllib.request.urlopen(request).read()
+PY
+export ORVANTA_EXAMPLE_SERVER=$server
+echo "demo-session: started a web server on $server announcing version 9.9.9"
 
 status=0
 "$@" || status=$?

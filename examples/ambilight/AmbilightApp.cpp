@@ -8,10 +8,13 @@
 #include <LibOrvanta/FeedbackManager.h>
 #include <LibOrvanta/IAudioCapture.h>
 #include <LibOrvanta/IDeskCapture.h>
+#include <LibOrvanta/NetRCManager.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTextStream>
@@ -46,6 +49,15 @@ AmbilightApp::AmbilightApp(const Options& options, QObject* parent)
 {
     connect(&m_frameTimer, &QTimer::timeout, this, &AmbilightApp::pollFrame);
     connect(&m_secondTimer, &QTimer::timeout, this, &AmbilightApp::everySecond);
+    m_uploadTimeout.setSingleShot(true);
+    connect(&m_uploadTimeout, &QTimer::timeout, this, [this] {
+        // The upload reports through its functions; a server that never
+        // answers leaves them silent until the transfer timeout, so the
+        // application keeps its own deadline.
+        out() << "feedback upload: no answer within 15 s\n";
+        m_uploadFailed = true;
+        sendReports();
+    });
 }
 
 AmbilightApp::~AmbilightApp()
@@ -66,6 +78,11 @@ void AmbilightApp::requestStop()
     s_stopRequested = true;
 }
 
+QStringList AmbilightApp::artefacts() const
+{
+    return m_artefacts;
+}
+
 bool AmbilightApp::start()
 {
     ConfigurationManager* config = ConfigurationManager::instance();
@@ -76,6 +93,7 @@ bool AmbilightApp::start()
     }
     setUpScreen();
     setUpSound();
+    setUpServer();
 
     m_previewDir = m_options.previewDir.isEmpty() ? config->configPath() + QStringLiteral("/capturerScreenshot")
                                                   : m_options.previewDir;
@@ -87,7 +105,36 @@ bool AmbilightApp::start()
     m_frameTimer.start(interval);
     m_secondTimer.start(1000);
     m_clock.start();
+    m_startTime = QDateTime::currentDateTime().toString(Qt::ISODate);
     return true;
+}
+
+void AmbilightApp::setUpServer()
+{
+    if (m_options.server.isEmpty()) {
+        out() << "web server:    none (--server names one)\n";
+        return;
+    }
+    NetRCManager::setServerUrl(m_options.server);
+    out() << "web server:    " << NetRCManager::serverUrl() << '\n';
+    m_net = std::make_unique<NetRCManager>();
+    // Both signals arrive on this thread, whose event loop runs the requests.
+    connect(m_net.get(), &NetRCManager::hasNewAppVersion, this, [this] {
+        m_newVersionAnnounced = true;
+        const QString latest
+            = ConfigurationManager::instance()->globalValue(QStringLiteral("latestVerion.version")).toString();
+        out() << "version check: " << latest << " is available (running " << QCoreApplication::applicationVersion()
+              << "); downloading the installer\n";
+        out().flush();
+        m_net->downloadLatestApp();
+    });
+    connect(m_net.get(), &NetRCManager::newInstallationFileDownloaded, this, [this](const QString& file) {
+        m_installerVerified = true;
+        m_artefacts << file;
+        out() << "installer: " << file << " (" << QFileInfo(file).size() << " bytes, SHA-256 verified)\n";
+        out().flush();
+    });
+    m_net->checkVersion();
 }
 
 bool AmbilightApp::setUpLayout()
@@ -243,7 +290,12 @@ QString AmbilightApp::statusLine() const
 {
     QString line = QStringLiteral("[%1s] %2 fps").arg(m_clock.elapsed() / 1000, 3).arg(m_framesLastSecond, 3);
     if (DeskCaptureOption* option = captureOption()) {
-        line += QStringLiteral(" | mode %1").arg(option->curMode());
+        line += QStringLiteral(" | mode %1 (%2)").arg(option->curMode()).arg(option->modeName(option->curMode()));
+    }
+    if (m_screen) {
+        // Empty until the capturer has scaled its first frame.
+        const QString scaler = m_screen->scalerName();
+        line += QStringLiteral(" | scaler ") + (scaler.isEmpty() ? QStringLiteral("-") : scaler);
     }
     line += m_frame.empty() ? QStringLiteral(" | no frame")
                             : QStringLiteral(" | frame %1x%2").arg(m_frame.cols).arg(m_frame.rows);
@@ -285,6 +337,7 @@ void AmbilightApp::everySecond()
     const QString path
         = m_previewDir + QStringLiteral("/preview-%1.png").arg(m_previewIndex++, 3, 10, QLatin1Char('0'));
     if (preview.save(path)) {
+        m_artefacts << path;
         out() << "preview " << path << '\n';
     }
     out().flush();
@@ -296,16 +349,69 @@ void AmbilightApp::everySecond()
 
 void AmbilightApp::finish()
 {
+    if (m_finishing) {
+        return;
+    }
+    m_finishing = true;
     m_frameTimer.stop();
     m_secondTimer.stop();
     out() << "frames " << m_framesTotal << ", spectra " << m_spectraTotal << '\n';
 
-    FeedbackManager feedback;
-    feedback.setUserContactInfo(QStringLiteral("example@orvanta.example"));
-    feedback.setUserMsg(
+    m_feedback = std::make_unique<FeedbackManager>();
+    m_feedback->setUserContactInfo(QStringLiteral("example@orvanta.example"));
+    m_feedback->setUserMsg(
         QStringLiteral("Sent by the example application after %1 s of capture.").arg(m_clock.elapsed() / 1000));
-    const QString zip = feedback.zipFeedbackFile();
+    const QString zip = m_feedback->zipFeedbackFile();
+    m_artefacts << zip
+                << ConfigurationManager::instance()->configPath() + QStringLiteral("/example@orvanta.example.txt");
     out() << "feedback package: " << zip << '\n';
+    out().flush();
+
+    if (!m_net) {
+        quit();
+        return;
+    }
+    if (!m_newVersionAnnounced) {
+        out() << "version check: no newer version announced (the log says why)\n";
+    } else if (!m_installerVerified) {
+        out() << "installer: none verified (the log says why)\n";
+    }
+    if (!QFile::exists(zip)) {
+        // sendFeedback() calls neither function for a missing zip.
+        out() << "feedback upload: skipped, the zip is missing\n";
+        sendReports();
+        return;
+    }
+    m_uploadTimeout.start(15000);
+    m_net->sendFeedback(
+        m_feedback.get(),
+        [this] {
+            if (!m_uploadTimeout.isActive()) {
+                return;
+            }
+            m_uploadTimeout.stop();
+            if (!m_uploadFailed) {
+                out() << "feedback upload: sent\n";
+            }
+            sendReports();
+        },
+        [this](QNetworkReply::NetworkError code) {
+            m_uploadFailed = true;
+            out() << "feedback upload: failed, network error " << int(code) << '\n';
+        });
+}
+
+void AmbilightApp::sendReports()
+{
+    const QString closeTime = QDateTime::currentDateTime().toString(Qt::ISODate);
+    // With a close time the report waits for the server's answer.
+    m_net->uploadAppOnOffTime(m_startTime, closeTime);
+    out() << "usage report: sent (start " << m_startTime << ", close " << closeTime << ")\n";
+    quit();
+}
+
+void AmbilightApp::quit()
+{
     out().flush();
     QCoreApplication::quit();
 }

@@ -16,14 +16,18 @@
 
 class AudioCapturer;
 class DeskDuplManager;
+class FeedbackManager;
 class IDeskCapture;
+class NetRCManager;
 struct SoundChannel;
 
 /**
  * The lighting application in miniature: it takes the default screen and
  * sound, turns each frame into LED colours and each spectrum into music-zone
  * levels, prints a status line and a preview picture every second, and at the
- * end packs a feedback zip.
+ * end packs a feedback zip. Given a web server, it checks for a newer version
+ * and downloads its installer at the start, and uploads the feedback zip and
+ * a usage report at the end.
  */
 class AmbilightApp : public QObject
 {
@@ -38,6 +42,7 @@ public:
         QString audio; ///< audio endpoint identifier; empty takes the default
         QSize outputSize {160, 90};
         QString previewDir; ///< empty: the configuration's screenshot folder
+        QString server; ///< web server's base URL; empty: no network
         int side = 9;
         int top = 16;
         int bottom = 16;
@@ -52,6 +57,9 @@ public:
     /// Asks the application to finish at the next tick (safe from a signal handler).
     static void requestStop();
 
+    /// Every file the run wrote that a user would not want left behind.
+    QStringList artefacts() const;
+
 private slots:
     void pollFrame();
     void everySecond();
@@ -62,7 +70,10 @@ private:
     bool setUpLayout();
     void setUpScreen();
     void setUpSound();
+    void setUpServer();
     void finish();
+    void sendReports();
+    void quit();
     QString statusLine() const;
     PreviewPainter::Spectrum previewSpectrum() const;
 
@@ -91,4 +102,14 @@ private:
     QElapsedTimer m_clock;
     int m_previewIndex = 0;
     QString m_previewDir;
+    QStringList m_artefacts;
+    bool m_finishing = false;
+
+    std::unique_ptr<NetRCManager> m_net;
+    std::unique_ptr<FeedbackManager> m_feedback;
+    QString m_startTime;
+    bool m_newVersionAnnounced = false;
+    bool m_installerVerified = false;
+    bool m_uploadFailed = false;
+    QTimer m_uploadTimeout;
 };
