@@ -13,8 +13,11 @@
 LIBORVANTA_EXPORT bool compareVersion(QString first, QString second);
 
 /**
- * Parses the compiler's date text ("Nov 20 2026", a blank before a day
- * below 10) into a QDate; the invalid date when it does not parse.
+ * Parses a date in the form of the compiler's date text, "Nov 20 2026",
+ * into a QDate; the invalid date when it does not parse. The day must have
+ * two digits: the compiler writes a day below 10 with a leading blank
+ * ("Nov  4 2026"), which gives the invalid date, so replace that blank with
+ * a "0" first.
  */
 LIBORVANTA_EXPORT QDate convertDateMacro(const QString& date);
 
