@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """check-snippets.py GUIDE_DIR SNIPPET_DIR README
 
-Every fenced C++ block (```cpp) of the guide's Markdown files must be the
-text of one marked region of a snippet file, "//! [name]" ... "//! [name]",
-with the region's common indentation removed. The README must link the
-guide. Prints what does not match and exits 1.
+Every fenced C++ block (```cpp) of the guide's Markdown files and of the
+README must be the text of one marked region of a snippet file,
+"//! [name]" ... "//! [name]", with the region's common indentation removed.
+The README must link the guide. Prints what does not match and exits 1.
 """
 import pathlib
 import re
@@ -24,7 +24,7 @@ blocks = 0
 pages = sorted(guide.glob("*.md"))
 if not pages:
     failures.append(f"no guide pages in {guide}")
-for page in pages:
+for page in pages + [readme]:
     for match in re.finditer(r"^```(\w*)\n(.*?)^```$", page.read_text(), re.S | re.M):
         language, body = match.group(1), match.group(2).strip("\n")
         if language not in ("cpp", "c++"):

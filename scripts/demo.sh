@@ -13,6 +13,12 @@ export CCACHE_BASEDIR=$root
 cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build "$root/build" -j"$(nproc)" --target orvanta_ambilight orvanta_testpattern
 export QT_LOGGING_RULES=${QT_LOGGING_RULES:-"*.debug=false"}
+# The example answers --help by itself, without a screen or sound server.
+for argument in "$@"; do
+    if [[ $argument == --help || $argument == -h || $argument == --help-all ]]; then
+        exec "$root/build/examples/ambilight/orvanta_ambilight" "$@"
+    fi
+done
 # On a machine without a desktop, a virtual screen with a moving pattern and a
 # sound server playing a tone sweep stand in for the user's.
 exec "$root/scripts/demo-session.sh" "$root/build/examples/ambilight/orvanta_ambilight" "$@"

@@ -14,6 +14,10 @@ int main(int argc, char* argv[])
         snippets::reportUsage();
         snippets::chooseCaptureMode();
         snippets::packFeedback();
+        snippets::tourConfiguration();
+        snippets::tourScreen();
+        snippets::tourSound(nullptr);
+        snippets::tourFeedback();
     }
     return argc > 200 ? snippets::runApplication(argc, argv) : 0;
 }

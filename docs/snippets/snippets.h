@@ -27,4 +27,9 @@ void chooseCaptureMode();
 
 void packFeedback();
 
+void tourConfiguration();
+void tourScreen();
+void tourSound(QObject* receiver);
+void tourFeedback();
+
 } // namespace snippets

@@ -91,7 +91,7 @@ int main(int argc, char* argv[])
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
         return 2;
     }
-    if (parser.isSet(helpOption)) {
+    if (parser.isSet(helpOption) || parser.isSet(QStringLiteral("help-all"))) {
         QCoreApplication help(argc, argv);
         setApplicationNames();
         QTextStream(stdout) << parser.helpText();
