@@ -245,7 +245,7 @@ void OouraFFT::makect(int nc, int* ip, double* c)
 // Reorders the n/2 complex values of `a` by bit reversal of their index. The
 // table of reversed prefixes is rebuilt in `ip` on every call; the swaps
 // then walk the index pairs block by block.
-void OouraFFT::bitrv2(int n, int* ip, double* a)
+[[gnu::target_clones("arch=x86-64-v3", "default")]] void OouraFFT::bitrv2(int n, int* __restrict ip, double* __restrict a)
 {
     ip[0] = 0;
     int l = n;
@@ -291,7 +291,8 @@ void OouraFFT::bitrv2(int n, int* ip, double* a)
     }
 }
 
-void OouraFFT::cftfsub(int n, double* a, double* w)
+[[gnu::target_clones("arch=x86-64-v3", "default")]] void OouraFFT::cftfsub(
+    int n, double* __restrict a, const double* __restrict w)
 {
     int l = 2;
     if (n > 8) {
@@ -320,7 +321,8 @@ void OouraFFT::cftfsub(int n, double* a, double* w)
 
 // The inverse runs the forward stages on input that rftbsub has already
 // conjugated, and conjugates in its last stage.
-void OouraFFT::cftbsub(int n, double* a, double* w)
+[[gnu::target_clones("arch=x86-64-v3", "default")]] void OouraFFT::cftbsub(
+    int n, double* __restrict a, const double* __restrict w)
 {
     int l = 2;
     if (n > 8) {
@@ -354,7 +356,7 @@ void OouraFFT::cftbsub(int n, double* a, double* w)
 
 // The first radix-4 stage works on groups of four complex values; it is the
 // general stage with a span of one complex value.
-void OouraFFT::cft1st(int n, double* a, double* w)
+void OouraFFT::cft1st(int n, double* a, const double* w)
 {
     cftmdl(n, 2, a, w);
 }
@@ -363,7 +365,8 @@ void OouraFFT::cft1st(int n, double* a, double* w)
 // first of each pair takes the twiddles wk1 (from the table) and wk2, its
 // square; the second takes the next table entry and i times wk2. wk3 is
 // always wk1 times wk2.
-void OouraFFT::cftmdl(int n, int l, double* a, double* w)
+[[gnu::target_clones("arch=x86-64-v3", "default")]] void OouraFFT::cftmdl(
+    int n, int l, double* __restrict a, const double* __restrict w)
 {
     const int m = l << 2;
     for (int j = 0; j < l; j += 2)
@@ -398,7 +401,8 @@ void OouraFFT::cftmdl(int n, int l, double* a, double* w)
 
 // Separates the real spectrum from the complex transform of the even/odd
 // pairs, bin j against its mirror n - j.
-void OouraFFT::rftfsub(int n, double* a, int nc, double* c)
+[[gnu::target_clones("arch=x86-64-v3", "default")]] void OouraFFT::rftfsub(
+    int n, double* __restrict a, int nc, const double* __restrict c)
 {
     const int m = n >> 1;
     const int ks = 2 * nc / m;
@@ -421,7 +425,8 @@ void OouraFFT::rftfsub(int n, double* a, int nc, double* c)
 
 // The inverse of rftfsub, which also leaves the values conjugated for
 // cftbsub.
-void OouraFFT::rftbsub(int n, double* a, int nc, double* c)
+[[gnu::target_clones("arch=x86-64-v3", "default")]] void OouraFFT::rftbsub(
+    int n, double* __restrict a, int nc, const double* __restrict c)
 {
     a[1] = -a[1];
     const int m = n >> 1;
