@@ -65,7 +65,7 @@ private:
     void bitrv2(int n, int* __restrict ip, double* __restrict a);
     void cftfsub(int n, double* __restrict a, const double* __restrict w);
     void cftbsub(int n, double* __restrict a, const double* __restrict w);
-    void cft1st(int n, double* a, const double* w);
+    void cft1st(int n, double* __restrict a, const double* __restrict w);
     void cftmdl(int n, int l, double* __restrict a, const double* __restrict w);
     void rftfsub(int n, double* __restrict a, int nc, const double* __restrict c);
     void rftbsub(int n, double* __restrict a, int nc, const double* __restrict c);
