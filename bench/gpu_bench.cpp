@@ -17,6 +17,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "BenchCapture.h"
 #include "BenchXServer.h"
 
 #include <benchmark/benchmark.h>
@@ -32,44 +33,6 @@
 #include <unistd.h>
 
 namespace {
-
-BenchXServer& serverFor(const QByteArray& screen)
-{
-    static std::map<QByteArray, std::unique_ptr<BenchXServer>> servers;
-    auto& server = servers[screen];
-    if (!server) {
-        server = std::make_unique<BenchXServer>(screen.toStdString());
-    }
-    qputenv("DISPLAY", QByteArray::fromStdString(server->display()));
-    return *server;
-}
-
-/// The capture context of the first monitor of $DISPLAY.
-bool firstOutput(DeskCaptureContext& context, std::shared_ptr<Orvanta::Ifaces::DisplaySystem>& system)
-{
-    system = Orvanta::Ifaces::createPlatformDisplaySystem();
-    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
-    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
-    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
-    if (system->open() < 0 || system->enumAdapter(0, adapter) < 0 || adapter->enumOutput(0, output) < 0) {
-        return false;
-    }
-    adapter->createDevice(output, device);
-    Orvanta::Ifaces::OutputDescription description;
-    if (output->describe(description) < 0) {
-        return false;
-    }
-    context.monitor = description.monitor;
-    context.position = QRect(int(description.left), int(description.top), int(description.right - description.left),
-        int(description.bottom - description.top));
-    context.width = context.position.width();
-    context.height = context.position.height();
-    context.adapter = adapter;
-    context.output = output;
-    context.device = device;
-    context.outputIndex = 0;
-    return true;
-}
 
 template <typename Capturer> void frameOnChangingScreen(benchmark::State& state, const QByteArray& screen)
 {
@@ -156,7 +119,11 @@ void ResizeGpuOurs(benchmark::State& state)
             device = context.device;
         }
     }
-    timeResize(state, Orvanta::Ifaces::createPlatformGpuScaler(device));
+    // The GL path even where the renderer is a software one, which capture leaves to the CPU scaler.
+    qputenv("ORVANTA_SCALER", "gpu");
+    auto scaler = Orvanta::Ifaces::createPlatformGpuScaler(device);
+    qunsetenv("ORVANTA_SCALER");
+    timeResize(state, std::move(scaler));
 }
 
 // The same drawing without a GPU context: what runs where none can be made.
