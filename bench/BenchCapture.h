@@ -10,8 +10,11 @@
 #include "ifaces/GraphicsDevice.h"
 
 #include <QtCore/QByteArray>
+#include <QtCore/QSize>
 
 #include "BenchXServer.h"
+
+#include <benchmark/benchmark.h>
 
 #include <map>
 #include <memory>
@@ -52,5 +55,26 @@ inline bool firstOutput(DeskCaptureContext& context, std::shared_ptr<Orvanta::If
     context.output = output;
     context.device = device;
     context.outputIndex = 0;
+    return true;
+}
+
+/// Binds @p capturer to the first monitor of the X server of @p screen and asks
+/// for frames of @p size; false, with @p state skipped, where that fails.
+/// @p system keeps the display system alive for the capturer.
+template <typename Capturer>
+bool bindFirstOutput(benchmark::State& state, Capturer& capturer, const QByteArray& screen, QSize size,
+    std::shared_ptr<Orvanta::Ifaces::DisplaySystem>& system)
+{
+    serverFor(screen);
+    DeskCaptureContext context;
+    if (!firstOutput(context, system)) {
+        state.SkipWithError("no X screen");
+        return false;
+    }
+    if (capturer.setCaptureContext(context) < 0) {
+        state.SkipWithError("capturer refused the screen");
+        return false;
+    }
+    capturer.setOutputSize(size);
     return true;
 }

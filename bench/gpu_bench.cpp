@@ -36,19 +36,11 @@ namespace {
 
 template <typename Capturer> void frameOnChangingScreen(benchmark::State& state, const QByteArray& screen)
 {
-    serverFor(screen);
-    DeskCaptureContext context;
     std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
-    if (!firstOutput(context, system)) {
-        state.SkipWithError("no X screen");
-        return;
-    }
     Capturer capturer;
-    if (capturer.setCaptureContext(context) < 0) {
-        state.SkipWithError("capturer refused the screen");
+    if (!bindFirstOutput(state, capturer, screen, QSize(320, 180), system)) {
         return;
     }
-    capturer.setOutputSize(QSize(320, 180));
     ScreenPainter painter;
     capturer.nextFrame();
     std::int64_t frames = 0;
@@ -146,19 +138,11 @@ void ResizeGpuReference(benchmark::State& state)
 // on a screen where nothing changes; the CPU column is the cost of that second.
 void DuplicationIdleSecondOurs(benchmark::State& state)
 {
-    serverFor("1920x1080x24");
-    DeskCaptureContext context;
     std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
-    if (!firstOutput(context, system)) {
-        state.SkipWithError("no X screen");
-        return;
-    }
     DXGICapturer capturer;
-    if (capturer.setCaptureContext(context) < 0) {
-        state.SkipWithError("capturer refused the screen");
+    if (!bindFirstOutput(state, capturer, "1920x1080x24", QSize(320, 180), system)) {
         return;
     }
-    capturer.setOutputSize(QSize(320, 180));
     for (int poll = 0; poll < 100 && capturer.nextFrame().empty(); ++poll) {
         QThread::msleep(10); // the first, whole-screen damage
     }

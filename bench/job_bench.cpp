@@ -59,19 +59,11 @@ double percentile(std::vector<double> values, double fraction)
 // new colour and polls on a fixed 33 ms cadence until a frame shows it.
 template <typename Capturer> void captureLatency(benchmark::State& state)
 {
-    serverFor(kScreen);
-    DeskCaptureContext context;
     std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
-    if (!firstOutput(context, system)) {
-        state.SkipWithError("no X screen");
-        return;
-    }
     Capturer capturer;
-    if (capturer.setCaptureContext(context) < 0) {
-        state.SkipWithError("capturer refused the screen");
+    if (!bindFirstOutput(state, capturer, kScreen, QSize(160, 90), system)) {
         return;
     }
-    capturer.setOutputSize(QSize(160, 90));
     ScreenPainter painter;
     for (int poll = 0; poll < 30 && capturer.nextFrame().empty(); ++poll) {
         std::this_thread::sleep_for(kTick);

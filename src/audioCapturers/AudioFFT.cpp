@@ -67,6 +67,33 @@ inline void butterfly(double* a, int j, int l)
     a[j3 + 1] = d0i - d1r;
 }
 
+// The twiddle factors of one pair of groups of a radix-4 stage, for table
+// position k1: the first group takes wk1 from the table and wk2, its square;
+// the second takes the next table entry and i times wk2. wk3 is always wk1
+// times wk2.
+struct GroupTwiddles
+{
+    double w1r, w1i, w2r, w2i, w3r, w3i;
+};
+
+inline void pairTwiddles(const double* w, int k1, GroupTwiddles& first, GroupTwiddles& second)
+{
+    const int k2 = 2 * k1;
+    const double wk2r = w[k1];
+    const double wk2i = w[k1 + 1];
+    double wk1r = w[k2];
+    double wk1i = w[k2 + 1];
+    first = {wk1r, wk1i, wk2r, wk2i, wk1r - 2 * wk2i * wk1i, 2 * wk2i * wk1r - wk1i};
+    wk1r = w[k2 + 2];
+    wk1i = w[k2 + 3];
+    second = {wk1r, wk1i, -wk2i, wk2r, wk1r - 2 * wk2r * wk1i, 2 * wk2r * wk1r - wk1i};
+}
+
+inline void butterfly(double* a, int j, int l, const GroupTwiddles& t)
+{
+    butterfly(a, j, l, t.w1r, t.w1i, t.w2r, t.w2i, t.w3r, t.w3i);
+}
+
 inline void swapPair(double* a, int j, int k)
 {
     const double re = a[j];
@@ -369,29 +396,17 @@ void OouraFFT::makect(int nc, int* ip, double* c)
     const double c = w[2]; // cos(pi/4)
     butterfly(a, 8, 2, c, c, 0.0, 1.0, -c, c);
     int k1 = 0;
+    GroupTwiddles first, second;
     for (int k = 16; k < n; k += 16) {
         k1 += 2;
-        const int k2 = 2 * k1;
-        const double wk2r = w[k1];
-        const double wk2i = w[k1 + 1];
-        double wk1r = w[k2];
-        double wk1i = w[k2 + 1];
-        double wk3r = wk1r - 2 * wk2i * wk1i;
-        double wk3i = 2 * wk2i * wk1r - wk1i;
-        butterfly(a, k, 2, wk1r, wk1i, wk2r, wk2i, wk3r, wk3i);
-
-        wk1r = w[k2 + 2];
-        wk1i = w[k2 + 3];
-        wk3r = wk1r - 2 * wk2r * wk1i;
-        wk3i = 2 * wk2r * wk1r - wk1i;
-        butterfly(a, k + 8, 2, wk1r, wk1i, -wk2i, wk2r, wk3r, wk3i);
+        pairTwiddles(w, k1, first, second);
+        butterfly(a, k, 2, first);
+        butterfly(a, k + 8, 2, second);
     }
 }
 
-// One radix-4 stage with a span of l doubles. Groups come in pairs: the
-// first of each pair takes the twiddles wk1 (from the table) and wk2, its
-// square; the second takes the next table entry and i times wk2. wk3 is
-// always wk1 times wk2.
+// One radix-4 stage with a span of l doubles. Groups come in pairs, each pair
+// with its twiddle factors (pairTwiddles).
 [[gnu::target_clones("arch=x86-64-v3", "default")]] void OouraFFT::cftmdl(
     int n, int l, double* __restrict a, const double* __restrict w)
 {
@@ -405,24 +420,14 @@ void OouraFFT::makect(int nc, int* ip, double* c)
 
     const int m2 = 2 * m;
     int k1 = 0;
+    GroupTwiddles first, second;
     for (int k = m2; k < n; k += m2) {
         k1 += 2;
-        const int k2 = 2 * k1;
-        const double wk2r = w[k1];
-        const double wk2i = w[k1 + 1];
-        double wk1r = w[k2];
-        double wk1i = w[k2 + 1];
-        double wk3r = wk1r - 2 * wk2i * wk1i;
-        double wk3i = 2 * wk2i * wk1r - wk1i;
+        pairTwiddles(w, k1, first, second);
         for (int j = k; j < l + k; j += 2)
-            butterfly(a, j, l, wk1r, wk1i, wk2r, wk2i, wk3r, wk3i);
-
-        wk1r = w[k2 + 2];
-        wk1i = w[k2 + 3];
-        wk3r = wk1r - 2 * wk2r * wk1i;
-        wk3i = 2 * wk2r * wk1r - wk1i;
+            butterfly(a, j, l, first);
         for (int j = k + m; j < l + (k + m); j += 2)
-            butterfly(a, j, l, wk1r, wk1i, -wk2i, wk2r, wk3r, wk3i);
+            butterfly(a, j, l, second);
     }
 }
 
