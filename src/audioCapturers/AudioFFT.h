@@ -62,13 +62,6 @@ private:
     void rdft(int n, int isgn, double* a, int* ip, double* w);
     void makewt(int nw, int* ip, double* w);
     void makect(int nc, int* ip, double* c);
-    void bitrv2(int n, int* __restrict ip, double* __restrict a);
-    void cftfsub(int n, double* __restrict a, const double* __restrict w);
-    void cftbsub(int n, double* __restrict a, const double* __restrict w);
-    void cft1st(int n, double* __restrict a, const double* __restrict w);
-    void cftmdl(int n, int l, double* __restrict a, const double* __restrict w);
-    void rftfsub(int n, double* __restrict a, int nc, const double* __restrict c);
-    void rftbsub(int n, double* __restrict a, int nc, const double* __restrict c);
 
     size_t size = 0;
     std::vector<int> ip;
