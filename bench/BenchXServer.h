@@ -100,6 +100,15 @@ public:
         std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
     }
 
+    /// Fills the whole screen with @p colour (0xRRGGBB) and waits until it is drawn.
+    void fill(std::uint32_t colour)
+    {
+        xcb_change_gc(m_connection, m_gc, XCB_GC_FOREGROUND, &colour);
+        const xcb_rectangle_t whole = {0, 0, m_screen->width_in_pixels, m_screen->height_in_pixels};
+        xcb_poly_fill_rectangle(m_connection, m_screen->root, m_gc, 1, &whole);
+        std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
+    }
+
 private:
     xcb_connection_t* m_connection;
     xcb_screen_t* m_screen = nullptr;

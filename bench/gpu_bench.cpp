@@ -17,6 +17,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "BenchCapture.h"
 #include "BenchXServer.h"
 
 #include <benchmark/benchmark.h>
@@ -33,59 +34,13 @@
 
 namespace {
 
-BenchXServer& serverFor(const QByteArray& screen)
-{
-    static std::map<QByteArray, std::unique_ptr<BenchXServer>> servers;
-    auto& server = servers[screen];
-    if (!server) {
-        server = std::make_unique<BenchXServer>(screen.toStdString());
-    }
-    qputenv("DISPLAY", QByteArray::fromStdString(server->display()));
-    return *server;
-}
-
-/// The capture context of the first monitor of $DISPLAY.
-bool firstOutput(DeskCaptureContext& context, std::shared_ptr<Orvanta::Ifaces::DisplaySystem>& system)
-{
-    system = Orvanta::Ifaces::createPlatformDisplaySystem();
-    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
-    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
-    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
-    if (system->open() < 0 || system->enumAdapter(0, adapter) < 0 || adapter->enumOutput(0, output) < 0) {
-        return false;
-    }
-    adapter->createDevice(output, device);
-    Orvanta::Ifaces::OutputDescription description;
-    if (output->describe(description) < 0) {
-        return false;
-    }
-    context.monitor = description.monitor;
-    context.position = QRect(int(description.left), int(description.top), int(description.right - description.left),
-        int(description.bottom - description.top));
-    context.width = context.position.width();
-    context.height = context.position.height();
-    context.adapter = adapter;
-    context.output = output;
-    context.device = device;
-    context.outputIndex = 0;
-    return true;
-}
-
 template <typename Capturer> void frameOnChangingScreen(benchmark::State& state, const QByteArray& screen)
 {
-    serverFor(screen);
-    DeskCaptureContext context;
     std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
-    if (!firstOutput(context, system)) {
-        state.SkipWithError("no X screen");
-        return;
-    }
     Capturer capturer;
-    if (capturer.setCaptureContext(context) < 0) {
-        state.SkipWithError("capturer refused the screen");
+    if (!bindFirstOutput(state, capturer, screen, QSize(320, 180), system)) {
         return;
     }
-    capturer.setOutputSize(QSize(320, 180));
     ScreenPainter painter;
     capturer.nextFrame();
     std::int64_t frames = 0;
@@ -156,7 +111,11 @@ void ResizeGpuOurs(benchmark::State& state)
             device = context.device;
         }
     }
-    timeResize(state, Orvanta::Ifaces::createPlatformGpuScaler(device));
+    // The GL path even where the renderer is a software one, which capture leaves to the CPU scaler.
+    qputenv("ORVANTA_SCALER", "gpu");
+    auto scaler = Orvanta::Ifaces::createPlatformGpuScaler(device);
+    qunsetenv("ORVANTA_SCALER");
+    timeResize(state, std::move(scaler));
 }
 
 // The same drawing without a GPU context: what runs where none can be made.
@@ -179,19 +138,11 @@ void ResizeGpuReference(benchmark::State& state)
 // on a screen where nothing changes; the CPU column is the cost of that second.
 void DuplicationIdleSecondOurs(benchmark::State& state)
 {
-    serverFor("1920x1080x24");
-    DeskCaptureContext context;
     std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
-    if (!firstOutput(context, system)) {
-        state.SkipWithError("no X screen");
-        return;
-    }
     DXGICapturer capturer;
-    if (capturer.setCaptureContext(context) < 0) {
-        state.SkipWithError("capturer refused the screen");
+    if (!bindFirstOutput(state, capturer, "1920x1080x24", QSize(320, 180), system)) {
         return;
     }
-    capturer.setOutputSize(QSize(320, 180));
     for (int poll = 0; poll < 100 && capturer.nextFrame().empty(); ++poll) {
         QThread::msleep(10); // the first, whole-screen damage
     }

@@ -21,6 +21,8 @@ packages=(
     libopencv-core-dev libopencv-imgproc-dev libavutil-dev libswresample-dev
     # benchmarks, with FFTW's transform as the reference of the sound benchmarks
     libbenchmark-dev libfftw3-dev
+    # the whole-job benchmark's reference: ffmpeg's x11grab
+    ffmpeg
     # audio: PulseAudio client API and a server for the tests
     libpulse-dev pulseaudio pulseaudio-utils
     # displays: XCB with RandR, SHM, DAMAGE, an X server for the tests

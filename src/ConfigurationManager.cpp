@@ -12,6 +12,7 @@
 #include <QtCore/QRegularExpression>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTextStream>
+#include <QtCore/QVarLengthArray>
 
 #include <algorithm>
 #include <atomic>
@@ -479,26 +480,56 @@ QJsonValue ConfigurationManager::valWithXPath(const QJsonObject& object, QString
     return current.value(pending);
 }
 
+namespace {
+
+// Sets the value at the end of the keys, making every missing or non-object
+// step an empty object. While a child changes, its entry in the parent holds
+// null, so that the child has a single owner and is changed in place instead
+// of copied; it goes back into the same entry on the way up.
+void setAlongKeys(QJsonObject& object, const QStringView* keys, int count, const QJsonValue& value)
+{
+    if (count == 1) {
+        object.insert(keys[0], value);
+        return;
+    }
+    QJsonValueRef entry = object[keys[0]];
+    QJsonObject child = QJsonValue(entry).toObject();
+    entry = QJsonValue();
+    setAlongKeys(child, keys + 1, count - 1, value);
+    entry = child;
+}
+
+} // namespace
+
 void ConfigurationManager::setValWithXPath(QJsonObject& object, QString path, QJsonValue value)
 {
-    setValWithXPath(object, path.split(QStringLiteral("."), Qt::SkipEmptyParts, Qt::CaseSensitive), value);
+    QVarLengthArray<QStringView, 8> keys;
+    const QStringView whole(path);
+    qsizetype start = 0;
+    while (start <= whole.size()) {
+        qsizetype end = whole.indexOf(QLatin1Char('.'), start);
+        if (end < 0) {
+            end = whole.size();
+        }
+        if (end > start) {
+            keys.append(whole.mid(start, end - start));
+        }
+        start = end + 1;
+    }
+    if (!keys.isEmpty()) {
+        setAlongKeys(object, keys.constData(), keys.size(), value);
+    }
 }
 
 QJsonValue ConfigurationManager::setValWithXPath(QJsonObject& object, QStringList path, QJsonValue value)
 {
-    if (path.isEmpty()) {
-        return object;
+    if (!path.isEmpty()) {
+        QVarLengthArray<QStringView, 8> keys;
+        for (const QString& key : qAsConst(path)) {
+            keys.append(key);
+        }
+        setAlongKeys(object, keys.constData(), keys.size(), value);
     }
-    if (path.size() == 1) {
-        object[path.first()] = value;
-        return object;
-    }
-    const QString first = path.takeFirst();
-    if (!object[first].isObject()) {
-        object[first] = QJsonObject();
-    }
-    QJsonObject child = object[first].toObject();
-    object[first] = setValWithXPath(child, path, value);
     return object;
 }
 

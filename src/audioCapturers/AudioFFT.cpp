@@ -67,6 +67,33 @@ inline void butterfly(double* a, int j, int l)
     a[j3 + 1] = d0i - d1r;
 }
 
+// The twiddle factors of one pair of groups of a radix-4 stage, for table
+// position k1: the first group takes wk1 from the table and wk2, its square;
+// the second takes the next table entry and i times wk2. wk3 is always wk1
+// times wk2.
+struct GroupTwiddles
+{
+    double w1r, w1i, w2r, w2i, w3r, w3i;
+};
+
+inline void pairTwiddles(const double* w, int k1, GroupTwiddles& first, GroupTwiddles& second)
+{
+    const int k2 = 2 * k1;
+    const double wk2r = w[k1];
+    const double wk2i = w[k1 + 1];
+    double wk1r = w[k2];
+    double wk1i = w[k2 + 1];
+    first = {wk1r, wk1i, wk2r, wk2i, wk1r - 2 * wk2i * wk1i, 2 * wk2i * wk1r - wk1i};
+    wk1r = w[k2 + 2];
+    wk1i = w[k2 + 3];
+    second = {wk1r, wk1i, -wk2i, wk2r, wk1r - 2 * wk2r * wk1i, 2 * wk2r * wk1r - wk1i};
+}
+
+inline void butterfly(double* a, int j, int l, const GroupTwiddles& t)
+{
+    butterfly(a, j, l, t.w1r, t.w1i, t.w2r, t.w2i, t.w3r, t.w3i);
+}
+
 inline void swapPair(double* a, int j, int k)
 {
     const double re = a[j];
@@ -167,85 +194,16 @@ void OouraFFT::ifft(float* data, const float* re, const float* im)
 // complex one. Forward output: a[2k] = sum a[j] cos(2 pi j k / n),
 // a[2k+1] = sum a[j] sin(2 pi j k / n), and a[1] the cosine sum of bin n/2.
 // The tables are built by init() alone; ip[0] and ip[1] hold their sizes.
+//
+// The stages' arrays are restrict-qualified so that the butterfly loops can
+// be vectorised; the transform is built for two instruction sets (below).
 
-void OouraFFT::rdft(int n, int isgn, double* a, int* ip, double* w)
-{
-    const int nw = ip[0];
-    const int nc = ip[1];
-    if (isgn >= 0) {
-        if (n > 4) {
-            bitrv2(n, ip + 2, a);
-            cftfsub(n, a, w);
-            rftfsub(n, a, nc, w + nw);
-        } else if (n == 4) {
-            cftfsub(n, a, w);
-        }
-        const double xi = a[0] - a[1];
-        a[0] += a[1];
-        a[1] = xi;
-    } else {
-        a[1] = 0.5 * (a[0] - a[1]);
-        a[0] -= a[1];
-        if (n > 4) {
-            rftbsub(n, a, nc, w + nw);
-            bitrv2(n, ip + 2, a);
-            cftbsub(n, a, w);
-        } else if (n == 4) {
-            // A two-point complex transform is its own inverse.
-            cftfsub(n, a, w);
-        }
-    }
-}
-
-// Twiddle table of the complex stages: cos and sin of the first octant,
-// mirrored into the second, stored in bit-reversed pair order.
-void OouraFFT::makewt(int nw, int* ip, double* w)
-{
-    ip[0] = nw;
-    ip[1] = 1;
-    if (nw <= 2)
-        return;
-
-    const int nwh = nw >> 1;
-    const double delta = std::atan(1.0) / nwh;
-    w[0] = 1.0;
-    w[1] = 0.0;
-    w[nwh] = std::cos(delta * nwh);
-    w[nwh + 1] = w[nwh];
-    if (nwh > 2) {
-        for (int j = 2; j < nwh; j += 2) {
-            const double x = std::cos(delta * j);
-            const double y = std::sin(delta * j);
-            w[j] = x;
-            w[j + 1] = y;
-            w[nw - j] = y;
-            w[nw - j + 1] = x;
-        }
-        bitrv2(nw, ip + 2, w);
-    }
-}
-
-// Half-scaled cosine table of the real-to-complex separation.
-void OouraFFT::makect(int nc, int* ip, double* c)
-{
-    ip[1] = nc;
-    if (nc <= 1)
-        return;
-
-    const int nch = nc >> 1;
-    const double delta = std::atan(1.0) / nch;
-    c[0] = std::cos(delta * nch);
-    c[nch] = 0.5 * c[0];
-    for (int j = 1; j < nch; ++j) {
-        c[j] = 0.5 * std::cos(delta * j);
-        c[nc - j] = 0.5 * std::sin(delta * j);
-    }
-}
+namespace {
 
 // Reorders the n/2 complex values of `a` by bit reversal of their index. The
 // table of reversed prefixes is rebuilt in `ip` on every call; the swaps
 // then walk the index pairs block by block.
-void OouraFFT::bitrv2(int n, int* ip, double* a)
+[[gnu::always_inline]] inline void bitrv2(int n, int* __restrict ip, double* __restrict a)
 {
     ip[0] = 0;
     int l = n;
@@ -291,7 +249,50 @@ void OouraFFT::bitrv2(int n, int* ip, double* a)
     }
 }
 
-void OouraFFT::cftfsub(int n, double* a, double* w)
+// One radix-4 stage with a span of l doubles. Groups come in pairs, each pair
+// with its twiddle factors (pairTwiddles).
+[[gnu::always_inline]] inline void cftmdl(int n, int l, double* __restrict a, const double* __restrict w)
+{
+    const int m = l << 2;
+    for (int j = 0; j < l; j += 2)
+        butterfly(a, j, l);
+
+    const double c = w[2]; // cos(pi/4)
+    for (int j = m; j < l + m; j += 2)
+        butterfly(a, j, l, c, c, 0.0, 1.0, -c, c);
+
+    const int m2 = 2 * m;
+    int k1 = 0;
+    GroupTwiddles first, second;
+    for (int k = m2; k < n; k += m2) {
+        k1 += 2;
+        pairTwiddles(w, k1, first, second);
+        for (int j = k; j < l + k; j += 2)
+            butterfly(a, j, l, first);
+        for (int j = k + m; j < l + (k + m); j += 2)
+            butterfly(a, j, l, second);
+    }
+}
+
+// The first radix-4 stage works on groups of four complex values: the general
+// stage with a span of one complex value, written out without its inner loops,
+// whose single pass would cost more in set-up than in work.
+[[gnu::always_inline]] inline void cft1st(int n, double* __restrict a, const double* __restrict w)
+{
+    butterfly(a, 0, 2);
+    const double c = w[2]; // cos(pi/4)
+    butterfly(a, 8, 2, c, c, 0.0, 1.0, -c, c);
+    int k1 = 0;
+    GroupTwiddles first, second;
+    for (int k = 16; k < n; k += 16) {
+        k1 += 2;
+        pairTwiddles(w, k1, first, second);
+        butterfly(a, k, 2, first);
+        butterfly(a, k + 8, 2, second);
+    }
+}
+
+[[gnu::always_inline]] inline void cftfsub(int n, double* __restrict a, const double* __restrict w)
 {
     int l = 2;
     if (n > 8) {
@@ -320,7 +321,7 @@ void OouraFFT::cftfsub(int n, double* a, double* w)
 
 // The inverse runs the forward stages on input that rftbsub has already
 // conjugated, and conjugates in its last stage.
-void OouraFFT::cftbsub(int n, double* a, double* w)
+[[gnu::always_inline]] inline void cftbsub(int n, double* __restrict a, const double* __restrict w)
 {
     int l = 2;
     if (n > 8) {
@@ -352,53 +353,9 @@ void OouraFFT::cftbsub(int n, double* a, double* w)
     }
 }
 
-// The first radix-4 stage works on groups of four complex values; it is the
-// general stage with a span of one complex value.
-void OouraFFT::cft1st(int n, double* a, double* w)
-{
-    cftmdl(n, 2, a, w);
-}
-
-// One radix-4 stage with a span of l doubles. Groups come in pairs: the
-// first of each pair takes the twiddles wk1 (from the table) and wk2, its
-// square; the second takes the next table entry and i times wk2. wk3 is
-// always wk1 times wk2.
-void OouraFFT::cftmdl(int n, int l, double* a, double* w)
-{
-    const int m = l << 2;
-    for (int j = 0; j < l; j += 2)
-        butterfly(a, j, l);
-
-    const double c = w[2]; // cos(pi/4)
-    for (int j = m; j < l + m; j += 2)
-        butterfly(a, j, l, c, c, 0.0, 1.0, -c, c);
-
-    const int m2 = 2 * m;
-    int k1 = 0;
-    for (int k = m2; k < n; k += m2) {
-        k1 += 2;
-        const int k2 = 2 * k1;
-        const double wk2r = w[k1];
-        const double wk2i = w[k1 + 1];
-        double wk1r = w[k2];
-        double wk1i = w[k2 + 1];
-        double wk3r = wk1r - 2 * wk2i * wk1i;
-        double wk3i = 2 * wk2i * wk1r - wk1i;
-        for (int j = k; j < l + k; j += 2)
-            butterfly(a, j, l, wk1r, wk1i, wk2r, wk2i, wk3r, wk3i);
-
-        wk1r = w[k2 + 2];
-        wk1i = w[k2 + 3];
-        wk3r = wk1r - 2 * wk2r * wk1i;
-        wk3i = 2 * wk2r * wk1r - wk1i;
-        for (int j = k + m; j < l + (k + m); j += 2)
-            butterfly(a, j, l, wk1r, wk1i, -wk2i, wk2r, wk3r, wk3i);
-    }
-}
-
 // Separates the real spectrum from the complex transform of the even/odd
 // pairs, bin j against its mirror n - j.
-void OouraFFT::rftfsub(int n, double* a, int nc, double* c)
+[[gnu::always_inline]] inline void rftfsub(int n, double* __restrict a, int nc, const double* __restrict c)
 {
     const int m = n >> 1;
     const int ks = 2 * nc / m;
@@ -421,7 +378,7 @@ void OouraFFT::rftfsub(int n, double* a, int nc, double* c)
 
 // The inverse of rftfsub, which also leaves the values conjugated for
 // cftbsub.
-void OouraFFT::rftbsub(int n, double* a, int nc, double* c)
+[[gnu::always_inline]] inline void rftbsub(int n, double* __restrict a, int nc, const double* __restrict c)
 {
     a[1] = -a[1];
     const int m = n >> 1;
@@ -442,6 +399,111 @@ void OouraFFT::rftbsub(int n, double* a, int nc, double* c)
         a[k + 1] = yi - a[k + 1];
     }
     a[m + 1] = -a[m + 1];
+}
+
+[[gnu::always_inline]] inline void realTransform(int n, int isgn, double* a, int* ip, double* w)
+{
+    const int nw = ip[0];
+    const int nc = ip[1];
+    if (isgn >= 0) {
+        if (n > 4) {
+            bitrv2(n, ip + 2, a);
+            cftfsub(n, a, w);
+            rftfsub(n, a, nc, w + nw);
+        } else if (n == 4) {
+            cftfsub(n, a, w);
+        }
+        const double xi = a[0] - a[1];
+        a[0] += a[1];
+        a[1] = xi;
+    } else {
+        a[1] = 0.5 * (a[0] - a[1]);
+        a[0] -= a[1];
+        if (n > 4) {
+            rftbsub(n, a, nc, w + nw);
+            bitrv2(n, ip + 2, a);
+            cftbsub(n, a, w);
+        } else if (n == 4) {
+            // A two-point complex transform is its own inverse.
+            cftfsub(n, a, w);
+        }
+    }
+}
+
+// The whole transform built twice, the stages inlined into each: once for
+// processors with AVX2 and FMA, once for any x86-64. The choice is made once,
+// when the library is loaded, by an ordinary static initialiser rather than an
+// ifunc resolver, which would run before the sanitizers' runtimes are ready.
+[[gnu::target("avx2,fma")]] void transformWide(int n, int isgn, double* a, int* ip, double* w)
+{
+    realTransform(n, isgn, a, ip, w);
+}
+
+void transformPortable(int n, int isgn, double* a, int* ip, double* w)
+{
+    realTransform(n, isgn, a, ip, w);
+}
+
+using TransformFunction = void (*)(int, int, double*, int*, double*);
+
+TransformFunction chooseTransform()
+{
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") ? transformWide : transformPortable;
+}
+
+const TransformFunction transformForThisProcessor = chooseTransform();
+
+} // namespace
+
+void OouraFFT::rdft(int n, int isgn, double* a, int* ip, double* w)
+{
+    transformForThisProcessor(n, isgn, a, ip, w);
+}
+
+// Twiddle table of the complex stages: cos and sin of the first octant,
+// mirrored into the second, stored in bit-reversed pair order.
+void OouraFFT::makewt(int nw, int* ip, double* w)
+{
+    ip[0] = nw;
+    ip[1] = 1;
+    if (nw <= 2)
+        return;
+
+    const int nwh = nw >> 1;
+    const double delta = std::atan(1.0) / nwh;
+    w[0] = 1.0;
+    w[1] = 0.0;
+    w[nwh] = std::cos(delta * nwh);
+    w[nwh + 1] = w[nwh];
+    if (nwh > 2) {
+        for (int j = 2; j < nwh; j += 2) {
+            const double x = std::cos(delta * j);
+            const double y = std::sin(delta * j);
+            w[j] = x;
+            w[j + 1] = y;
+            w[nw - j] = y;
+            w[nw - j + 1] = x;
+        }
+        bitrv2(nw, ip + 2, w);
+    }
+}
+
+// Half-scaled cosine table of the real-to-complex separation.
+void OouraFFT::makect(int nc, int* ip, double* c)
+{
+    ip[1] = nc;
+    if (nc <= 1)
+        return;
+
+    const int nch = nc >> 1;
+    const double delta = std::atan(1.0) / nch;
+    c[0] = std::cos(delta * nch);
+    c[nch] = 0.5 * c[0];
+    for (int j = 1; j < nch; ++j) {
+        c[j] = 0.5 * std::cos(delta * j);
+        c[nc - j] = 0.5 * std::sin(delta * j);
+    }
 }
 
 } // namespace audiofft

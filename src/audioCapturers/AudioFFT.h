@@ -62,13 +62,6 @@ private:
     void rdft(int n, int isgn, double* a, int* ip, double* w);
     void makewt(int nw, int* ip, double* w);
     void makect(int nc, int* ip, double* c);
-    void bitrv2(int n, int* ip, double* a);
-    void cftfsub(int n, double* a, double* w);
-    void cftbsub(int n, double* a, double* w);
-    void cft1st(int n, double* a, double* w);
-    void cftmdl(int n, int l, double* a, double* w);
-    void rftfsub(int n, double* a, int nc, double* c);
-    void rftbsub(int n, double* a, int nc, double* c);
 
     size_t size = 0;
     std::vector<int> ip;

@@ -169,6 +169,11 @@ long DXGICapturer::setCaptureContext(DeskCaptureContext context)
     }
     d->bound = true;
     d->deviceContext = d->duplicator->deviceScaler();
+    if (d->deviceContext) {
+        // The platform picks the scaler (the CPU one where the GPU is a software renderer); say which.
+        qInfo() << (d->deviceContext->drawsOnCpu() ? "[DXGICapturer]: Frames are scaled on the CPU"
+                                                   : "[DXGICapturer]: Frames are scaled on the GPU");
+    }
 
     {
         std::lock_guard<std::mutex> render(d->renderLock);

@@ -57,6 +57,7 @@ private slots:
     void nullPlatformFailsTheContext();
     void setupDuplicatesWithTheFiveFormats();
     void floatDesktopIsNamed();
+    void deviceScalerIsNamed();
     void outputSizeStartsAtTheOrigin();
     void stillDesktopGivesNothingAndSaysNothing();
     void changedDesktopGivesAScaledFrame();
@@ -120,7 +121,8 @@ void DXGICapturerTest::setupDuplicatesWithTheFiveFormats()
     QCOMPARE(calls.mid(0, 5),
         QStringList({"deviceScaler", "enumOutput 0", "queryDuplicationOutput", "duplicateOutput", "describe"}));
     QCOMPARE(rig.script->offeredFormats, std::vector<int>({10, 11, 24, 25, 87}));
-    QCOMPARE(log.texts(QtInfoMsg), QStringList("The output index 0 has been used  87  format"));
+    QCOMPARE(log.texts(QtInfoMsg),
+        QStringList({"[DXGICapturer]: Frames are scaled on the CPU", "The output index 0 has been used  87  format"}));
     QCOMPARE(rig.capturer->originSize(), QSize(1920, 1080));
     QCOMPARE(rig.script->sessionsAlive, 1);
 }
@@ -131,8 +133,19 @@ void DXGICapturerTest::floatDesktopIsNamed()
     rig.script->descriptions = {duplicationDescription(3840, 2160, 10)};
     MessageCapture log;
     QCOMPARE(rig.bind(), S_OK);
-    QCOMPARE(
-        log.texts(QtInfoMsg), QStringList("The output index 0 has been used DXGI_FORMAT_R16G16B16A16_FLOAT format"));
+    QCOMPARE(log.texts(QtInfoMsg),
+        QStringList({"[DXGICapturer]: Frames are scaled on the CPU",
+            "The output index 0 has been used DXGI_FORMAT_R16G16B16A16_FLOAT format"}));
+}
+
+void DXGICapturerTest::deviceScalerIsNamed()
+{
+    Rig rig;
+    rig.script->scaler = std::make_shared<FakeGpuScaler>();
+    MessageCapture log;
+    QCOMPARE(rig.bind(), S_OK);
+    QCOMPARE(log.texts(QtInfoMsg),
+        QStringList({"[DXGICapturer]: Frames are scaled on the GPU", "The output index 0 has been used  87  format"}));
 }
 
 void DXGICapturerTest::outputSizeStartsAtTheOrigin()

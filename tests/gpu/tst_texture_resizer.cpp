@@ -166,6 +166,11 @@ private slots:
     void changedPartsAloneAreEnough();
     void zeroTargetFailsInTheTexture_data();
     void zeroTargetFailsInTheTexture();
+
+    // Which scaler the platform makes for a device.
+    void softwareRenderersPreferTheCpu_data();
+    void softwareRenderersPreferTheCpu();
+    void platformScalerFollowsTheRenderer();
 };
 
 void TextureResizerTest::initTestCase()
@@ -776,6 +781,56 @@ void TextureResizerTest::zeroTargetFailsInTheTexture()
     MessageCapture log;
     QVERIFY(!resizer.setTargetSize(cv::Size(size.width(), size.height())));
     QCOMPARE(log.texts(QtCriticalMsg), QStringList(logText("Failed to create D3D11Texture", E_INVALIDARG)));
+}
+
+void TextureResizerTest::softwareRenderersPreferTheCpu_data()
+{
+    QTest::addColumn<QString>("renderer");
+    QTest::addColumn<QString>("override");
+    QTest::addColumn<bool>("cpu");
+    const QString llvmpipe = QStringLiteral("llvmpipe (LLVM 15.0.6, 256 bits)");
+    const QString radeon = QStringLiteral("AMD Radeon RX 6600 (navi23, LLVM 15.0.6, DRM 3.49, 6.1.0-13-amd64)");
+    QTest::newRow("llvmpipe") << llvmpipe << QString() << true;
+    QTest::newRow("softpipe") << QStringLiteral("softpipe") << QString() << true;
+    QTest::newRow("radeon") << radeon << QString() << false;
+    QTest::newRow("intel") << QStringLiteral("Mesa Intel(R) UHD Graphics 620 (KBL GT2)") << QString() << false;
+    QTest::newRow("unknown") << QString() << QString() << false;
+    QTest::newRow("llvmpipe told gpu") << llvmpipe << QStringLiteral("gpu") << false;
+    QTest::newRow("radeon told cpu") << radeon << QStringLiteral("cpu") << true;
+    QTest::newRow("other words are no override") << llvmpipe << QStringLiteral("GPU!") << true;
+}
+
+void TextureResizerTest::softwareRenderersPreferTheCpu()
+{
+    QFETCH(QString, renderer);
+    QFETCH(QString, override);
+    QFETCH(bool, cpu);
+    const QByteArray word = override.toLatin1();
+    QCOMPARE(Orvanta::Egl::EglDevice::prefersCpuScaling(
+                 renderer.toStdString(), override.isNull() ? nullptr : word.constData()),
+        cpu);
+}
+
+void TextureResizerTest::platformScalerFollowsTheRenderer()
+{
+    // The suite runs on Mesa's llvmpipe, where the CPU scaler is the faster.
+    const auto device = eglDevice();
+    QVERIFY2(device->renderer().rfind("llvmpipe", 0) == 0, device->renderer().c_str());
+    const QByteArray saved = qgetenv("ORVANTA_SCALER");
+    qunsetenv("ORVANTA_SCALER");
+    const auto chosen = Orvanta::Ifaces::createPlatformGpuScaler(device);
+    qputenv("ORVANTA_SCALER", "gpu");
+    const auto forced = Orvanta::Ifaces::createPlatformGpuScaler(device);
+    if (saved.isNull()) {
+        qunsetenv("ORVANTA_SCALER");
+    } else {
+        qputenv("ORVANTA_SCALER", saved);
+    }
+    QVERIFY(chosen->drawsOnCpu());
+    QVERIFY(std::dynamic_pointer_cast<Orvanta::Cpu::SoftwareScaler>(chosen));
+    QVERIFY(!forced->drawsOnCpu());
+    QVERIFY(std::dynamic_pointer_cast<Orvanta::Egl::GlesScaler>(forced));
+    QVERIFY(Orvanta::Ifaces::createPlatformGpuScaler(nullptr)->drawsOnCpu());
 }
 
 QTEST_GUILESS_MAIN(TextureResizerTest)

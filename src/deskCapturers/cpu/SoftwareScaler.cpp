@@ -157,6 +157,28 @@ struct Tap
     float weight; ///< of the second texel
 };
 
+/**
+ * Whether target pixel positions 0..@p count, mapped by @p slope and @p offset,
+ * cover the texture's whole axis from one edge to the other; @p backwards tells
+ * which way round.
+ */
+bool spansWholeAxis(double slope, double offset, int count, bool& backwards)
+{
+    // Float vertices of a turned quad land a hair off the corners.
+    constexpr double kTolerance = 1e-6;
+    const double start = offset;
+    const double end = slope * count + offset;
+    if (std::abs(start) < kTolerance && std::abs(end - 1.0) < kTolerance) {
+        backwards = false;
+        return true;
+    }
+    if (std::abs(start - 1.0) < kTolerance && std::abs(end) < kTolerance) {
+        backwards = true;
+        return true;
+    }
+    return false;
+}
+
 std::vector<Tap> taps(int count, double slope, double offset, int texels, bool linear)
 {
     std::vector<Tap> result(static_cast<std::size_t>(count));
@@ -181,6 +203,11 @@ std::vector<Tap> taps(int count, double slope, double offset, int texels, bool l
 SoftwareScaler::SoftwareScaler() = default;
 
 SoftwareScaler::~SoftwareScaler() = default;
+
+bool SoftwareScaler::drawsOnCpu() const
+{
+    return true;
+}
 
 long SoftwareScaler::createVertexShader()
 {
@@ -316,6 +343,16 @@ bool SoftwareScaler::drawAxisAligned()
     const bool minifying = std::max(texelsPerX, texelsPerY) > 1.0;
     const bool linear = minifying ? (m_sampler.filter & 0x10) != 0 : (m_sampler.filter & 0x04) != 0;
 
+    WholeTextureResampler::Layout layout;
+    layout.turned = turned;
+    const bool whole = turned ? spansWholeAxis(plane.va, plane.vc, m_targetWidth, layout.mirroredAcross)
+            && spansWholeAxis(plane.ub, plane.uc, m_targetHeight, layout.mirroredDown)
+                              : spansWholeAxis(plane.ua, plane.uc, m_targetWidth, layout.mirroredAcross)
+            && spansWholeAxis(plane.vb, plane.vc, m_targetHeight, layout.mirroredDown);
+    if (linear && whole && m_resampler.draw(m_source, layout, m_target.data(), m_targetWidth, m_targetHeight)) {
+        return true;
+    }
+
     const std::vector<Tap> columns = turned ? taps(m_targetWidth, plane.va, plane.vc, m_source.height, linear)
                                             : taps(m_targetWidth, plane.ua, plane.uc, m_source.width, linear);
     const std::vector<Tap> lines = turned ? taps(m_targetHeight, plane.ub, plane.uc, m_source.width, linear)
@@ -446,7 +483,8 @@ long SoftwareScaler::createStagingTexture()
     if (m_target.empty()) {
         return E_INVALIDARG;
     }
-    m_staging.assign(m_target.size(), 0);
+    // The buffer outlives releaseStaging(): a frame a tick reuses it.
+    m_staging.resize(m_target.size());
     m_hasStaging = true;
     return S_OK;
 }
@@ -474,8 +512,6 @@ void SoftwareScaler::unmapStaging()
 
 void SoftwareScaler::releaseStaging()
 {
-    m_staging.clear();
-    m_staging.shrink_to_fit();
     m_hasStaging = false;
 }
 

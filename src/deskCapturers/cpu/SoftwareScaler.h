@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cpu/WholeTextureResampler.h"
 #include "ifaces/GpuScaler.h"
 
 #include <array>
@@ -26,6 +27,7 @@ public:
     SoftwareScaler();
     ~SoftwareScaler() override;
 
+    bool drawsOnCpu() const override;
     long createVertexShader() override;
     long createPixelShader() override;
     long createInputLayout() override;
@@ -62,6 +64,8 @@ private:
 
     Ifaces::ScalerSource m_source;
     bool m_hasSourceView = false;
+
+    WholeTextureResampler m_resampler;
 
     std::vector<std::uint8_t> m_staging;
     bool m_hasStaging = false;

@@ -5,6 +5,7 @@
 #include <EGL/eglext.h>
 #include <GLES3/gl3.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -155,6 +156,29 @@ EGLContext EglDevice::context() const
 const std::string& EglDevice::renderer() const
 {
     return m_renderer;
+}
+
+bool EglDevice::prefersCpuScaling() const
+{
+    return prefersCpuScaling(m_renderer, std::getenv("ORVANTA_SCALER"));
+}
+
+bool EglDevice::prefersCpuScaling(const std::string& renderer, const char* override)
+{
+    if (override && std::strcmp(override, "cpu") == 0) {
+        return true;
+    }
+    if (override && std::strcmp(override, "gpu") == 0) {
+        return false;
+    }
+    // Mesa names its software rasterisers first in the renderer text, e.g.
+    // "llvmpipe (LLVM 15.0.6, 256 bits)".
+    for (const char* software : {"llvmpipe", "softpipe"}) {
+        if (renderer.compare(0, std::strlen(software), software) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 long EglDevice::makeCurrent() const

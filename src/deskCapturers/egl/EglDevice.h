@@ -38,6 +38,16 @@ public:
     /// The GL_RENDERER text of the context, read at creation.
     const std::string& renderer() const;
 
+    /**
+     * Whether frames are better scaled on the CPU than with this context:
+     * true on Mesa's software rasterisers (llvmpipe, softpipe), where the GL
+     * path costs several times the vectorised CPU scaler. The environment
+     * variable ORVANTA_SCALER set to "cpu" or "gpu" overrides the choice.
+     */
+    bool prefersCpuScaling() const;
+    /// The choice of prefersCpuScaling() for a renderer text and an override (null when unset).
+    static bool prefersCpuScaling(const std::string& renderer, const char* override);
+
     /// Makes the context current on the calling thread, without a surface.
     long makeCurrent() const;
     /// Releases the context from the calling thread.

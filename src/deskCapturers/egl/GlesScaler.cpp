@@ -589,10 +589,12 @@ void GlesScaler::releaseStaging()
 
 std::shared_ptr<Ifaces::GpuScaler> Ifaces::createPlatformGpuScaler(const std::shared_ptr<GraphicsDevice>& device)
 {
-    if (auto egl = std::dynamic_pointer_cast<Egl::EglDevice>(device)) {
+    auto egl = std::dynamic_pointer_cast<Egl::EglDevice>(device);
+    if (egl && !egl->prefersCpuScaling()) {
         return std::make_shared<Egl::GlesScaler>(egl, egl->display(), egl->context());
     }
-    // No GPU context could be made for this output: the same drawing on the CPU.
+    // No GPU context could be made for this output, or its renderer is a
+    // software one that the CPU scaler outruns: the same drawing on the CPU.
     return std::make_shared<Cpu::SoftwareScaler>();
 }
 

@@ -187,6 +187,12 @@ public:
     {
     }
 
+    /// True for a scaler that draws with the CPU rather than a GPU device.
+    virtual bool drawsOnCpu() const
+    {
+        return false;
+    }
+
     /// Pipeline objects, made once. The vertex stage passes position and
     /// coordinate through unchanged; the pixel stage returns the sample as is.
     virtual long createVertexShader() = 0;

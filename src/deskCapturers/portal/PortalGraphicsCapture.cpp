@@ -425,7 +425,9 @@ long PortalGraphicsCapture::createCaptureDevice(
     std::shared_ptr<Egl::EglDevice> egl = std::dynamic_pointer_cast<Egl::EglDevice>(device);
     if (!egl && Egl::EglDevice::create(egl) < 0)
         egl.reset();
-    if (egl) {
+    // On a software renderer the CPU scaler is the faster one; the stream then
+    // negotiates buffers in shared memory, which it reads in place.
+    if (egl && !egl->prefersCpuScaling()) {
         auto scaler = std::make_shared<Egl::GlesScaler>(egl, egl->display(), egl->context());
         result->importable = scaler->importableDmaBufFormats(PipeWire::PipeWireStream::dmaBufFourccs());
         result->scaler = std::move(scaler);
