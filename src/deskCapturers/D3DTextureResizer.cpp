@@ -2,7 +2,6 @@
 
 #include "Helpers.h"
 #include "ResultCodes.h"
-#include "cpu/SoftwareScaler.h"
 
 #include <QtCore/QDebug>
 
@@ -114,21 +113,23 @@ SamplerDescription D3DTextureResizer::samplerDescription()
 QString D3DTextureResizer::scalerName() const
 {
     switch (m_scalerKind.load()) {
-    case 1:
+    case ScalerKind::Gpu:
         return QStringLiteral("GPU");
-    case 2:
+    case ScalerKind::Cpu:
         return QStringLiteral("CPU");
-    default:
-        return QString();
+    case ScalerKind::None:
+        break;
     }
+    return QString();
 }
 
 bool D3DTextureResizer::setContext(std::shared_ptr<GpuScaler> scaler)
 {
     m_scaler = std::move(scaler);
-    // The CPU scaler stands in wherever no GPU device could be had.
-    const bool onCpu = dynamic_cast<const Orvanta::Cpu::SoftwareScaler*>(m_scaler.get()) != nullptr;
-    m_scalerKind.store(m_scaler ? (onCpu ? 2 : 1) : 0);
+    if (!m_scaler)
+        m_scalerKind.store(ScalerKind::None);
+    else
+        m_scalerKind.store(m_scaler->drawsOnCpu() ? ScalerKind::Cpu : ScalerKind::Gpu);
     if (!m_scaler) {
         qCritical() << "Failed to create D3D11VertexShader" << win32ErrorMsg(E_POINTER);
         return false;

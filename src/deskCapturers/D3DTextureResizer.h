@@ -69,7 +69,9 @@ public:
 private:
     std::shared_ptr<Orvanta::Ifaces::GpuScaler> m_scaler;
     /// 0 no scaler yet, 1 a GPU scaler, 2 the CPU one; read by other threads.
-    std::atomic<int> m_scalerKind {0};
+    enum class ScalerKind { None, Gpu, Cpu };
+    // Read from any thread by scalerName() while the polling thread sets the scaler.
+    std::atomic<ScalerKind> m_scalerKind {ScalerKind::None};
     cv::Size m_targetSize;
     int m_rotation = RotationUnspecified;
     bool m_hasVertexBuffer = false;
