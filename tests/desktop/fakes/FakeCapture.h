@@ -4,6 +4,7 @@
 
 #include <QtCore/QList>
 #include <QtCore/QSize>
+#include <QtCore/QThread>
 #include <mutex>
 
 #include <memory>
@@ -19,6 +20,8 @@ struct CaptureJournal
     QList<int> modes;
     QList<QSize> sizesSet;
     QList<DeskCaptureContext> contexts;
+    /// The thread of each setCaptureContext call.
+    QList<QThread*> contextThreads;
     /// Result of setCaptureContext for the back-ends to come.
     long contextResult = 0;
     /// Frames handed out, in turn; once used up, empty matrices.
@@ -70,6 +73,7 @@ public:
     {
         std::lock_guard<std::mutex> locker(journal->mutex);
         journal->contexts.append(context);
+        journal->contextThreads.append(QThread::currentThread());
         return journal->contextResult;
     }
 
