@@ -74,6 +74,23 @@ DeskDuplManager::~DeskDuplManager()
         if (published.toLongLong() == qlonglong(reinterpret_cast<quintptr>(d->option)))
             application->setProperty(kOptionProperty, QVariant());
     }
+
+    // Fronts end here, whether or not an event loop still runs: those whose
+    // last copy went on another thread are deleted now, and those that
+    // consumers still hold are stopped, so that their last copy may delete
+    // them on any thread.
+    QSet<WinDeskCapture*> dropped;
+    QSet<WinDeskCapture*> held;
+    {
+        std::lock_guard<std::mutex> locker(d->fronts->mutex);
+        d->fronts->registryGone = true;
+        dropped.swap(d->fronts->dropped);
+        held = d->fronts->living - dropped;
+        d->fronts->living = held;
+    }
+    qDeleteAll(dropped);
+    for (WinDeskCapture* front : qAsConst(held))
+        front->shutdown();
     d->capturers.clear();
 }
 
@@ -216,12 +233,16 @@ QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
         } else {
             // The capturer's timer must live on the registry's thread. The
             // posted call takes the lock, since other threads may be reading
-            // the row meanwhile.
+            // the row meanwhile, and looks at the row again: another acquire
+            // may have made the capturer since, or releases brought the
+            // count to 0.
             QMetaObject::invokeMethod(
                 this,
                 [this, id] {
                     std::lock_guard<std::mutex> postedLocker(d->mutex);
-                    makeCapturer(id);
+                    const auto posted = d->capturers.constFind(id);
+                    if (posted != d->capturers.constEnd() && !posted->capturer && posted->refCount > 0)
+                        makeCapturer(id);
                 },
                 Qt::QueuedConnection);
         }
@@ -241,13 +262,36 @@ void DeskDuplManager::makeCapturer(QString id)
     }
     auto* capture = new WinDeskCapture(d->option, d->backends, nullptr);
     capture->setCaptureContext(row->context);
-    // A consumer may drop the last copy on its own thread; the capturer's
-    // timer can only be stopped on the thread it lives on.
-    row->capturer = QSharedPointer<IDeskCapture>(capture, [](IDeskCapture* object) {
-        if (object->thread() == QThread::currentThread())
-            delete object;
-        else
-            object->deleteLater();
+    {
+        std::lock_guard<std::mutex> locker(d->fronts->mutex);
+        d->fronts->living.insert(capture);
+    }
+    row->capturer = QSharedPointer<IDeskCapture>(capture, [fronts = d->fronts](IDeskCapture* object) {
+        auto* front = static_cast<WinDeskCapture*>(object);
+        std::unique_lock<std::mutex> locker(fronts->mutex);
+        // A consumer may drop the last copy on its own thread; the capturer's
+        // timer can only be stopped on the thread it lives on, so the
+        // deletion goes there, and the registry's end takes over what that
+        // thread never got to.
+        if (!fronts->registryGone && front->QObject::thread() != QThread::currentThread()) {
+            fronts->dropped.insert(front);
+            QMetaObject::invokeMethod(
+                front,
+                [fronts, front] {
+                    {
+                        std::lock_guard<std::mutex> postedLocker(fronts->mutex);
+                        if (!fronts->dropped.remove(front))
+                            return;
+                        fronts->living.remove(front);
+                    }
+                    delete front;
+                },
+                Qt::QueuedConnection);
+            return;
+        }
+        fronts->living.remove(front);
+        locker.unlock();
+        delete front;
     });
 }
 
