@@ -155,7 +155,7 @@ long DXGICapturer::setCaptureContext(DeskCaptureContext context)
     d->outputIndex = context.outputIndex;
     if (!d->duplicatorInjected) {
         d->duplication.reset();
-        d->duplicator = Orvanta::Ifaces::createPlatformDesktopDuplicator(d->adapter, d->device);
+        d->duplicator = Orvanta::Ifaces::createPlatformDesktopDuplicator(d->adapter, d->device, d->output);
     }
     if (!d->duplicator) {
         d->bound = false;

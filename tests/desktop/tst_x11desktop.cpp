@@ -19,6 +19,7 @@
 #include <xcb/randr.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QPointer>
 #include <QtCore/QProcess>
 #include <QtCore/QRegularExpression>
@@ -76,6 +77,7 @@ private slots:
     void framesKeepArrivingForAConsumerThread();
     void keptFrameStaysUnchanged();
     void modeWithoutBackendLeavesTheFrontEmpty();
+    void unpluggedMonitorIsNeverTakenForAnother();
 
 private:
     QTemporaryDir m_configDir;
@@ -415,6 +417,49 @@ void TestX11Desktop::modeWithoutBackendLeavesTheFrontEmpty()
     publishedOption()->setTotalOfMode(modes);
     QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty(), 10000);
     QCOMPARE(left->outputSize(), QSize(1920, 1080));
+}
+
+void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
+{
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
+    QSharedPointer<IDeskCapture> right = registry.acquireCapturer("RIGHT-A0-O1");
+    QVERIFY(left && right);
+    left->setOutputSize(QSize(192, 108));
+    right->setOutputSize(QSize(192, 108));
+    const QColor green(0, 255, 0);
+    const QColor red(255, 0, 0);
+    const QColor blue(0, 0, 255);
+    m_painter->fill(QRect(0, 0, 1920, 1080), green);
+    m_painter->fill(QRect(1920, 0, 1920, 1080), red);
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 50, 50, green), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(right->nextFrame(), 50, 50, red), 10000);
+
+    // LEFT goes; RIGHT is now the first monitor of the screen.
+    const QStringList plugLeft {"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"};
+    MessageCapture messages;
+    QVERIFY(xrandr({"--delmonitor", "LEFT"}));
+    auto replug = qScopeGuard([plugLeft] { xrandr(plugLeft); });
+    // RIGHT changes its picture: the row of LEFT must never show it.
+    const QColor orange(255, 128, 0);
+    m_painter->fill(QRect(1920, 0, 1920, 1080), orange);
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(right->nextFrame(), 50, 50, orange), 10000);
+    QElapsedTimer watching;
+    watching.start();
+    while (watching.elapsed() < 1500) {
+        QVERIFY2(!pixelIs(left->nextFrame(), 50, 50, orange), "the row of LEFT shows another monitor");
+        QTest::qWait(20);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(
+        messages.contains(QtCriticalMsg, "[DXGICapturer]: Failed to enum DXGIOutput interface: 0"), 10000);
+
+    // Plugged in again, the row captures its own monitor again.
+    QVERIFY(xrandr(plugLeft));
+    replug.dismiss();
+    m_painter->fill(QRect(0, 0, 1920, 1080), blue);
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 50, 50, blue), 15000);
+    QVERIFY(pixelIs(right->nextFrame(), 50, 50, orange));
 }
 
 QTEST_GUILESS_MAIN(TestX11Desktop)

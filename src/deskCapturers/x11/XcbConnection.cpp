@@ -158,10 +158,16 @@ long XcbConnection::monitors(int screenIndex, std::vector<XcbMonitor>& monitors)
 
 bool XcbConnection::monitor(int screenIndex, xcb_atom_t name, XcbMonitor& monitor)
 {
+    return this->monitor(screenIndex, name, XCB_NONE, monitor);
+}
+
+bool XcbConnection::monitor(int screenIndex, xcb_atom_t name, std::uint32_t output, XcbMonitor& monitor)
+{
     std::vector<XcbMonitor> all;
     if (monitors(screenIndex, all) < 0)
         return false;
-    const auto found = std::find_if(all.begin(), all.end(), [name](const XcbMonitor& m) { return m.name == name; });
+    const auto found = std::find_if(all.begin(), all.end(),
+        [name, output](const XcbMonitor& m) { return m.name == name && (output == XCB_NONE || m.output == output); });
     if (found == all.end())
         return false;
     monitor = *found;
@@ -201,8 +207,8 @@ long XcbConnection::queryMonitors(int screenIndex, std::vector<XcbMonitor>& moni
         entry.name = xcb_get_atom_name(m_connection, info->name);
         if (xcb_randr_monitor_info_outputs_length(info) > 0) {
             entry.hasOutput = true;
-            entry.output
-                = xcb_randr_get_output_info(m_connection, xcb_randr_monitor_info_outputs(info)[0], XCB_CURRENT_TIME);
+            entry.monitor.output = xcb_randr_monitor_info_outputs(info)[0];
+            entry.output = xcb_randr_get_output_info(m_connection, entry.monitor.output, XCB_CURRENT_TIME);
         }
         pending.push_back(entry);
     }

@@ -18,6 +18,8 @@ struct XcbMonitor
 {
     xcb_atom_t name = XCB_ATOM_NONE;
     std::string nameText;
+    /// The first output the monitor covers; none for a monitor made without one.
+    std::uint32_t output = 0;
     int x = 0;
     int y = 0;
     int width = 0;
@@ -55,6 +57,12 @@ public:
     long monitors(int screenIndex, std::vector<XcbMonitor>& monitors);
     /// The monitor named @p name on a screen; false if there is none.
     bool monitor(int screenIndex, xcb_atom_t name, XcbMonitor& monitor);
+    /**
+     * The monitor named @p name that still covers @p output (none: any); false
+     * if there is none. A monitor is known by what it is, never by its place
+     * in the list, which changes when another monitor goes.
+     */
+    bool monitor(int screenIndex, xcb_atom_t name, std::uint32_t output, XcbMonitor& monitor);
 
     /// The pointer-sized handle of a monitor: its screen in the upper half, its name atom below.
     static std::uintptr_t monitorHandle(int screenIndex, xcb_atom_t name);

@@ -2,6 +2,7 @@
 
 #include "ResultCodes.h"
 #include "ifaces/DisplayAdapter.h"
+#include "x11/XcbScreenAdapter.h"
 
 #include <xcb/damage.h>
 #include <xcb/shm.h>
@@ -432,10 +433,11 @@ long XcbDuplication::releaseFrame()
     return S_OK;
 }
 
-XcbDuplicator::XcbDuplicator(
-    std::shared_ptr<Ifaces::DisplayAdapter> adapter, std::shared_ptr<Ifaces::GraphicsDevice> device)
+XcbDuplicator::XcbDuplicator(std::shared_ptr<Ifaces::DisplayAdapter> adapter,
+    std::shared_ptr<Ifaces::GraphicsDevice> device, std::shared_ptr<Ifaces::DisplayOutput> monitor)
     : m_adapter(std::move(adapter))
     , m_device(std::move(device))
+    , m_monitor(std::dynamic_pointer_cast<XcbMonitorOutput>(monitor))
 {
 }
 
@@ -446,6 +448,14 @@ long XcbDuplicator::enumOutput(unsigned outputIndex)
     m_output.reset();
     if (!m_adapter) {
         return E_POINTER;
+    }
+    if (m_monitor) {
+        // After an unplug the indices shift: the index would name another monitor.
+        if (!m_monitor->isPresent()) {
+            return DXGI_ERROR_NOT_FOUND;
+        }
+        m_output = m_monitor;
+        return S_OK;
     }
     return m_adapter->enumOutput(outputIndex, m_output);
 }
@@ -476,13 +486,13 @@ std::shared_ptr<Ifaces::GpuScaler> XcbDuplicator::deviceScaler()
 
 namespace Ifaces {
 
-std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(
-    std::shared_ptr<DisplayAdapter> adapter, std::shared_ptr<GraphicsDevice> device)
+std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(std::shared_ptr<DisplayAdapter> adapter,
+    std::shared_ptr<GraphicsDevice> device, std::shared_ptr<DisplayOutput> output)
 {
     if (!adapter) {
         return nullptr;
     }
-    return std::make_unique<X11::XcbDuplicator>(std::move(adapter), std::move(device));
+    return std::make_unique<X11::XcbDuplicator>(std::move(adapter), std::move(device), std::move(output));
 }
 
 } // namespace Ifaces
