@@ -1,10 +1,12 @@
 // Desktop capture against a real X server: the "desktop_xvfb" fixture's Xvfb, whose
 // 3840x1080 screen is split into the RandR monitors LEFT and RIGHT.
 
+#include "../gpu/XvfbServer.h"
 #include "ConfigurationManager.h"
 #include "DeskCaptureOption.h"
 #include "DeskDuplManager.h"
 #include "GDICapturer.h"
+#include "Helpers.h"
 #include "MessageCapture.h"
 #include "ResultCodes.h"
 #include "XcbPainter.h"
@@ -49,6 +51,15 @@ bool xrandr(const QStringList& arguments)
     return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
 
+/// Lays the fixture's monitors out as it made them: LEFT, then RIGHT.
+void restoreMonitors()
+{
+    xrandr({"--delmonitor", "LEFT"});
+    xrandr({"--delmonitor", "RIGHT"});
+    xrandr({"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"});
+    xrandr({"--setmonitor", "RIGHT", "1920/508x1080/285+1920+0", "none"});
+}
+
 DeskCaptureOption* publishedOption()
 {
     return reinterpret_cast<DeskCaptureOption*>(
@@ -78,6 +89,9 @@ private slots:
     void keptFrameStaysUnchanged();
     void modeWithoutBackendLeavesTheFrontEmpty();
     void unpluggedMonitorIsNeverTakenForAnother();
+    void unpluggedMonitorDoesNotHoldTheOther();
+    void monitorPastTheOldWidthAfterTheScreenGrew_data();
+    void monitorPastTheOldWidthAfterTheScreenGrew();
 
 private:
     QTemporaryDir m_configDir;
@@ -440,7 +454,7 @@ void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
     const QStringList plugLeft {"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"};
     MessageCapture messages;
     QVERIFY(xrandr({"--delmonitor", "LEFT"}));
-    auto replug = qScopeGuard([plugLeft] { xrandr(plugLeft); });
+    const auto restore = qScopeGuard(&restoreMonitors);
     // RIGHT changes its picture: the row of LEFT must never show it.
     const QColor orange(255, 128, 0);
     m_painter->fill(QRect(1920, 0, 1920, 1080), orange);
@@ -456,10 +470,131 @@ void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
 
     // Plugged in again, the row captures its own monitor again.
     QVERIFY(xrandr(plugLeft));
-    replug.dismiss();
     m_painter->fill(QRect(0, 0, 1920, 1080), blue);
     QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 50, 50, blue), 15000);
     QVERIFY(pixelIs(right->nextFrame(), 50, 50, orange));
+}
+
+void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
+{
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
+    QSharedPointer<IDeskCapture> right = registry.acquireCapturer("RIGHT-A0-O1");
+    QVERIFY(left && right);
+    left->setOutputSize(QSize(192, 108));
+    right->setOutputSize(QSize(192, 108));
+    QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty() && !right->nextFrame().empty(), 10000);
+
+    // RIGHT's picture changes all the time; a consumer counts its new frames.
+    std::atomic<bool> stop {false};
+    std::atomic<int> frames {0};
+    std::thread painter([&stop] {
+        XcbPainter painter;
+        const xcb_window_t patch = painter.fill(QRect(1920 + 100, 100, 200, 200), Qt::black);
+        for (int step = 0; !stop.load(); ++step) {
+            painter.recolour(patch, QColor(step % 256, 0, 0));
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    std::thread consumer([&] {
+        const uchar* last = nullptr;
+        while (!stop.load()) {
+            const cv::Mat frame = right->nextFrame();
+            if (!frame.empty() && frame.data != last) {
+                last = frame.data;
+                ++frames;
+            }
+            std::this_thread::yield();
+        }
+    });
+    const auto finish = qScopeGuard([&] {
+        stop = true;
+        painter.join();
+        consumer.join();
+    });
+    // Frames of RIGHT counted while the registry's thread polls for a while.
+    const auto framesDuring = [&frames](int milliseconds) {
+        const int before = frames.load();
+        QTest::qWait(milliseconds);
+        return frames.load() - before;
+    };
+
+    const int withBoth = framesDuring(2000);
+    QVERIFY2(withBoth >= 10, qPrintable(QString::number(withBoth)));
+
+    MessageCapture messages;
+    QVERIFY(xrandr({"--delmonitor", "LEFT"}));
+    const auto restore = qScopeGuard(&restoreMonitors);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        messages.contains(QtCriticalMsg, "[DXGICapturer]: Failed to enum DXGIOutput interface: 0"), 10000);
+
+    // LEFT is lost and keeps trying; RIGHT keeps its pace meanwhile.
+    const int withLeftLost = framesDuring(2000);
+    QVERIFY2(withLeftLost * 10 >= withBoth * 9,
+        qPrintable(QStringLiteral("%1 frames of RIGHT with LEFT lost, %2 before").arg(withLeftLost).arg(withBoth)));
+    QVERIFY(messages.texts(QtWarningMsg)
+                .contains(QStringLiteral("[DXGICapturer]: Failed to rebuild the duplication, retrying in 0.5 seconds: "
+                                         "\"%1\"")
+                              .arg(win32ErrorMsg(DXGI_ERROR_NOT_FOUND))));
+}
+
+void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("duplication") << 0;
+    QTest::newRow("blit") << 2;
+}
+
+void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew()
+{
+    QFETCH(int, mode);
+    // A laptop's screen, about to be docked: a private server, since its size changes.
+    const QByteArray suiteDisplay = qgetenv("DISPLAY");
+    const auto restoreDisplay = qScopeGuard([suiteDisplay] { qputenv("DISPLAY", suiteDisplay); });
+    XvfbServer server(2048, 768);
+    QVERIFY2(server.started(), "Xvfb could not be started");
+    QVERIFY(
+        server.xrandr({"--newmode", "1024x768_u", "60", "1024", "1025", "1026", "1027", "768", "769", "770", "771"}));
+    QVERIFY(server.xrandr({"--addmode", "screen", "1024x768_u"}));
+    QVERIFY(server.xrandr({"--output", "screen", "--mode", "1024x768_u", "--fb", "1024x768"}));
+    QVERIFY(server.xrandr({"--setmonitor", "FAR", "500/132x768/203+1200+0", "none"}));
+
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
+    DeskDuplManager registry;
+    QCOMPARE(registry.allCapturer().size(), 2);
+    const QString far = registry.allCapturer().filter("FAR-").value(0);
+    QVERIFY(!far.isEmpty());
+
+    QSharedPointer<IDeskCapture> capturer;
+    if (mode == 2) {
+        // Already polling while the monitor lies off the screen: nothing to copy yet.
+        MessageCapture messages;
+        capturer = registry.acquireCapturer(far);
+        QVERIFY(capturer);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            messages.contains(QtCriticalMsg, "[GDICapturer]: Failed to get DBits errCode: 0"), 10000);
+    }
+
+    // Docked: the screen grows, and the monitor lies on it now.
+    QVERIFY(server.xrandr({"--output", "screen", "--mode", "2048x768", "--fb", "2048x768"}));
+    XcbPainter painter;
+    QVERIFY(painter.isValid());
+    QCOMPARE(painter.screenWidth(), 2048);
+    const QColor teal(0, 128, 128);
+    painter.fill(QRect(0, 0, 2048, 768), Qt::black);
+    painter.fill(QRect(1200, 0, 500, 768), teal);
+
+    if (!capturer)
+        capturer = registry.acquireCapturer(far);
+    QVERIFY(capturer);
+    capturer->setOutputSize(QSize(500, 768));
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(capturer->nextFrame(), 400, 250, teal), 10000);
+    const cv::Mat frame = capturer->nextFrame();
+    QCOMPARE(frame.cols, 500);
+    QCOMPARE(frame.rows, 768);
+    QVERIFY(pixelIs(frame, 0, 0, teal));
+    QVERIFY(pixelIs(frame, 767, 499, teal));
 }
 
 QTEST_GUILESS_MAIN(TestX11Desktop)

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Orvanta {
@@ -53,6 +54,12 @@ public:
     std::string vendor() const;
     bool hasShm() const;
 
+    /**
+     * The current size of a screen in pixels; false for an unknown screen.
+     * It follows RandR's screen-change notifications, not the size the
+     * connection began with: docking grows the screen under a running client.
+     */
+    bool screenSize(int screenIndex, int& width, int& height);
     /// The current monitors of a screen, in the server's order; the result code of a failure, or 0.
     long monitors(int screenIndex, std::vector<XcbMonitor>& monitors);
     /// The monitor named @p name on a screen; false if there is none.
@@ -81,6 +88,8 @@ private:
 
     std::mutex m_mutex;
     std::vector<std::vector<XcbMonitor>> m_monitors;
+    /// Width and height of each screen, as the server last announced them.
+    std::vector<std::pair<int, int>> m_screenSizes;
     std::vector<bool> m_monitorsValid;
 };
 

@@ -104,9 +104,12 @@ bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& re
     const long height = rect.bottom - rect.top;
     if (width <= 0 || height <= 0 || !connect())
         return false;
-    const xcb_screen_t* screen = m_connection->screen(XcbConnection::screenOfHandle(monitor));
-    if (!screen || rect.left < 0 || rect.top < 0 || rect.right > screen->width_in_pixels
-        || rect.bottom > screen->height_in_pixels)
+    const int screenIndex = XcbConnection::screenOfHandle(monitor);
+    const xcb_screen_t* screen = m_connection->screen(screenIndex);
+    int screenWidth = 0;
+    int screenHeight = 0;
+    if (!screen || !m_connection->screenSize(screenIndex, screenWidth, screenHeight) || rect.left < 0 || rect.top < 0
+        || rect.right > screenWidth || rect.bottom > screenHeight)
         return false;
     // Only 32 bits a pixel arrive as B, G, R and a spare byte.
     if (screen->root_depth != 24 && screen->root_depth != 32)
