@@ -71,9 +71,22 @@ cv::Mat GDICapturer::screenshot()
 {
     // The monitor's rectangle is read anew each time, so a change of
     // resolution needs no handling; the output size stays.
+    // Every failure shows as the one fixed text; the cause goes beside it at debug level.
     Orvanta::Ifaces::ScreenRect rect;
     Orvanta::Ifaces::ScreenImage image;
-    if (!grabber || (grabber->monitorRect(monitor, rect), !grabber->grab(monitor, rect, image))) {
+    if (!grabber) {
+        qDebug() << "[GDICapturer]: There is no screen grabber";
+        qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
+        return cv::Mat();
+    }
+    if (!grabber->monitorRect(monitor, rect)) {
+        qDebug() << "[GDICapturer]: The rectangle of monitor" << reinterpret_cast<void*>(monitor) << "is unknown";
+        qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
+        return cv::Mat();
+    }
+    if (!grabber->grab(monitor, rect, image)) {
+        qDebug() << "[GDICapturer]: Copying the rectangle" << rect.left << rect.top << rect.right << rect.bottom
+                 << "of monitor" << reinterpret_cast<void*>(monitor) << "failed";
         qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
         return cv::Mat();
     }
