@@ -92,6 +92,8 @@ private slots:
     void unpluggedMonitorDoesNotHoldTheOther();
     void monitorPastTheOldWidthAfterTheScreenGrew_data();
     void monitorPastTheOldWidthAfterTheScreenGrew();
+    void deepScreenGivesEightBitChannels_data();
+    void deepScreenGivesEightBitChannels();
 
 private:
     QTemporaryDir m_configDir;
@@ -595,6 +597,43 @@ void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew()
     QCOMPARE(frame.rows, 768);
     QVERIFY(pixelIs(frame, 0, 0, teal));
     QVERIFY(pixelIs(frame, 767, 499, teal));
+}
+
+void TestX11Desktop::deepScreenGivesEightBitChannels_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("duplication") << 0;
+    QTest::newRow("blit") << 2;
+}
+
+void TestX11Desktop::deepScreenGivesEightBitChannels()
+{
+    QFETCH(int, mode);
+    // 10 bits a channel: a private server of depth 30.
+    const QByteArray suiteDisplay = qgetenv("DISPLAY");
+    const auto restoreDisplay = qScopeGuard([suiteDisplay] { qputenv("DISPLAY", suiteDisplay); });
+    XvfbServer server(640, 480, 30);
+    QVERIFY2(server.started(), "Xvfb could not be started");
+    XcbPainter painter;
+    QVERIFY(painter.isValid());
+    const QColor mixed(10, 120, 230);
+    painter.fill(QRect(0, 0, 640, 480), Qt::black);
+    painter.fill(QRect(100, 50, 200, 100), mixed);
+
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
+    MessageCapture messages;
+    DeskDuplManager registry;
+    QCOMPARE(registry.allCapturer().size(), 1);
+    QSharedPointer<IDeskCapture> capturer = registry.acquireCapturer(registry.defaultCapturer());
+    QVERIFY(capturer);
+    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(capturer->nextFrame(), 60, 110, mixed), 10000);
+    const cv::Mat frame = capturer->nextFrame();
+    QCOMPARE(frame.cols, 640);
+    QCOMPARE(frame.rows, 480);
+    QVERIFY(pixelIs(frame, 149, 299, mixed));
+    QVERIFY(pixelIs(frame, 150, 300, Qt::black));
+    QVERIFY(pixelIs(frame, 0, 0, Qt::black));
+    QVERIFY2(messages.texts(QtCriticalMsg).isEmpty(), qPrintable(messages.texts(QtCriticalMsg).join('\n')));
 }
 
 QTEST_GUILESS_MAIN(TestX11Desktop)

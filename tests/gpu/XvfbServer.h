@@ -22,13 +22,13 @@
 class XvfbServer
 {
 public:
-    XvfbServer(int width, int height)
+    XvfbServer(int width, int height, int depth = 24)
     {
         int fds[2];
         if (pipe(fds) != 0) {
             return;
         }
-        const QByteArray screen = QStringLiteral("%1x%2x24").arg(width).arg(height).toLatin1();
+        const QByteArray screen = QStringLiteral("%1x%2x%3").arg(width).arg(height).arg(depth).toLatin1();
         const QByteArray fd = QByteArray::number(fds[1]);
         m_pid = fork();
         if (m_pid == 0) {
