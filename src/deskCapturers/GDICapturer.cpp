@@ -61,6 +61,10 @@ cv::Mat GDICapturer::nextFrame()
 
 int GDICapturer::rotation() const
 {
+    // Where the screen holds the monitor turned already, turning it again
+    // would show it sideways: it is delivered as it is.
+    if (grabber && grabber->picturesAreTurned())
+        return int(OutputRotation::Identity);
     Orvanta::Ifaces::OutputDescription description;
     if (!context.output || context.output->describe(description) < 0)
         return int(OutputRotation::Unspecified);

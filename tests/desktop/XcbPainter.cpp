@@ -83,3 +83,11 @@ void XcbPainter::sync()
     // A round trip: the server has handled everything sent before it.
     std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
 }
+
+bool XcbPainter::pixelIs(const cv::Mat& frame, int row, int col, const QColor& colour)
+{
+    if (frame.empty() || row >= frame.rows || col >= frame.cols)
+        return false;
+    const cv::Vec4b pixel = frame.at<cv::Vec4b>(row, col);
+    return pixel[0] == colour.red() && pixel[1] == colour.green() && pixel[2] == colour.blue();
+}

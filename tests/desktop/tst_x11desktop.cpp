@@ -3,6 +3,7 @@
 
 #include "../gpu/XvfbServer.h"
 #include "ConfigurationManager.h"
+#include "DeskCaptureBackends.h"
 #include "DeskCaptureOption.h"
 #include "DeskDuplManager.h"
 #include "GDICapturer.h"
@@ -35,14 +36,6 @@
 
 namespace {
 
-bool pixelIs(const cv::Mat& frame, int row, int col, const QColor& colour)
-{
-    if (frame.empty() || row >= frame.rows || col >= frame.cols)
-        return false;
-    const cv::Vec4b pixel = frame.at<cv::Vec4b>(row, col);
-    return pixel[0] == colour.red() && pixel[1] == colour.green() && pixel[2] == colour.blue();
-}
-
 /// Runs xrandr on the fixture's display; true if it succeeded.
 bool xrandr(const QStringList& arguments)
 {
@@ -58,6 +51,78 @@ void restoreMonitors()
     xrandr({"--delmonitor", "RIGHT"});
     xrandr({"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"});
     xrandr({"--setmonitor", "RIGHT", "1920/508x1080/285+1920+0", "none"});
+}
+
+/// An X11 monitor that RandR reports turned by a quarter: the root holds its picture as its user sees it.
+class TurnedOutput : public Orvanta::Ifaces::DisplayOutput
+{
+public:
+    explicit TurnedOutput(std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output)
+        : m_output(std::move(output))
+    {
+    }
+
+    long describe(Orvanta::Ifaces::OutputDescription& description) const override
+    {
+        const long result = m_output->describe(description);
+        description.rotation = Orvanta::Ifaces::OutputRotation::Rotate90;
+        return result;
+    }
+
+private:
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> m_output;
+};
+
+/// An X screen whose monitors all report a quarter turn.
+class TurnedAdapter : public Orvanta::Ifaces::DisplayAdapter
+{
+public:
+    explicit TurnedAdapter(std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter)
+        : m_adapter(std::move(adapter))
+    {
+    }
+
+    std::wstring description() const override
+    {
+        return m_adapter->description();
+    }
+
+    long enumOutput(unsigned int index, std::shared_ptr<Orvanta::Ifaces::DisplayOutput>& output) override
+    {
+        const long result = m_adapter->enumOutput(index, output);
+        if (output)
+            output = std::make_shared<TurnedOutput>(output);
+        return result;
+    }
+
+    long createDevice(const std::shared_ptr<Orvanta::Ifaces::DisplayOutput>& output,
+        std::shared_ptr<Orvanta::Ifaces::GraphicsDevice>& device) override
+    {
+        return m_adapter->createDevice(output, device);
+    }
+
+private:
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> m_adapter;
+};
+
+class TurnedDisplaySystem : public Orvanta::X11::XcbDisplaySystem
+{
+public:
+    long enumAdapter(unsigned int index, std::shared_ptr<Orvanta::Ifaces::DisplayAdapter>& adapter) override
+    {
+        const long result = XcbDisplaySystem::enumAdapter(index, adapter);
+        if (adapter)
+            adapter = std::make_shared<TurnedAdapter>(adapter);
+        return result;
+    }
+};
+
+/// Rows for the two capture modes that read the X server.
+void addXModeRows()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("duplication") << 0;
+    QTest::newRow("blit") << 2;
 }
 
 DeskCaptureOption* publishedOption()
@@ -94,6 +159,8 @@ private slots:
     void monitorPastTheOldWidthAfterTheScreenGrew();
     void deepScreenGivesEightBitChannels_data();
     void deepScreenGivesEightBitChannels();
+    void turnedMonitorComesAsItsUserSeesIt_data();
+    void turnedMonitorComesAsItsUserSeesIt();
 
 private:
     QTemporaryDir m_configDir;
@@ -270,24 +337,24 @@ void TestX11Desktop::coloursComeBackAtTheRightPlace()
     m_painter->fill(QRect(100, 50, 200, 100), green);
     m_painter->fill(QRect(1900, 500, 40, 40), blue); // across the boundary
 
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(right->nextFrame(), 60, 110, red), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 60, 110, red), 10000);
     const cv::Mat frame = right->nextFrame();
     QCOMPARE(frame.type(), CV_8UC4);
     QCOMPARE(frame.cols, 1920);
     QCOMPARE(frame.rows, 1080);
-    QVERIFY(pixelIs(frame, 50, 100, red));
-    QVERIFY(pixelIs(frame, 149, 299, red));
-    QVERIFY(pixelIs(frame, 150, 300, Qt::black));
-    QVERIFY(pixelIs(frame, 950, 1600, mixed));
-    QVERIFY(pixelIs(frame, 520, 0, blue));
-    QVERIFY(pixelIs(frame, 520, 19, blue));
-    QVERIFY(pixelIs(frame, 520, 20, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 50, 100, red));
+    QVERIFY(XcbPainter::pixelIs(frame, 149, 299, red));
+    QVERIFY(XcbPainter::pixelIs(frame, 150, 300, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 950, 1600, mixed));
+    QVERIFY(XcbPainter::pixelIs(frame, 520, 0, blue));
+    QVERIFY(XcbPainter::pixelIs(frame, 520, 19, blue));
+    QVERIFY(XcbPainter::pixelIs(frame, 520, 20, Qt::black));
     // The left monitor's own picture, not the right one's.
-    QVERIFY(pixelIs(frame, 60, 110 + 0, red));
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 60, 110, green), 10000);
+    QVERIFY(XcbPainter::pixelIs(frame, 60, 110 + 0, red));
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 60, 110, green), 10000);
     const cv::Mat leftFrame = left->nextFrame();
-    QVERIFY(pixelIs(leftFrame, 520, 1919, blue));
-    QVERIFY(pixelIs(leftFrame, 950, 1600, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(leftFrame, 520, 1919, blue));
+    QVERIFY(XcbPainter::pixelIs(leftFrame, 950, 1600, Qt::black));
 }
 
 void TestX11Desktop::framesComeAtTheRequestedSize()
@@ -299,11 +366,12 @@ void TestX11Desktop::framesComeAtTheRequestedSize()
     m_painter->fill(QRect(1920 + 960, 0, 960, 1080), Qt::white);
     right->setOutputSize(QSize(320, 180));
     QCOMPARE(right->outputSize(), QSize(320, 180));
-    QTRY_VERIFY_WITH_TIMEOUT(right->nextFrame().cols == 320 && pixelIs(right->nextFrame(), 90, 240, Qt::white), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        right->nextFrame().cols == 320 && XcbPainter::pixelIs(right->nextFrame(), 90, 240, Qt::white), 10000);
     const cv::Mat frame = right->nextFrame();
     QCOMPARE(frame.rows, 180);
-    QVERIFY(pixelIs(frame, 10, 10, Qt::black));
-    QVERIFY(pixelIs(frame, 170, 310, Qt::white));
+    QVERIFY(XcbPainter::pixelIs(frame, 10, 10, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 170, 310, Qt::white));
 
     right->setOutputSize(QSize(64, 36));
     QTRY_COMPARE_WITH_TIMEOUT(right->nextFrame().cols, 64, 10000);
@@ -398,19 +466,19 @@ void TestX11Desktop::keptFrameStaysUnchanged()
     QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
     left->setOutputSize(QSize(320, 180));
     const xcb_window_t patch = m_painter->fill(QRect(0, 0, 1920, 1080), QColor(200, 10, 10));
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 90, 160, QColor(200, 10, 10)), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 90, 160, QColor(200, 10, 10)), 10000);
     const cv::Mat kept = left->nextFrame();
     const cv::Mat snapshot = kept.clone();
 
     m_painter->recolour(patch, QColor(10, 10, 200));
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 90, 160, QColor(10, 10, 200)), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 90, 160, QColor(10, 10, 200)), 10000);
     // Let several more frames replace each other.
     const uchar* newer = left->nextFrame().data;
     QTRY_VERIFY_WITH_TIMEOUT(left->nextFrame().data != newer, 10000);
 
     QVERIFY(left->nextFrame().data != kept.data);
     QCOMPARE(cv::norm(kept, snapshot, cv::NORM_INF), 0.0);
-    QVERIFY(pixelIs(kept, 90, 160, QColor(200, 10, 10)));
+    QVERIFY(XcbPainter::pixelIs(kept, 90, 160, QColor(200, 10, 10)));
 }
 
 void TestX11Desktop::modeWithoutBackendLeavesTheFrontEmpty()
@@ -449,8 +517,8 @@ void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
     const QColor blue(0, 0, 255);
     m_painter->fill(QRect(0, 0, 1920, 1080), green);
     m_painter->fill(QRect(1920, 0, 1920, 1080), red);
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 50, 50, green), 10000);
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(right->nextFrame(), 50, 50, red), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 50, 50, green), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 50, 50, red), 10000);
 
     // LEFT goes; RIGHT is now the first monitor of the screen.
     const QStringList plugLeft {"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"};
@@ -460,11 +528,11 @@ void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
     // RIGHT changes its picture: the row of LEFT must never show it.
     const QColor orange(255, 128, 0);
     m_painter->fill(QRect(1920, 0, 1920, 1080), orange);
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(right->nextFrame(), 50, 50, orange), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 50, 50, orange), 10000);
     QElapsedTimer watching;
     watching.start();
     while (watching.elapsed() < 1500) {
-        QVERIFY2(!pixelIs(left->nextFrame(), 50, 50, orange), "the row of LEFT shows another monitor");
+        QVERIFY2(!XcbPainter::pixelIs(left->nextFrame(), 50, 50, orange), "the row of LEFT shows another monitor");
         QTest::qWait(20);
     }
     QTRY_VERIFY_WITH_TIMEOUT(
@@ -473,8 +541,8 @@ void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
     // Plugged in again, the row captures its own monitor again.
     QVERIFY(xrandr(plugLeft));
     m_painter->fill(QRect(0, 0, 1920, 1080), blue);
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 50, 50, blue), 15000);
-    QVERIFY(pixelIs(right->nextFrame(), 50, 50, orange));
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 50, 50, blue), 15000);
+    QVERIFY(XcbPainter::pixelIs(right->nextFrame(), 50, 50, orange));
 }
 
 void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
@@ -543,17 +611,13 @@ void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
 
 void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew_data()
 {
-    QTest::addColumn<int>("mode");
-    QTest::newRow("duplication") << 0;
-    QTest::newRow("blit") << 2;
+    addXModeRows();
 }
 
 void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew()
 {
     QFETCH(int, mode);
     // A laptop's screen, about to be docked: a private server, since its size changes.
-    const QByteArray suiteDisplay = qgetenv("DISPLAY");
-    const auto restoreDisplay = qScopeGuard([suiteDisplay] { qputenv("DISPLAY", suiteDisplay); });
     XvfbServer server(2048, 768);
     QVERIFY2(server.started(), "Xvfb could not be started");
     QVERIFY(
@@ -591,27 +655,23 @@ void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew()
         capturer = registry.acquireCapturer(far);
     QVERIFY(capturer);
     capturer->setOutputSize(QSize(500, 768));
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(capturer->nextFrame(), 400, 250, teal), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(capturer->nextFrame(), 400, 250, teal), 10000);
     const cv::Mat frame = capturer->nextFrame();
     QCOMPARE(frame.cols, 500);
     QCOMPARE(frame.rows, 768);
-    QVERIFY(pixelIs(frame, 0, 0, teal));
-    QVERIFY(pixelIs(frame, 767, 499, teal));
+    QVERIFY(XcbPainter::pixelIs(frame, 0, 0, teal));
+    QVERIFY(XcbPainter::pixelIs(frame, 767, 499, teal));
 }
 
 void TestX11Desktop::deepScreenGivesEightBitChannels_data()
 {
-    QTest::addColumn<int>("mode");
-    QTest::newRow("duplication") << 0;
-    QTest::newRow("blit") << 2;
+    addXModeRows();
 }
 
 void TestX11Desktop::deepScreenGivesEightBitChannels()
 {
     QFETCH(int, mode);
     // 10 bits a channel: a private server of depth 30.
-    const QByteArray suiteDisplay = qgetenv("DISPLAY");
-    const auto restoreDisplay = qScopeGuard([suiteDisplay] { qputenv("DISPLAY", suiteDisplay); });
     XvfbServer server(640, 480, 30);
     QVERIFY2(server.started(), "Xvfb could not be started");
     XcbPainter painter;
@@ -626,14 +686,43 @@ void TestX11Desktop::deepScreenGivesEightBitChannels()
     QCOMPARE(registry.allCapturer().size(), 1);
     QSharedPointer<IDeskCapture> capturer = registry.acquireCapturer(registry.defaultCapturer());
     QVERIFY(capturer);
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(capturer->nextFrame(), 60, 110, mixed), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(capturer->nextFrame(), 60, 110, mixed), 10000);
     const cv::Mat frame = capturer->nextFrame();
     QCOMPARE(frame.cols, 640);
     QCOMPARE(frame.rows, 480);
-    QVERIFY(pixelIs(frame, 149, 299, mixed));
-    QVERIFY(pixelIs(frame, 150, 300, Qt::black));
-    QVERIFY(pixelIs(frame, 0, 0, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 149, 299, mixed));
+    QVERIFY(XcbPainter::pixelIs(frame, 150, 300, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 0, 0, Qt::black));
     QVERIFY2(messages.texts(QtCriticalMsg).isEmpty(), qPrintable(messages.texts(QtCriticalMsg).join('\n')));
+}
+
+void TestX11Desktop::turnedMonitorComesAsItsUserSeesIt_data()
+{
+    addXModeRows();
+}
+
+void TestX11Desktop::turnedMonitorComesAsItsUserSeesIt()
+{
+    QFETCH(int, mode);
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
+    DeskDuplManager registry(std::make_shared<TurnedDisplaySystem>(), &Orvanta::createDeskCaptureBackend);
+    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
+    QVERIFY(left);
+    // The picture of the monitor as its user sees it: red in the top left quarter.
+    const QColor red(255, 0, 0);
+    const QColor green(0, 255, 0);
+    m_painter->fill(QRect(0, 0, 1920, 1080), green);
+    m_painter->fill(QRect(0, 0, 960, 540), red);
+
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 10, 10, red), 10000);
+    QCOMPARE(left->originSize(), QSize(1920, 1080));
+    const cv::Mat frame = left->nextFrame();
+    QCOMPARE(frame.cols, 1920);
+    QCOMPARE(frame.rows, 1080);
+    QVERIFY(XcbPainter::pixelIs(frame, 530, 950, red));
+    QVERIFY(XcbPainter::pixelIs(frame, 550, 970, green));
+    QVERIFY(XcbPainter::pixelIs(frame, 10, 1900, green));
+    QVERIFY(XcbPainter::pixelIs(frame, 1070, 10, green));
 }
 
 QTEST_GUILESS_MAIN(TestX11Desktop)

@@ -159,5 +159,10 @@ bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& re
     return true;
 }
 
+bool XcbScreenGrabber::picturesAreTurned() const
+{
+    return true;
+}
+
 } // namespace X11
 } // namespace Orvanta
