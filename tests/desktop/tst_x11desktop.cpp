@@ -117,6 +117,19 @@ public:
     }
 };
 
+/// The fronts of LEFT and RIGHT at a tenth of their size; false unless both came.
+bool acquireBothSmall(
+    DeskDuplManager& registry, QSharedPointer<IDeskCapture>& left, QSharedPointer<IDeskCapture>& right)
+{
+    left = registry.acquireCapturer("LEFT-A0-O0");
+    right = registry.acquireCapturer("RIGHT-A0-O1");
+    if (!left || !right)
+        return false;
+    left->setOutputSize(QSize(192, 108));
+    right->setOutputSize(QSize(192, 108));
+    return true;
+}
+
 /// Rows for the two capture modes that read the X server.
 void addXModeRows()
 {
@@ -507,11 +520,9 @@ void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
 {
     ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
     DeskDuplManager registry;
-    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
-    QSharedPointer<IDeskCapture> right = registry.acquireCapturer("RIGHT-A0-O1");
-    QVERIFY(left && right);
-    left->setOutputSize(QSize(192, 108));
-    right->setOutputSize(QSize(192, 108));
+    QSharedPointer<IDeskCapture> left;
+    QSharedPointer<IDeskCapture> right;
+    QVERIFY(acquireBothSmall(registry, left, right));
     const QColor green(0, 255, 0);
     const QColor red(255, 0, 0);
     const QColor blue(0, 0, 255);
@@ -549,11 +560,9 @@ void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
 {
     ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
     DeskDuplManager registry;
-    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
-    QSharedPointer<IDeskCapture> right = registry.acquireCapturer("RIGHT-A0-O1");
-    QVERIFY(left && right);
-    left->setOutputSize(QSize(192, 108));
-    right->setOutputSize(QSize(192, 108));
+    QSharedPointer<IDeskCapture> left;
+    QSharedPointer<IDeskCapture> right;
+    QVERIFY(acquireBothSmall(registry, left, right));
     QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty() && !right->nextFrame().empty(), 10000);
 
     // RIGHT's picture changes all the time; a consumer counts its new frames.
