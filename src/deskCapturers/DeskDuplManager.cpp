@@ -220,7 +220,7 @@ QString DeskDuplManager::defaultCapturer()
 
 QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
 {
-    std::lock_guard<std::mutex> locker(d->mutex);
+    std::unique_lock<std::mutex> locker(d->mutex);
     auto row = d->capturers.find(id);
     if (row == d->capturers.end())
         return {};
@@ -229,7 +229,7 @@ QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
         qInfo() << "[DeskDuplManager]: Making capturer " << id << ", current thread: " << QThread::currentThreadId()
                 << ", thread: " << quintptr(thread());
         if (QThread::currentThread() == thread()) {
-            makeCapturer(id);
+            makeCapturer(id, locker);
         } else {
             // The capturer's timer must live on the registry's thread. The
             // posted call takes the lock, since other threads may be reading
@@ -239,10 +239,10 @@ QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
             QMetaObject::invokeMethod(
                 this,
                 [this, id] {
-                    std::lock_guard<std::mutex> postedLocker(d->mutex);
+                    std::unique_lock<std::mutex> postedLocker(d->mutex);
                     const auto posted = d->capturers.constFind(id);
                     if (posted != d->capturers.constEnd() && !posted->capturer && posted->refCount > 0)
-                        makeCapturer(id);
+                        makeCapturer(id, postedLocker);
                 },
                 Qt::QueuedConnection);
         }
@@ -253,20 +253,38 @@ QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
     return row->capturer;
 }
 
-void DeskDuplManager::makeCapturer(QString id)
+void DeskDuplManager::makeCapturer(QString id, std::unique_lock<std::mutex>& locker)
 {
     auto row = d->capturers.find(id);
     if (row == d->capturers.end()) {
         qCritical() << "[DeskDuplManager]: Not found capturer context to make capturer" << id;
         return;
     }
+    if (row->making)
+        return;
+    // Building the front may wait long: a back-end may ask the user for
+    // consent. The table stays open to other threads meanwhile; its shape
+    // never changes after enumeration, so the row is still there afterwards.
+    row->making = true;
+    const DeskCaptureContext context = row->context;
+    locker.unlock();
+    QSharedPointer<IDeskCapture> made = makeFront(context);
+    locker.lock();
+    row = d->capturers.find(id);
+    row->making = false;
+    if (!row->capturer)
+        row->capturer = made;
+}
+
+QSharedPointer<IDeskCapture> DeskDuplManager::makeFront(const DeskCaptureContext& context)
+{
     auto* capture = new WinDeskCapture(d->option, d->backends, nullptr);
-    capture->setCaptureContext(row->context);
+    capture->setCaptureContext(context);
     {
         std::lock_guard<std::mutex> locker(d->fronts->mutex);
         d->fronts->living.insert(capture);
     }
-    row->capturer = QSharedPointer<IDeskCapture>(capture, [fronts = d->fronts](IDeskCapture* object) {
+    return QSharedPointer<IDeskCapture>(capture, [fronts = d->fronts](IDeskCapture* object) {
         auto* front = static_cast<WinDeskCapture*>(object);
         std::unique_lock<std::mutex> locker(fronts->mutex);
         // A consumer may drop the last copy on its own thread; the capturer's

@@ -27,6 +27,8 @@ struct CapturerRecord
     /// Null until the first acquire, and again once the count reached 0.
     QSharedPointer<IDeskCapture> capturer;
     qint32 refCount = 0;
+    /// Set while the registry's thread builds the row's front outside the lock.
+    bool making = false;
 };
 
 class WinDeskCapture;

@@ -11,6 +11,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QPointer>
@@ -21,6 +22,8 @@
 #include <QtTest/QTest>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <thread>
 
 using Fakes::CaptureJournal;
@@ -99,6 +102,7 @@ private slots:
     void postedConstructionFindsTheCapturerAlreadyMade();
     void postedConstructionAfterTheLastReleaseMakesNothing();
     void frontsEndWithTheRegistryAfterItsLoopEnded();
+    void waitingBackendDoesNotHoldTheRegistry();
 
     void modeAboveRangeIsClampedWithoutWriteBack();
     void modeBelowRangeIsClampedWithoutWriteBack();
@@ -643,6 +647,46 @@ void TestDeskDuplManager::frontsEndWithTheRegistryAfterItsLoopEnded()
     held.clear();
     QVERIFY(!heldWatch);
     QCOMPARE(m_journal->destroyed, m_journal->made);
+}
+
+void TestDeskDuplManager::waitingBackendDoesNotHoldTheRegistry()
+{
+    DeskDuplManager registry(twoAdapters(), Fakes::fakeBackends(m_journal));
+    // The back-end asks the user, who leaves the dialog open for up to two seconds.
+    std::atomic<bool> dialogOpen {false};
+    std::atomic<bool> answered {false};
+    m_journal->onContext = [&] {
+        dialogOpen = true;
+        QElapsedTimer open;
+        open.start();
+        while (!answered.load() && open.elapsed() < 2000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+
+    qint64 slowest = -1;
+    QString desc;
+    std::thread other([&] {
+        while (!dialogOpen.load())
+            std::this_thread::yield();
+        // Another thread's calls while the registry's thread waits for the user.
+        QElapsedTimer call;
+        call.start();
+        desc = registry.capturerDesc("DISPLAY2-A1-O0");
+        registry.capturerMetadata("DISPLAY2-A1-O0");
+        registry.acquireCapturer("DISPLAY2-A1-O0");
+        registry.releaseCapturer("DISPLAY2-A1-O0");
+        slowest = call.elapsed();
+        answered = true;
+    });
+    QSharedPointer<IDeskCapture> front = registry.acquireCapturer("DISPLAY1-A0-O0");
+    other.join();
+    m_journal->onContext = nullptr;
+
+    QVERIFY(front);
+    QCOMPARE(desc, QStringLiteral("DISPLAY2 2560x1440 (OUT1)"));
+    QVERIFY2(slowest >= 0 && slowest < 100, qPrintable(QString::number(slowest)));
+    QCOMPARE(registry.acquireCapturer("DISPLAY1-A0-O0"), front);
+    QCOMPARE(m_journal->made, 1);
 }
 
 QTEST_GUILESS_MAIN(TestDeskDuplManager)

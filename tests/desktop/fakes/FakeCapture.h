@@ -7,6 +7,7 @@
 #include <QtCore/QThread>
 #include <mutex>
 
+#include <functional>
 #include <memory>
 
 namespace Fakes {
@@ -22,6 +23,8 @@ struct CaptureJournal
     QList<DeskCaptureContext> contexts;
     /// The thread of each setCaptureContext call.
     QList<QThread*> contextThreads;
+    /// Runs at the start of each setCaptureContext, outside the lock: a back-end that waits for the user.
+    std::function<void()> onContext;
     /// Result of setCaptureContext for the back-ends to come.
     long contextResult = 0;
     /// Frames handed out, in turn; once used up, empty matrices.
@@ -71,6 +74,8 @@ public:
 
     long setCaptureContext(DeskCaptureContext context) override
     {
+        if (journal->onContext)
+            journal->onContext();
         std::lock_guard<std::mutex> locker(journal->mutex);
         journal->contexts.append(context);
         journal->contextThreads.append(QThread::currentThread());
