@@ -131,6 +131,8 @@ bool D3DTextureResizer::setContext(std::shared_ptr<GpuScaler> scaler)
     else
         m_scalerKind.store(m_scaler->drawsOnCpu() ? ScalerKind::Cpu : ScalerKind::Gpu);
     if (!m_scaler) {
+        // The fixed text names the first step; the reader learns the real cause here.
+        qDebug() << "[D3DTextureResizer]: There is no device context to draw with: the scaler is null";
         qCritical() << "Failed to create D3D11VertexShader" << win32ErrorMsg(E_POINTER);
         return false;
     }

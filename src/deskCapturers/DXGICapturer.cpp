@@ -4,11 +4,11 @@
 #include "Helpers.h"
 #include "ResultCodes.h"
 #include "ifaces/DesktopDuplicator.h"
-#include "ifaces/Sleeper.h"
+#include "ifaces/RetryClock.h"
 
 #include <QtCore/QDebug>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QMetaType>
-#include <QtCore/QThread>
 
 #include <cstdint>
 #include <mutex>
@@ -48,13 +48,21 @@ bool isNonRecoverable(long result)
     return offset <= 36 && ((0x117000000FULL >> offset) & 1u) != 0;
 }
 
-class ThreadSleeper final : public Orvanta::Ifaces::Sleeper
+class MonotonicClock final : public Orvanta::Ifaces::RetryClock
 {
 public:
-    void sleep(unsigned milliseconds) override
+    MonotonicClock()
     {
-        QThread::msleep(milliseconds);
+        m_timer.start();
     }
+
+    std::int64_t milliseconds() override
+    {
+        return m_timer.elapsed();
+    }
+
+private:
+    QElapsedTimer m_timer;
 };
 
 } // namespace
@@ -81,7 +89,11 @@ public:
 
     // Set once a context named a platform; polls before that find nothing to rebuild.
     bool bound = false;
-    std::shared_ptr<Orvanta::Ifaces::Sleeper> sleeper;
+    std::shared_ptr<Orvanta::Ifaces::RetryClock> clock;
+    /// A round of up to five tries is under way while the duplication is lost.
+    bool rebuilding = false;
+    int tries = 0;
+    std::int64_t nextTryAt = 0;
     // Serialises every use of the resizer and its device context: a consumer's
     // setOutputSize rebuilds the render target while the polling thread may be
     // drawing into it. Taken before outputSizeLock.
@@ -92,7 +104,7 @@ DXGICapturer::DXGICapturer(QObject* parent)
     : d(std::make_unique<DXGICapturerPrivate>())
 {
     setParent(parent);
-    d->sleeper = std::make_shared<ThreadSleeper>();
+    d->clock = std::make_shared<MonotonicClock>();
     qRegisterMetaType<long>("HRESULT");
 }
 
@@ -103,13 +115,13 @@ DXGICapturer::DXGICapturer(DeskCaptureContext context, QObject* parent)
 }
 
 DXGICapturer::DXGICapturer(std::shared_ptr<Orvanta::Ifaces::DesktopDuplicator> duplicator,
-    std::shared_ptr<Orvanta::Ifaces::Sleeper> sleeper, QObject* parent)
+    std::shared_ptr<Orvanta::Ifaces::RetryClock> clock, QObject* parent)
     : DXGICapturer(parent)
 {
     d->duplicator = std::move(duplicator);
     d->duplicatorInjected = d->duplicator != nullptr;
-    if (sleeper) {
-        d->sleeper = std::move(sleeper);
+    if (clock) {
+        d->clock = std::move(clock);
     }
 }
 
@@ -158,9 +170,10 @@ long DXGICapturer::setCaptureContext(DeskCaptureContext context)
     d->output = context.output;
     d->device = context.device;
     d->outputIndex = context.outputIndex;
+    d->rebuilding = false;
     if (!d->duplicatorInjected) {
         d->duplication.reset();
-        d->duplicator = Orvanta::Ifaces::createPlatformDesktopDuplicator(d->adapter, d->device);
+        d->duplicator = Orvanta::Ifaces::createPlatformDesktopDuplicator(d->adapter, d->device, d->output);
     }
     if (!d->duplicator) {
         d->bound = false;
@@ -281,7 +294,11 @@ bool DXGICapturer::requireNextFrame(cv::Mat& frame)
         return false;
     }
     if (!d->duplication) {
-        startRebuild();
+        if (d->rebuilding) {
+            continueRebuild();
+        } else {
+            startRebuild();
+        }
         return false;
     }
 
@@ -328,22 +345,34 @@ bool DXGICapturer::requireNextFrame(cv::Mat& frame)
 
 void DXGICapturer::startRebuild()
 {
-    int tries = 0;
-    for (;;) {
-        d->sleeper->sleep(kRetryWaitMilliseconds);
-        const long result = remakeDupl();
-        if (result >= 0) {
-            return;
-        }
-        if (isNonRecoverable(result)) {
-            qWarning() << "[DXGICapturer]: Detected a non-recoverable error, stopping retries:"
-                       << win32ErrorMsg(result);
-            return;
-        }
-        qWarning() << "[DXGICapturer]: Failed to rebuild the duplication, retrying in 0.5 seconds:"
-                   << win32ErrorMsg(result);
-        if (++tries >= kRebuildTries) {
-            return;
-        }
+    // Every front of a registry polls on one thread: a capturer that slept
+    // through its waits would hold all the others' frames for as long.
+    d->rebuilding = true;
+    d->tries = 0;
+    d->nextTryAt = d->clock->milliseconds() + kRetryWaitMilliseconds;
+}
+
+void DXGICapturer::continueRebuild()
+{
+    if (d->clock->milliseconds() < d->nextTryAt) {
+        return;
     }
+    const long result = remakeDupl();
+    if (result >= 0) {
+        d->rebuilding = false;
+        return;
+    }
+    if (isNonRecoverable(result)) {
+        qWarning() << "[DXGICapturer]: Detected a non-recoverable error, stopping retries:" << win32ErrorMsg(result);
+        d->rebuilding = false;
+        return;
+    }
+    qWarning() << "[DXGICapturer]: Failed to rebuild the duplication, retrying in 0.5 seconds:"
+               << win32ErrorMsg(result);
+    if (++d->tries >= kRebuildTries) {
+        // The next poll begins a new round, half a second later again.
+        d->rebuilding = false;
+        return;
+    }
+    d->nextTryAt = d->clock->milliseconds() + kRetryWaitMilliseconds;
 }

@@ -10,7 +10,7 @@
 namespace Orvanta {
 namespace Ifaces {
 class DesktopDuplicator;
-class Sleeper;
+class RetryClock;
 } // namespace Ifaces
 } // namespace Orvanta
 
@@ -25,9 +25,10 @@ class DXGICapturerPrivate;
  * It recovers by itself: a mode or geometry change is answered with an
  * immediate rebuild, other failures with up to five tries half a second
  * apart, and codes that cannot improve by retrying (access denied, a removed
- * device, ...) end the tries at once. While the duplication is lost every
- * poll tries again and delivers no frame. Polling, rebuilding and their
- * waits all happen on the polling thread, which they block.
+ * device, ...) end the tries at once. While the duplication is lost, polls
+ * deliver no frame and a new round of tries begins. The half second before
+ * each try is kept by the clock, not slept: polls in between return at once,
+ * so the polling thread goes on serving other capturers while this one waits.
  *
  * Frame size: outputSize() is the origin size until setOutputSize() chooses
  * another; once chosen it stays when the desktop's resolution changes.
@@ -43,10 +44,10 @@ public:
     explicit DXGICapturer(QObject* parent = nullptr);
     /// Binds at once; a failure shows as frames that never come.
     explicit DXGICapturer(DeskCaptureContext context, QObject* parent = nullptr);
-    /// Runs on @p duplicator and waits through @p sleeper instead of the
+    /// Runs on @p duplicator and paces its tries by @p clock instead of the
     /// platform named by the context: the seam for other platforms and tests.
     DXGICapturer(std::shared_ptr<Orvanta::Ifaces::DesktopDuplicator> duplicator,
-        std::shared_ptr<Orvanta::Ifaces::Sleeper> sleeper, QObject* parent = nullptr);
+        std::shared_ptr<Orvanta::Ifaces::RetryClock> clock, QObject* parent = nullptr);
     ~DXGICapturer() override;
 
     QSize outputSize() override;
@@ -61,6 +62,7 @@ private:
     long remakeDupl();
     bool requireNextFrame(cv::Mat& frame);
     void startRebuild();
+    void continueRebuild();
     void loadDuplInfo();
     long makeOutputContext();
     long initRenderCtx();

@@ -74,6 +74,23 @@ DeskDuplManager::~DeskDuplManager()
         if (published.toLongLong() == qlonglong(reinterpret_cast<quintptr>(d->option)))
             application->setProperty(kOptionProperty, QVariant());
     }
+
+    // Fronts end here, whether or not an event loop still runs: those whose
+    // last copy went on another thread are deleted now, and those that
+    // consumers still hold are stopped, so that their last copy may delete
+    // them on any thread.
+    QSet<WinDeskCapture*> dropped;
+    QSet<WinDeskCapture*> held;
+    {
+        std::lock_guard<std::mutex> locker(d->fronts->mutex);
+        d->fronts->registryGone = true;
+        dropped.swap(d->fronts->dropped);
+        held = d->fronts->living - dropped;
+        d->fronts->living = held;
+    }
+    qDeleteAll(dropped);
+    for (WinDeskCapture* front : qAsConst(held))
+        front->shutdown();
     d->capturers.clear();
 }
 
@@ -203,7 +220,7 @@ QString DeskDuplManager::defaultCapturer()
 
 QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
 {
-    std::lock_guard<std::mutex> locker(d->mutex);
+    std::unique_lock<std::mutex> locker(d->mutex);
     auto row = d->capturers.find(id);
     if (row == d->capturers.end())
         return {};
@@ -212,16 +229,20 @@ QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
         qInfo() << "[DeskDuplManager]: Making capturer " << id << ", current thread: " << QThread::currentThreadId()
                 << ", thread: " << quintptr(thread());
         if (QThread::currentThread() == thread()) {
-            makeCapturer(id);
+            makeCapturer(id, locker);
         } else {
             // The capturer's timer must live on the registry's thread. The
             // posted call takes the lock, since other threads may be reading
-            // the row meanwhile.
+            // the row meanwhile, and looks at the row again: another acquire
+            // may have made the capturer since, or releases brought the
+            // count to 0.
             QMetaObject::invokeMethod(
                 this,
                 [this, id] {
-                    std::lock_guard<std::mutex> postedLocker(d->mutex);
-                    makeCapturer(id);
+                    std::unique_lock<std::mutex> postedLocker(d->mutex);
+                    const auto posted = d->capturers.constFind(id);
+                    if (posted != d->capturers.constEnd() && !posted->capturer && posted->refCount > 0)
+                        makeCapturer(id, postedLocker);
                 },
                 Qt::QueuedConnection);
         }
@@ -232,22 +253,63 @@ QSharedPointer<IDeskCapture> DeskDuplManager::acquireCapturer(QString id)
     return row->capturer;
 }
 
-void DeskDuplManager::makeCapturer(QString id)
+void DeskDuplManager::makeCapturer(QString id, std::unique_lock<std::mutex>& locker)
 {
     auto row = d->capturers.find(id);
     if (row == d->capturers.end()) {
         qCritical() << "[DeskDuplManager]: Not found capturer context to make capturer" << id;
         return;
     }
+    if (row->making)
+        return;
+    // Building the front may wait long: a back-end may ask the user for
+    // consent. The table stays open to other threads meanwhile; its shape
+    // never changes after enumeration, so the row is still there afterwards.
+    row->making = true;
+    const DeskCaptureContext context = row->context;
+    locker.unlock();
+    QSharedPointer<IDeskCapture> made = makeFront(context);
+    locker.lock();
+    row = d->capturers.find(id);
+    row->making = false;
+    if (!row->capturer)
+        row->capturer = made;
+}
+
+QSharedPointer<IDeskCapture> DeskDuplManager::makeFront(const DeskCaptureContext& context)
+{
     auto* capture = new WinDeskCapture(d->option, d->backends, nullptr);
-    capture->setCaptureContext(row->context);
-    // A consumer may drop the last copy on its own thread; the capturer's
-    // timer can only be stopped on the thread it lives on.
-    row->capturer = QSharedPointer<IDeskCapture>(capture, [](IDeskCapture* object) {
-        if (object->thread() == QThread::currentThread())
-            delete object;
-        else
-            object->deleteLater();
+    capture->setCaptureContext(context);
+    {
+        std::lock_guard<std::mutex> locker(d->fronts->mutex);
+        d->fronts->living.insert(capture);
+    }
+    return QSharedPointer<IDeskCapture>(capture, [fronts = d->fronts](IDeskCapture* object) {
+        auto* front = static_cast<WinDeskCapture*>(object);
+        std::unique_lock<std::mutex> locker(fronts->mutex);
+        // A consumer may drop the last copy on its own thread; the capturer's
+        // timer can only be stopped on the thread it lives on, so the
+        // deletion goes there, and the registry's end takes over what that
+        // thread never got to.
+        if (!fronts->registryGone && front->QObject::thread() != QThread::currentThread()) {
+            fronts->dropped.insert(front);
+            QMetaObject::invokeMethod(
+                front,
+                [fronts, front] {
+                    {
+                        std::lock_guard<std::mutex> postedLocker(fronts->mutex);
+                        if (!fronts->dropped.remove(front))
+                            return;
+                        fronts->living.remove(front);
+                    }
+                    delete front;
+                },
+                Qt::QueuedConnection);
+            return;
+        }
+        fronts->living.remove(front);
+        locker.unlock();
+        delete front;
     });
 }
 

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 
 class DeskDuplManagerPrivate;
 
@@ -52,7 +53,9 @@ public:
 private:
     void load();
     int enumOutputs(DeskAdapterHandle adapter, unsigned int adapterIndex);
-    void makeCapturer(QString id);
+    /// Gives the row its front; called with @p locker held, which it releases while the front is built.
+    void makeCapturer(QString id, std::unique_lock<std::mutex>& locker);
+    QSharedPointer<IDeskCapture> makeFront(const DeskCaptureContext& context);
 
     std::unique_ptr<DeskDuplManagerPrivate> d;
 };

@@ -66,6 +66,10 @@ cv::Mat GDICapturer::nextFrame()
 
 int GDICapturer::rotation() const
 {
+    // Where the screen holds the monitor turned already, turning it again
+    // would show it sideways: it is delivered as it is.
+    if (grabber && grabber->picturesAreTurned())
+        return int(OutputRotation::Identity);
     Orvanta::Ifaces::OutputDescription description;
     if (!context.output || context.output->describe(description) < 0)
         return int(OutputRotation::Unspecified);
@@ -76,9 +80,22 @@ cv::Mat GDICapturer::screenshot()
 {
     // The monitor's rectangle is read anew each time, so a change of
     // resolution needs no handling; the output size stays.
+    // Every failure shows as the one fixed text; the cause goes beside it at debug level.
     Orvanta::Ifaces::ScreenRect rect;
     Orvanta::Ifaces::ScreenImage image;
-    if (!grabber || (grabber->monitorRect(monitor, rect), !grabber->grab(monitor, rect, image))) {
+    if (!grabber) {
+        qDebug() << "[GDICapturer]: There is no screen grabber";
+        qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
+        return cv::Mat();
+    }
+    if (!grabber->monitorRect(monitor, rect)) {
+        qDebug() << "[GDICapturer]: The rectangle of monitor" << reinterpret_cast<void*>(monitor) << "is unknown";
+        qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
+        return cv::Mat();
+    }
+    if (!grabber->grab(monitor, rect, image)) {
+        qDebug() << "[GDICapturer]: Copying the rectangle" << rect.left << rect.top << rect.right << rect.bottom
+                 << "of monitor" << reinterpret_cast<void*>(monitor) << "failed";
         qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
         return cv::Mat();
     }

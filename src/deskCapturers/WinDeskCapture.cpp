@@ -10,6 +10,8 @@
 
 namespace {
 
+constexpr int kDefaultIntervalMilliseconds = 33;
+
 void* monitorPointer(DeskMonitorHandle monitor)
 {
     return reinterpret_cast<void*>(monitor);
@@ -35,14 +37,33 @@ WinDeskCapture::WinDeskCapture(DeskCaptureOption* option, BackendFactory backend
     thread->start(QThread::InheritPriority);
 
     // Read once: a later change of the interval doesn't reach a running capturer.
-    const int interval = ConfigurationManager::instance()->appConfig(QStringLiteral("devUpdateInterval")).toInt(33);
+    int interval = ConfigurationManager::instance()
+                       ->appConfig(QStringLiteral("devUpdateInterval"))
+                       .toInt(kDefaultIntervalMilliseconds);
+    if (interval <= 0) {
+        // 0 would poll without a pause and a negative value never start the timer.
+        qWarning() << "[WinDeskCapture]: The devUpdateInterval " << interval
+                   << " is not a positive number of milliseconds, using " << kDefaultIntervalMilliseconds;
+        interval = kDefaultIntervalMilliseconds;
+    }
     timerId = startTimer(interval, Qt::PreciseTimer);
     qInfo() << "WinDeskCapture timer has started, id: " << timerId;
 }
 
 WinDeskCapture::~WinDeskCapture()
 {
-    killTimer(timerId);
+    shutdown();
+}
+
+void WinDeskCapture::shutdown()
+{
+    if (shutDown)
+        return;
+    shutDown = true;
+    // A thread that has ended took its timers with it, and killing them from
+    // another thread is not allowed.
+    if (QThread::currentThread() == QObject::thread())
+        killTimer(timerId);
     qInfo() << "WinDeskCapture timer has stopped, id: " << timerId;
     IDeskCapture* old = nullptr;
     {
@@ -55,14 +76,28 @@ WinDeskCapture::~WinDeskCapture()
     thread->wait();
     // The thread has finished; deleting it now doesn't depend on an event loop.
     delete thread;
+    thread = nullptr;
+}
+
+bool WinDeskCapture::handedToOwnThread(std::function<void()> work)
+{
+    if (QThread::currentThread() == QObject::thread())
+        return false;
+    // The timer uses the back-end on the front's thread, so only that thread may replace it.
+    QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
+    return true;
 }
 
 void WinDeskCapture::setContext(const DeskCaptureContext& newContext)
 {
+    if (handedToOwnThread([this, newContext] { setContext(newContext); }))
+        return;
+    if (shutDown)
+        return;
     context = newContext;
     qDebug() << "[WinDeskCapture]: " << QStringLiteral("0x%1").arg(quintptr(context.monitor), 0, 16)
              << ", worker thread: " << QStringLiteral("0x%1  ").arg(reinterpret_cast<quintptr>(thread), 0, 16);
-    onCaptureModeChanged();
+    rebuildBackend();
 }
 
 long WinDeskCapture::setCaptureContext(DeskCaptureContext newContext)
@@ -74,6 +109,15 @@ long WinDeskCapture::setCaptureContext(DeskCaptureContext newContext)
 }
 
 void WinDeskCapture::onCaptureModeChanged()
+{
+    if (handedToOwnThread([this] { onCaptureModeChanged(); }))
+        return;
+    if (shutDown)
+        return;
+    rebuildBackend();
+}
+
+void WinDeskCapture::rebuildBackend()
 {
     const int mode = option ? option->curMode() : -1;
     QSize previousSize(-1, -1);

@@ -31,7 +31,14 @@ public:
     WinDeskCapture(DeskCaptureOption* option, BackendFactory backends, QObject* parent);
     ~WinDeskCapture() override;
 
+    /// Binds the front to @p context; from another thread, the work is handed to the front's own.
     void setContext(const DeskCaptureContext& context);
+    /**
+     * Stops polling for good: the timer, the back-end and the worker go, and
+     * the front stays empty. Runs on the front's thread or once that thread
+     * has ended; afterwards the object may be deleted on any thread.
+     */
+    void shutdown();
 
     QSize outputSize() override;
     QSize originSize() override;
@@ -42,11 +49,17 @@ public:
     QString scalerName() override;
 
 public slots:
+    /// Rebuilds the back-end for the current mode; from another thread, on the front's thread later.
     void onCaptureModeChanged();
     void acquireNextFrame();
 
 protected:
     void timerEvent(QTimerEvent* event) override;
+
+private:
+    /// True if the call came from a thread other than the front's and was queued to it.
+    bool handedToOwnThread(std::function<void()> work);
+    void rebuildBackend();
 
 private:
     /// Guards `frame` for a header copy only.
@@ -61,4 +74,5 @@ private:
     QPointer<DeskCaptureOption> option;
     int timerId = 0;
     BackendFactory backends;
+    bool shutDown = false;
 };

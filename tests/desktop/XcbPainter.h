@@ -3,6 +3,7 @@
 #include <QtCore/QRect>
 #include <QtGui/QColor>
 
+#include <opencv2/core.hpp>
 #include <xcb/xcb.h>
 
 #include <vector>
@@ -31,6 +32,9 @@ public:
     void recolour(xcb_window_t window, const QColor& colour);
     /// Removes every rectangle.
     void clear();
+
+    /// Whether a captured frame (R, G, B, A) shows @p colour at @p row, @p col.
+    static bool pixelIs(const cv::Mat& frame, int row, int col, const QColor& colour);
 
 private:
     void sync();

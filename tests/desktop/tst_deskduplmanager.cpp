@@ -11,8 +11,10 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
+#include <QtCore/QPointer>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QThread>
@@ -20,6 +22,8 @@
 #include <QtTest/QTest>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <thread>
 
 using Fakes::CaptureJournal;
@@ -95,6 +99,10 @@ private slots:
     void releaseOfUnknownIdentifier();
     void acquireFromAnotherThread();
     void capturerDroppedLastOnAnotherThread();
+    void postedConstructionFindsTheCapturerAlreadyMade();
+    void postedConstructionAfterTheLastReleaseMakesNothing();
+    void frontsEndWithTheRegistryAfterItsLoopEnded();
+    void waitingBackendDoesNotHoldTheRegistry();
 
     void modeAboveRangeIsClampedWithoutWriteBack();
     void modeBelowRangeIsClampedWithoutWriteBack();
@@ -554,6 +562,131 @@ void TestDeskDuplManager::optionIsPublishedOnTheApplication()
     }
     // Gone with the registry, so that nobody follows a stale address.
     QVERIFY(!QCoreApplication::instance()->property("runtime.options.deskCaptureOption").isValid());
+}
+
+void TestDeskDuplManager::postedConstructionFindsTheCapturerAlreadyMade()
+{
+    DeskDuplManager registry(twoAdapters(), Fakes::fakeBackends(m_journal));
+    const QString id = "DISPLAY1-A0-O0";
+    QSharedPointer<IDeskCapture> fromThread;
+    std::thread([&] { fromThread = registry.acquireCapturer(id); }).join();
+    QVERIFY(fromThread.isNull());
+
+    // The registry's own thread acquires before its loop ran the posted construction.
+    QSharedPointer<IDeskCapture> direct = registry.acquireCapturer(id);
+    QVERIFY(direct);
+    QCOMPARE(m_journal->made, 1);
+    QCoreApplication::sendPostedEvents(&registry, QEvent::MetaCall);
+
+    // One front for one output: the posted construction found it made.
+    QCOMPARE(m_journal->made, 1);
+    QCOMPARE(registry.acquireCapturer(id), direct);
+}
+
+void TestDeskDuplManager::postedConstructionAfterTheLastReleaseMakesNothing()
+{
+    DeskDuplManager registry(twoAdapters(), Fakes::fakeBackends(m_journal));
+    const QString id = "DISPLAY1-A0-O0";
+    MessageCapture messages;
+    std::thread([&] {
+        registry.acquireCapturer(id);
+        registry.releaseCapturer(id);
+        registry.releaseCapturer(id);
+    }).join();
+    QVERIFY(messages.contains(QtInfoMsg, releasedText(id).mid(6)));
+    QCoreApplication::sendPostedEvents(&registry, QEvent::MetaCall);
+
+    // The count reached 0 before the construction ran: no capturer without references.
+    QCOMPARE(m_journal->made, 0);
+    QSharedPointer<IDeskCapture> again = registry.acquireCapturer(id);
+    QVERIFY(again);
+    QCOMPARE(m_journal->made, 1);
+    QVERIFY(messages.contains(QtInfoMsg, referencesText(id, 1).mid(6)));
+}
+
+void TestDeskDuplManager::frontsEndWithTheRegistryAfterItsLoopEnded()
+{
+    QThread registryThread;
+    QObject onRegistryThread;
+    onRegistryThread.moveToThread(&registryThread);
+    registryThread.start();
+
+    DeskDuplManager* registry = nullptr;
+    QSharedPointer<IDeskCapture> dropped;
+    QSharedPointer<IDeskCapture> held;
+    QPointer<QObject> droppedWatch;
+    QPointer<QObject> heldWatch;
+    auto system = twoAdapters();
+    auto backends = Fakes::fakeBackends(m_journal);
+    QMetaObject::invokeMethod(
+        &onRegistryThread,
+        [&] {
+            registry = new DeskDuplManager(system, backends);
+            dropped = registry->acquireCapturer("DISPLAY1-A0-O0");
+            registry->releaseCapturer("DISPLAY1-A0-O0");
+            registry->releaseCapturer("DISPLAY1-A0-O0");
+            held = registry->acquireCapturer("DISPLAY2-A1-O0");
+            droppedWatch = dropped.data();
+            heldWatch = held.data();
+        },
+        Qt::BlockingQueuedConnection);
+    QVERIFY(dropped && held);
+    registryThread.quit();
+    QVERIFY(registryThread.wait(10000));
+
+    // The last copy goes on this thread after the registry's loop ended.
+    MessageCapture messages;
+    dropped.clear();
+    delete registry;
+    QVERIFY(!droppedWatch);
+    QCOMPARE(messages.texts(QtInfoMsg).filter("WinDeskCapture timer has stopped, id: ").size(), 2);
+
+    // A front still held was stopped with the registry and goes with its last copy, on any thread.
+    QVERIFY(heldWatch);
+    QVERIFY(held->nextFrame().empty());
+    held.clear();
+    QVERIFY(!heldWatch);
+    QCOMPARE(m_journal->destroyed, m_journal->made);
+}
+
+void TestDeskDuplManager::waitingBackendDoesNotHoldTheRegistry()
+{
+    DeskDuplManager registry(twoAdapters(), Fakes::fakeBackends(m_journal));
+    // The back-end asks the user, who leaves the dialog open for up to two seconds.
+    std::atomic<bool> dialogOpen {false};
+    std::atomic<bool> answered {false};
+    m_journal->onContext = [&] {
+        dialogOpen = true;
+        QElapsedTimer open;
+        open.start();
+        while (!answered.load() && open.elapsed() < 2000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+
+    qint64 slowest = -1;
+    QString desc;
+    std::thread other([&] {
+        while (!dialogOpen.load())
+            std::this_thread::yield();
+        // Another thread's calls while the registry's thread waits for the user.
+        QElapsedTimer call;
+        call.start();
+        desc = registry.capturerDesc("DISPLAY2-A1-O0");
+        registry.capturerMetadata("DISPLAY2-A1-O0");
+        registry.acquireCapturer("DISPLAY2-A1-O0");
+        registry.releaseCapturer("DISPLAY2-A1-O0");
+        slowest = call.elapsed();
+        answered = true;
+    });
+    QSharedPointer<IDeskCapture> front = registry.acquireCapturer("DISPLAY1-A0-O0");
+    other.join();
+    m_journal->onContext = nullptr;
+
+    QVERIFY(front);
+    QCOMPARE(desc, QStringLiteral("DISPLAY2 2560x1440 (OUT1)"));
+    QVERIFY2(slowest >= 0 && slowest < 100, qPrintable(QString::number(slowest)));
+    QCOMPARE(registry.acquireCapturer("DISPLAY1-A0-O0"), front);
+    QCOMPARE(m_journal->made, 1);
 }
 
 QTEST_GUILESS_MAIN(TestDeskDuplManager)

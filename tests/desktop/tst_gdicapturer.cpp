@@ -195,7 +195,11 @@ void TestGDICapturer::failedCopyGivesAnEmptyFrame()
     m_grabber->failGrab = true;
     MessageCapture messages;
     QVERIFY(capturer->nextFrame().empty());
-    QCOMPARE(messages.all(), QStringList {"critical: [GDICapturer]: Failed to get DBits errCode: 0"});
+    // The fixed text, with the real cause beside it.
+    QCOMPARE(messages.texts(QtCriticalMsg), QStringList {"[GDICapturer]: Failed to get DBits errCode: 0"});
+    QCOMPARE(messages.texts(QtDebugMsg).size(), 1);
+    QVERIFY2(messages.texts(QtDebugMsg).first().startsWith("[GDICapturer]: Copying the rectangle"),
+        qPrintable(messages.texts(QtDebugMsg).first()));
     // Each call stands alone.
     m_grabber->failGrab = false;
     QVERIFY(!capturer->nextFrame().empty());
@@ -207,7 +211,9 @@ void TestGDICapturer::unknownMonitorGivesAnEmptyFrame()
     QCOMPARE(capturer->originSize(), QSize(0, 0));
     MessageCapture messages;
     QVERIFY(capturer->nextFrame().empty());
-    QCOMPARE(messages.all(), QStringList {"critical: [GDICapturer]: Failed to get DBits errCode: 0"});
+    QCOMPARE(messages.all(),
+        QStringList({"debug: [GDICapturer]: The rectangle of monitor 0x99 is unknown",
+            "critical: [GDICapturer]: Failed to get DBits errCode: 0"}));
 }
 
 void TestGDICapturer::zeroOutputSizeIsNotCaughtBeforeScaling()

@@ -9,9 +9,13 @@
 #include "fakes/FakeCaptureWorkerSetup.h"
 
 #include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QCoreApplication>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QTest>
+
+#include <atomic>
+#include <thread>
 
 using Fakes::CaptureJournal;
 
@@ -48,6 +52,9 @@ private slots:
     void timerIsLoggedAtStartAndStop();
     void intervalIsReadOnceFromTheConfiguration();
     void intervalDefaultsTo33();
+    void nonPositiveIntervalFallsBackTo33_data();
+    void nonPositiveIntervalFallsBackTo33();
+    void contextFromAnotherThreadIsAppliedOnTheFrontsThread();
     void contextPicksTheBackendOfTheMode();
     void unknownModeLeavesTheFrontEmpty();
     void refusedContextStillReturnsZero();
@@ -143,6 +150,60 @@ void TestWinDeskCapture::intervalDefaultsTo33()
     const auto timers = QAbstractEventDispatcher::instance()->registeredTimers(&front);
     QCOMPARE(timers.size(), 1);
     QCOMPARE(timers.first().interval, 33);
+}
+
+void TestWinDeskCapture::nonPositiveIntervalFallsBackTo33_data()
+{
+    QTest::addColumn<int>("interval");
+    QTest::newRow("zero") << 0;
+    QTest::newRow("negative") << -1;
+}
+
+void TestWinDeskCapture::nonPositiveIntervalFallsBackTo33()
+{
+    QFETCH(int, interval);
+    ConfigurationManager::instance()->setGlobalValue("devUpdateInterval", interval);
+    MessageCapture messages;
+    WinDeskCapture front(&m_option, Fakes::fakeBackends(m_journal), nullptr);
+    ConfigurationManager::instance()->setGlobalValue("devUpdateInterval", 5);
+    // 0 would poll without a pause, a negative interval never poll at all.
+    const auto timers = QAbstractEventDispatcher::instance()->registeredTimers(&front);
+    QCOMPARE(timers.size(), 1);
+    QCOMPARE(timers.first().interval, 33);
+    QCOMPARE(messages.texts(QtWarningMsg),
+        QStringList {QStringLiteral("[WinDeskCapture]: The devUpdateInterval  %1  is not a positive number of "
+                                    "milliseconds, using  33")
+                         .arg(interval)});
+}
+
+void TestWinDeskCapture::contextFromAnotherThreadIsAppliedOnTheFrontsThread()
+{
+    WinDeskCapture front(&m_option, Fakes::fakeBackends(m_journal), nullptr);
+    QCOMPARE(front.setCaptureContext(contextFor(0x1001)), 0L);
+    QCOMPARE(m_journal->made, 1);
+
+    // A consumer's thread rebinds the front and rebuilds its back-end while
+    // the timer polls that back-end here.
+    constexpr int kRounds = 20;
+    std::atomic<bool> done {false};
+    std::thread foreign([&] {
+        for (int round = 0; round < kRounds; ++round) {
+            QCOMPARE(front.setCaptureContext(contextFor(DeskMonitorHandle(0x2000 + round))), 0L);
+            front.onCaptureModeChanged();
+            front.nextFrame();
+        }
+        done = true;
+    });
+    while (!done.load())
+        QCoreApplication::processEvents();
+    foreign.join();
+
+    QTRY_COMPARE_WITH_TIMEOUT(m_journal->made, 1 + 2 * kRounds, 10000);
+    std::lock_guard<std::mutex> locker(m_journal->mutex);
+    for (QThread* thread : qAsConst(m_journal->contextThreads))
+        QCOMPARE(thread, QThread::currentThread());
+    // The calls keep their order: the last context is the one in use.
+    QCOMPARE(m_journal->contexts.last().monitor, DeskMonitorHandle(0x2000 + kRounds - 1));
 }
 
 void TestWinDeskCapture::contextPicksTheBackendOfTheMode()

@@ -1,10 +1,13 @@
 // Desktop capture against a real X server: the "desktop_xvfb" fixture's Xvfb, whose
 // 3840x1080 screen is split into the RandR monitors LEFT and RIGHT.
 
+#include "../gpu/XvfbServer.h"
 #include "ConfigurationManager.h"
+#include "DeskCaptureBackends.h"
 #include "DeskCaptureOption.h"
 #include "DeskDuplManager.h"
 #include "GDICapturer.h"
+#include "Helpers.h"
 #include "MessageCapture.h"
 #include "ResultCodes.h"
 #include "XcbPainter.h"
@@ -19,6 +22,7 @@
 #include <xcb/randr.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QPointer>
 #include <QtCore/QProcess>
 #include <QtCore/QRegularExpression>
@@ -32,20 +36,106 @@
 
 namespace {
 
-bool pixelIs(const cv::Mat& frame, int row, int col, const QColor& colour)
-{
-    if (frame.empty() || row >= frame.rows || col >= frame.cols)
-        return false;
-    const cv::Vec4b pixel = frame.at<cv::Vec4b>(row, col);
-    return pixel[0] == colour.red() && pixel[1] == colour.green() && pixel[2] == colour.blue();
-}
-
 /// Runs xrandr on the fixture's display; true if it succeeded.
 bool xrandr(const QStringList& arguments)
 {
     QProcess process;
     process.start(QStringLiteral("xrandr"), arguments);
     return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
+/// Lays the fixture's monitors out as it made them: LEFT, then RIGHT.
+void restoreMonitors()
+{
+    xrandr({"--delmonitor", "LEFT"});
+    xrandr({"--delmonitor", "RIGHT"});
+    xrandr({"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"});
+    xrandr({"--setmonitor", "RIGHT", "1920/508x1080/285+1920+0", "none"});
+}
+
+/// An X11 monitor that RandR reports turned by a quarter: the root holds its picture as its user sees it.
+class TurnedOutput : public Orvanta::Ifaces::DisplayOutput
+{
+public:
+    explicit TurnedOutput(std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output)
+        : m_output(std::move(output))
+    {
+    }
+
+    long describe(Orvanta::Ifaces::OutputDescription& description) const override
+    {
+        const long result = m_output->describe(description);
+        description.rotation = Orvanta::Ifaces::OutputRotation::Rotate90;
+        return result;
+    }
+
+private:
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> m_output;
+};
+
+/// An X screen whose monitors all report a quarter turn.
+class TurnedAdapter : public Orvanta::Ifaces::DisplayAdapter
+{
+public:
+    explicit TurnedAdapter(std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter)
+        : m_adapter(std::move(adapter))
+    {
+    }
+
+    std::wstring description() const override
+    {
+        return m_adapter->description();
+    }
+
+    long enumOutput(unsigned int index, std::shared_ptr<Orvanta::Ifaces::DisplayOutput>& output) override
+    {
+        const long result = m_adapter->enumOutput(index, output);
+        if (output)
+            output = std::make_shared<TurnedOutput>(output);
+        return result;
+    }
+
+    long createDevice(const std::shared_ptr<Orvanta::Ifaces::DisplayOutput>& output,
+        std::shared_ptr<Orvanta::Ifaces::GraphicsDevice>& device) override
+    {
+        return m_adapter->createDevice(output, device);
+    }
+
+private:
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> m_adapter;
+};
+
+class TurnedDisplaySystem : public Orvanta::X11::XcbDisplaySystem
+{
+public:
+    long enumAdapter(unsigned int index, std::shared_ptr<Orvanta::Ifaces::DisplayAdapter>& adapter) override
+    {
+        const long result = XcbDisplaySystem::enumAdapter(index, adapter);
+        if (adapter)
+            adapter = std::make_shared<TurnedAdapter>(adapter);
+        return result;
+    }
+};
+
+/// The fronts of LEFT and RIGHT at a tenth of their size; false unless both came.
+bool acquireBothSmall(
+    DeskDuplManager& registry, QSharedPointer<IDeskCapture>& left, QSharedPointer<IDeskCapture>& right)
+{
+    left = registry.acquireCapturer("LEFT-A0-O0");
+    right = registry.acquireCapturer("RIGHT-A0-O1");
+    if (!left || !right)
+        return false;
+    left->setOutputSize(QSize(192, 108));
+    right->setOutputSize(QSize(192, 108));
+    return true;
+}
+
+/// Rows for the two capture modes that read the X server.
+void addXModeRows()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("duplication") << 0;
+    QTest::newRow("blit") << 2;
 }
 
 DeskCaptureOption* publishedOption()
@@ -76,6 +166,14 @@ private slots:
     void framesKeepArrivingForAConsumerThread();
     void keptFrameStaysUnchanged();
     void modeWithoutBackendLeavesTheFrontEmpty();
+    void unpluggedMonitorIsNeverTakenForAnother();
+    void unpluggedMonitorDoesNotHoldTheOther();
+    void monitorPastTheOldWidthAfterTheScreenGrew_data();
+    void monitorPastTheOldWidthAfterTheScreenGrew();
+    void deepScreenGivesEightBitChannels_data();
+    void deepScreenGivesEightBitChannels();
+    void turnedMonitorComesAsItsUserSeesIt_data();
+    void turnedMonitorComesAsItsUserSeesIt();
 
 private:
     QTemporaryDir m_configDir;
@@ -252,24 +350,24 @@ void TestX11Desktop::coloursComeBackAtTheRightPlace()
     m_painter->fill(QRect(100, 50, 200, 100), green);
     m_painter->fill(QRect(1900, 500, 40, 40), blue); // across the boundary
 
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(right->nextFrame(), 60, 110, red), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 60, 110, red), 10000);
     const cv::Mat frame = right->nextFrame();
     QCOMPARE(frame.type(), CV_8UC4);
     QCOMPARE(frame.cols, 1920);
     QCOMPARE(frame.rows, 1080);
-    QVERIFY(pixelIs(frame, 50, 100, red));
-    QVERIFY(pixelIs(frame, 149, 299, red));
-    QVERIFY(pixelIs(frame, 150, 300, Qt::black));
-    QVERIFY(pixelIs(frame, 950, 1600, mixed));
-    QVERIFY(pixelIs(frame, 520, 0, blue));
-    QVERIFY(pixelIs(frame, 520, 19, blue));
-    QVERIFY(pixelIs(frame, 520, 20, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 50, 100, red));
+    QVERIFY(XcbPainter::pixelIs(frame, 149, 299, red));
+    QVERIFY(XcbPainter::pixelIs(frame, 150, 300, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 950, 1600, mixed));
+    QVERIFY(XcbPainter::pixelIs(frame, 520, 0, blue));
+    QVERIFY(XcbPainter::pixelIs(frame, 520, 19, blue));
+    QVERIFY(XcbPainter::pixelIs(frame, 520, 20, Qt::black));
     // The left monitor's own picture, not the right one's.
-    QVERIFY(pixelIs(frame, 60, 110 + 0, red));
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 60, 110, green), 10000);
+    QVERIFY(XcbPainter::pixelIs(frame, 60, 110 + 0, red));
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 60, 110, green), 10000);
     const cv::Mat leftFrame = left->nextFrame();
-    QVERIFY(pixelIs(leftFrame, 520, 1919, blue));
-    QVERIFY(pixelIs(leftFrame, 950, 1600, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(leftFrame, 520, 1919, blue));
+    QVERIFY(XcbPainter::pixelIs(leftFrame, 950, 1600, Qt::black));
 }
 
 void TestX11Desktop::framesComeAtTheRequestedSize()
@@ -281,11 +379,12 @@ void TestX11Desktop::framesComeAtTheRequestedSize()
     m_painter->fill(QRect(1920 + 960, 0, 960, 1080), Qt::white);
     right->setOutputSize(QSize(320, 180));
     QCOMPARE(right->outputSize(), QSize(320, 180));
-    QTRY_VERIFY_WITH_TIMEOUT(right->nextFrame().cols == 320 && pixelIs(right->nextFrame(), 90, 240, Qt::white), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        right->nextFrame().cols == 320 && XcbPainter::pixelIs(right->nextFrame(), 90, 240, Qt::white), 10000);
     const cv::Mat frame = right->nextFrame();
     QCOMPARE(frame.rows, 180);
-    QVERIFY(pixelIs(frame, 10, 10, Qt::black));
-    QVERIFY(pixelIs(frame, 170, 310, Qt::white));
+    QVERIFY(XcbPainter::pixelIs(frame, 10, 10, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 170, 310, Qt::white));
 
     right->setOutputSize(QSize(64, 36));
     QTRY_COMPARE_WITH_TIMEOUT(right->nextFrame().cols, 64, 10000);
@@ -380,19 +479,19 @@ void TestX11Desktop::keptFrameStaysUnchanged()
     QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
     left->setOutputSize(QSize(320, 180));
     const xcb_window_t patch = m_painter->fill(QRect(0, 0, 1920, 1080), QColor(200, 10, 10));
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 90, 160, QColor(200, 10, 10)), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 90, 160, QColor(200, 10, 10)), 10000);
     const cv::Mat kept = left->nextFrame();
     const cv::Mat snapshot = kept.clone();
 
     m_painter->recolour(patch, QColor(10, 10, 200));
-    QTRY_VERIFY_WITH_TIMEOUT(pixelIs(left->nextFrame(), 90, 160, QColor(10, 10, 200)), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 90, 160, QColor(10, 10, 200)), 10000);
     // Let several more frames replace each other.
     const uchar* newer = left->nextFrame().data;
     QTRY_VERIFY_WITH_TIMEOUT(left->nextFrame().data != newer, 10000);
 
     QVERIFY(left->nextFrame().data != kept.data);
     QCOMPARE(cv::norm(kept, snapshot, cv::NORM_INF), 0.0);
-    QVERIFY(pixelIs(kept, 90, 160, QColor(200, 10, 10)));
+    QVERIFY(XcbPainter::pixelIs(kept, 90, 160, QColor(200, 10, 10)));
 }
 
 void TestX11Desktop::modeWithoutBackendLeavesTheFrontEmpty()
@@ -415,6 +514,224 @@ void TestX11Desktop::modeWithoutBackendLeavesTheFrontEmpty()
     publishedOption()->setTotalOfMode(modes);
     QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty(), 10000);
     QCOMPARE(left->outputSize(), QSize(1920, 1080));
+}
+
+void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
+{
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> left;
+    QSharedPointer<IDeskCapture> right;
+    QVERIFY(acquireBothSmall(registry, left, right));
+    const QColor green(0, 255, 0);
+    const QColor red(255, 0, 0);
+    const QColor blue(0, 0, 255);
+    m_painter->fill(QRect(0, 0, 1920, 1080), green);
+    m_painter->fill(QRect(1920, 0, 1920, 1080), red);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 50, 50, green), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 50, 50, red), 10000);
+
+    // LEFT goes; RIGHT is now the first monitor of the screen.
+    const QStringList plugLeft {"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"};
+    MessageCapture messages;
+    QVERIFY(xrandr({"--delmonitor", "LEFT"}));
+    const auto restore = qScopeGuard(&restoreMonitors);
+    // RIGHT changes its picture: the row of LEFT must never show it.
+    const QColor orange(255, 128, 0);
+    m_painter->fill(QRect(1920, 0, 1920, 1080), orange);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 50, 50, orange), 10000);
+    QElapsedTimer watching;
+    watching.start();
+    while (watching.elapsed() < 1500) {
+        QVERIFY2(!XcbPainter::pixelIs(left->nextFrame(), 50, 50, orange), "the row of LEFT shows another monitor");
+        QTest::qWait(20);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(
+        messages.contains(QtCriticalMsg, "[DXGICapturer]: Failed to enum DXGIOutput interface: 0"), 10000);
+
+    // Plugged in again, the row captures its own monitor again.
+    QVERIFY(xrandr(plugLeft));
+    m_painter->fill(QRect(0, 0, 1920, 1080), blue);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 50, 50, blue), 15000);
+    QVERIFY(XcbPainter::pixelIs(right->nextFrame(), 50, 50, orange));
+}
+
+void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
+{
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> left;
+    QSharedPointer<IDeskCapture> right;
+    QVERIFY(acquireBothSmall(registry, left, right));
+    QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty() && !right->nextFrame().empty(), 10000);
+
+    // RIGHT's picture changes all the time; a consumer counts its new frames.
+    std::atomic<bool> stop {false};
+    std::atomic<int> frames {0};
+    std::thread painter([&stop] {
+        XcbPainter painter;
+        const xcb_window_t patch = painter.fill(QRect(1920 + 100, 100, 200, 200), Qt::black);
+        for (int step = 0; !stop.load(); ++step) {
+            painter.recolour(patch, QColor(step % 256, 0, 0));
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    std::thread consumer([&] {
+        const uchar* last = nullptr;
+        while (!stop.load()) {
+            const cv::Mat frame = right->nextFrame();
+            if (!frame.empty() && frame.data != last) {
+                last = frame.data;
+                ++frames;
+            }
+            std::this_thread::yield();
+        }
+    });
+    const auto finish = qScopeGuard([&] {
+        stop = true;
+        painter.join();
+        consumer.join();
+    });
+    // Frames of RIGHT counted while the registry's thread polls for a while.
+    const auto framesDuring = [&frames](int milliseconds) {
+        const int before = frames.load();
+        QTest::qWait(milliseconds);
+        return frames.load() - before;
+    };
+
+    const int withBoth = framesDuring(2000);
+    QVERIFY2(withBoth >= 10, qPrintable(QString::number(withBoth)));
+
+    MessageCapture messages;
+    QVERIFY(xrandr({"--delmonitor", "LEFT"}));
+    const auto restore = qScopeGuard(&restoreMonitors);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        messages.contains(QtCriticalMsg, "[DXGICapturer]: Failed to enum DXGIOutput interface: 0"), 10000);
+
+    // LEFT is lost and keeps trying; RIGHT keeps its pace meanwhile.
+    const int withLeftLost = framesDuring(2000);
+    QVERIFY2(withLeftLost * 10 >= withBoth * 9,
+        qPrintable(QStringLiteral("%1 frames of RIGHT with LEFT lost, %2 before").arg(withLeftLost).arg(withBoth)));
+    QVERIFY(messages.texts(QtWarningMsg)
+                .contains(QStringLiteral("[DXGICapturer]: Failed to rebuild the duplication, retrying in 0.5 seconds: "
+                                         "\"%1\"")
+                              .arg(win32ErrorMsg(DXGI_ERROR_NOT_FOUND))));
+}
+
+void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew_data()
+{
+    addXModeRows();
+}
+
+void TestX11Desktop::monitorPastTheOldWidthAfterTheScreenGrew()
+{
+    QFETCH(int, mode);
+    // A laptop's screen, about to be docked: a private server, since its size changes.
+    XvfbServer server(2048, 768);
+    QVERIFY2(server.started(), "Xvfb could not be started");
+    QVERIFY(
+        server.xrandr({"--newmode", "1024x768_u", "60", "1024", "1025", "1026", "1027", "768", "769", "770", "771"}));
+    QVERIFY(server.xrandr({"--addmode", "screen", "1024x768_u"}));
+    QVERIFY(server.xrandr({"--output", "screen", "--mode", "1024x768_u", "--fb", "1024x768"}));
+    QVERIFY(server.xrandr({"--setmonitor", "FAR", "500/132x768/203+1200+0", "none"}));
+
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
+    DeskDuplManager registry;
+    QCOMPARE(registry.allCapturer().size(), 2);
+    const QString far = registry.allCapturer().filter("FAR-").value(0);
+    QVERIFY(!far.isEmpty());
+
+    QSharedPointer<IDeskCapture> capturer;
+    if (mode == 2) {
+        // Already polling while the monitor lies off the screen: nothing to copy yet.
+        MessageCapture messages;
+        capturer = registry.acquireCapturer(far);
+        QVERIFY(capturer);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            messages.contains(QtCriticalMsg, "[GDICapturer]: Failed to get DBits errCode: 0"), 10000);
+    }
+
+    // Docked: the screen grows, and the monitor lies on it now.
+    QVERIFY(server.xrandr({"--output", "screen", "--mode", "2048x768", "--fb", "2048x768"}));
+    XcbPainter painter;
+    QVERIFY(painter.isValid());
+    QCOMPARE(painter.screenWidth(), 2048);
+    const QColor teal(0, 128, 128);
+    painter.fill(QRect(0, 0, 2048, 768), Qt::black);
+    painter.fill(QRect(1200, 0, 500, 768), teal);
+
+    if (!capturer)
+        capturer = registry.acquireCapturer(far);
+    QVERIFY(capturer);
+    capturer->setOutputSize(QSize(500, 768));
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(capturer->nextFrame(), 400, 250, teal), 10000);
+    const cv::Mat frame = capturer->nextFrame();
+    QCOMPARE(frame.cols, 500);
+    QCOMPARE(frame.rows, 768);
+    QVERIFY(XcbPainter::pixelIs(frame, 0, 0, teal));
+    QVERIFY(XcbPainter::pixelIs(frame, 767, 499, teal));
+}
+
+void TestX11Desktop::deepScreenGivesEightBitChannels_data()
+{
+    addXModeRows();
+}
+
+void TestX11Desktop::deepScreenGivesEightBitChannels()
+{
+    QFETCH(int, mode);
+    // 10 bits a channel: a private server of depth 30.
+    XvfbServer server(640, 480, 30);
+    QVERIFY2(server.started(), "Xvfb could not be started");
+    XcbPainter painter;
+    QVERIFY(painter.isValid());
+    const QColor mixed(10, 120, 230);
+    painter.fill(QRect(0, 0, 640, 480), Qt::black);
+    painter.fill(QRect(100, 50, 200, 100), mixed);
+
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
+    MessageCapture messages;
+    DeskDuplManager registry;
+    QCOMPARE(registry.allCapturer().size(), 1);
+    QSharedPointer<IDeskCapture> capturer = registry.acquireCapturer(registry.defaultCapturer());
+    QVERIFY(capturer);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(capturer->nextFrame(), 60, 110, mixed), 10000);
+    const cv::Mat frame = capturer->nextFrame();
+    QCOMPARE(frame.cols, 640);
+    QCOMPARE(frame.rows, 480);
+    QVERIFY(XcbPainter::pixelIs(frame, 149, 299, mixed));
+    QVERIFY(XcbPainter::pixelIs(frame, 150, 300, Qt::black));
+    QVERIFY(XcbPainter::pixelIs(frame, 0, 0, Qt::black));
+    QVERIFY2(messages.texts(QtCriticalMsg).isEmpty(), qPrintable(messages.texts(QtCriticalMsg).join('\n')));
+}
+
+void TestX11Desktop::turnedMonitorComesAsItsUserSeesIt_data()
+{
+    addXModeRows();
+}
+
+void TestX11Desktop::turnedMonitorComesAsItsUserSeesIt()
+{
+    QFETCH(int, mode);
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
+    DeskDuplManager registry(std::make_shared<TurnedDisplaySystem>(), &Orvanta::createDeskCaptureBackend);
+    QSharedPointer<IDeskCapture> left = registry.acquireCapturer("LEFT-A0-O0");
+    QVERIFY(left);
+    // The picture of the monitor as its user sees it: red in the top left quarter.
+    const QColor red(255, 0, 0);
+    const QColor green(0, 255, 0);
+    m_painter->fill(QRect(0, 0, 1920, 1080), green);
+    m_painter->fill(QRect(0, 0, 960, 540), red);
+
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 10, 10, red), 10000);
+    QCOMPARE(left->originSize(), QSize(1920, 1080));
+    const cv::Mat frame = left->nextFrame();
+    QCOMPARE(frame.cols, 1920);
+    QCOMPARE(frame.rows, 1080);
+    QVERIFY(XcbPainter::pixelIs(frame, 530, 950, red));
+    QVERIFY(XcbPainter::pixelIs(frame, 550, 970, green));
+    QVERIFY(XcbPainter::pixelIs(frame, 10, 1900, green));
+    QVERIFY(XcbPainter::pixelIs(frame, 1070, 10, green));
 }
 
 QTEST_GUILESS_MAIN(TestX11Desktop)

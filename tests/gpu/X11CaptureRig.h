@@ -65,11 +65,11 @@ struct X11Output
     }
 };
 
-/// A capturer on the real X11 platform that counts its waits instead of sleeping.
+/// A capturer on the real X11 platform whose retries wait for a clock that the test moves.
 struct X11Capturer
 {
     X11Output output;
-    std::shared_ptr<FakeSleeper> sleeper = std::make_shared<FakeSleeper>();
+    std::shared_ptr<FakeRetryClock> clock = std::make_shared<FakeRetryClock>();
     std::unique_ptr<DXGICapturer> capturer;
     long bindResult = E_FAIL;
 
@@ -82,7 +82,7 @@ struct X11Capturer
         }
         std::shared_ptr<Orvanta::Ifaces::DesktopDuplicator> duplicator
             = Orvanta::Ifaces::createPlatformDesktopDuplicator(output.context.adapter, output.context.device);
-        capturer = std::make_unique<DXGICapturer>(duplicator, sleeper);
+        capturer = std::make_unique<DXGICapturer>(duplicator, clock);
         bindResult = capturer->setCaptureContext(output.context);
     }
 

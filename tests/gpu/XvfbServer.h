@@ -16,19 +16,22 @@
 /**
  * A private Xvfb for one test: started with the RANDR, DAMAGE and MIT-SHM
  * extensions, announced through -displayfd, made the process's $DISPLAY, and
- * killed at destruction (or earlier, by the test). started() is false when
- * Xvfb could not be run; the test then fails.
+ * killed at destruction (or earlier, by the test), when the $DISPLAY from
+ * before comes back. started() is false when Xvfb could not be run; the test
+ * then fails.
  */
 class XvfbServer
 {
 public:
-    XvfbServer(int width, int height)
+    XvfbServer(int width, int height, int depth = 24)
+        : m_previousDisplay(qgetenv("DISPLAY"))
+        , m_hadDisplay(qEnvironmentVariableIsSet("DISPLAY"))
     {
         int fds[2];
         if (pipe(fds) != 0) {
             return;
         }
-        const QByteArray screen = QStringLiteral("%1x%2x24").arg(width).arg(height).toLatin1();
+        const QByteArray screen = QStringLiteral("%1x%2x%3").arg(width).arg(height).arg(depth).toLatin1();
         const QByteArray fd = QByteArray::number(fds[1]);
         m_pid = fork();
         if (m_pid == 0) {
@@ -68,6 +71,11 @@ public:
     ~XvfbServer()
     {
         kill();
+        if (m_hadDisplay) {
+            qputenv("DISPLAY", m_previousDisplay);
+        } else {
+            qunsetenv("DISPLAY");
+        }
     }
 
     XvfbServer(const XvfbServer&) = delete;
@@ -104,6 +112,8 @@ public:
     }
 
 private:
+    QByteArray m_previousDisplay;
+    bool m_hadDisplay = false;
     pid_t m_pid = -1;
     QString m_display;
 };

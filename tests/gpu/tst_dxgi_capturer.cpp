@@ -24,13 +24,22 @@ QString logText(const QString& literal, long code)
 struct Rig
 {
     std::shared_ptr<DuplicationScript> script = std::make_shared<DuplicationScript>();
-    std::shared_ptr<FakeSleeper> sleeper = std::make_shared<FakeSleeper>();
+    std::shared_ptr<FakeRetryClock> clock = std::make_shared<FakeRetryClock>();
     std::unique_ptr<DXGICapturer> capturer;
 
     Rig()
     {
         script->picture = cv::Mat(1080, 1920, CV_8UC4, cv::Scalar(30, 20, 10, 255)); // B, G, R, A
-        capturer = std::make_unique<DXGICapturer>(std::make_shared<FakeDesktopDuplicator>(script), sleeper);
+        capturer = std::make_unique<DXGICapturer>(std::make_shared<FakeDesktopDuplicator>(script), clock);
+    }
+
+    /// Polls through @p milliseconds of the clock, one poll every 100 ms, as the front's timer would.
+    void pollFor(int milliseconds)
+    {
+        for (int elapsed = 0; elapsed < milliseconds; elapsed += 100) {
+            clock->advance(100);
+            capturer->nextFrame();
+        }
     }
 
     long bind()
@@ -71,6 +80,7 @@ private slots:
     void stopList_data();
     void stopList();
     void lostStateTriesOncePerPoll();
+    void lostCapturerNeverBlocksItsPoll();
     void textureQueryFailureReleasesTheFrame();
     void setupFailures_data();
     void setupFailures();
@@ -98,7 +108,6 @@ void DXGICapturerTest::unboundCapturerIsSafeToPoll()
     QVERIFY(rig.capturer->nextFrame().empty());
     QVERIFY(log.messages().isEmpty());
     QVERIFY(rig.script->recorded().isEmpty());
-    QVERIFY(rig.sleeper->waits.isEmpty());
 }
 
 void DXGICapturerTest::nullPlatformFailsTheContext()
@@ -168,7 +177,6 @@ void DXGICapturerTest::stillDesktopGivesNothingAndSaysNothing()
     }
     QVERIFY(log.messages().isEmpty());
     QCOMPARE(rig.script->recorded(), QStringList(QVector<QString>(10, QStringLiteral("acquire 0")).toList()));
-    QVERIFY(rig.sleeper->waits.isEmpty());
     QCOMPARE(rig.script->sessionsMade, 1);
 }
 
@@ -226,7 +234,6 @@ void DXGICapturerTest::accessLostRebuildsAtOnce()
         QStringList(
             {"[DXGICapturer]: DXGIOutputDuplication access lost:  0", "The output index 0 has been used  87  format",
                 "[DXGICapturer]: The DXGIOutputDuplication has rebuilded:  0"}));
-    QVERIFY(rig.sleeper->waits.isEmpty());
     QCOMPARE(rig.capturer->originSize(), QSize(1280, 720));
     QCOMPARE(rig.capturer->outputSize(), QSize(320, 180));
     QCOMPARE(rig.script->sessionsAlive, 1);
@@ -246,20 +253,24 @@ void DXGICapturerTest::accessLostThenDeniedStopsAtTheFirstTry()
     QVERIFY(rig.capturer->nextFrame().empty());
     QCOMPARE(log.texts(QtWarningMsg),
         QStringList({"[DXGICapturer]: Failed to rebuild the duplication in the first place, We will rebuild it in 0.5 "
-                     "seconds",
-            logText(kStopText, E_ACCESSDENIED)}));
-    QCOMPARE(rig.sleeper->waits, QList<unsigned>({500}));
-    QCOMPARE(rig.script->count("duplicateOutput"), 3); // setup, the immediate rebuild, one try
+                     "seconds"}));
+    QCOMPARE(rig.script->count("duplicateOutput"), 2); // setup, the immediate rebuild
+    // The try comes half a second later; polls before it return at once.
+    rig.pollFor(400);
+    QCOMPARE(rig.script->count("duplicateOutput"), 2);
+    rig.pollFor(100);
+    QCOMPARE(log.texts(QtWarningMsg).last(), logText(kStopText, E_ACCESSDENIED));
+    QCOMPARE(rig.script->count("duplicateOutput"), 3);
     QCOMPARE(rig.script->sessionsAlive, 0);
 
-    // Lost: each poll makes one try after half a second, until access returns.
+    // Lost: a try every half second, until access returns.
     log.clear();
     rig.script->duplicateResults = {E_ACCESSDENIED};
-    QVERIFY(rig.capturer->nextFrame().empty());
+    rig.pollFor(600);
     QCOMPARE(log.texts(QtWarningMsg), QStringList(logText(kStopText, E_ACCESSDENIED)));
-    QCOMPARE(rig.sleeper->waits.size(), 2);
-    QVERIFY(rig.capturer->nextFrame().empty()); // this try succeeds, the poll still gives nothing
-    QCOMPARE(rig.sleeper->waits.size(), 3);
+    QCOMPARE(rig.script->count("duplicateOutput"), 4);
+    rig.pollFor(600); // this try succeeds, its poll still gives nothing
+    QCOMPARE(rig.script->count("duplicateOutput"), 5);
     QCOMPARE(rig.script->sessionsAlive, 1);
     rig.script->acquireResults = {S_OK};
     QVERIFY(!rig.capturer->nextFrame().empty());
@@ -274,6 +285,11 @@ void DXGICapturerTest::fiveFailuresThenTheNextPollStartsOver()
     rig.script->enumResults = QList<long>(QVector<long>(5, DXGI_ERROR_NOT_FOUND).toList());
     MessageCapture log;
     QVERIFY(rig.capturer->nextFrame().empty());
+    // Five tries, half a second apart.
+    for (int tries = 1; tries <= 5; ++tries) {
+        rig.pollFor(500);
+        QCOMPARE(log.texts(QtWarningMsg).size(), tries);
+    }
     QCOMPARE(
         log.texts(QtWarningMsg), QStringList(QVector<QString>(5, logText(kRetryText, DXGI_ERROR_NOT_FOUND)).toList()));
     QCOMPARE(log.texts(QtCriticalMsg),
@@ -283,13 +299,11 @@ void DXGICapturerTest::fiveFailuresThenTheNextPollStartsOver()
             "[DXGICapturer]: Failed to enum DXGIOutput interface: 0",
             "[DXGICapturer]: Failed to enum DXGIOutput interface: 0",
             "[DXGICapturer]: Failed to enum DXGIOutput interface: 0"}));
-    QCOMPARE(rig.sleeper->waits, QList<unsigned>({500, 500, 500, 500, 500}));
     QCOMPARE(rig.script->sessionsAlive, 0);
 
-    // The next poll begins again at the first try, which now succeeds.
+    // The next poll begins a new round, whose first try now succeeds.
     log.clear();
-    QVERIFY(rig.capturer->nextFrame().empty());
-    QCOMPARE(rig.sleeper->waits.size(), 6);
+    rig.pollFor(600);
     QVERIFY(log.texts(QtWarningMsg).isEmpty());
     QCOMPARE(rig.script->sessionsAlive, 1);
 }
@@ -299,17 +313,13 @@ void DXGICapturerTest::invalidCallReleasesAndRebuilds()
     Rig rig;
     QCOMPARE(rig.bind(), S_OK);
     rig.script->acquireResults = {DXGI_ERROR_INVALID_CALL};
-    int aliveWhenWaiting = -1;
-    rig.sleeper->onSleep = [&](int) {
-        aliveWhenWaiting = rig.script->sessionsAlive;
-    };
     MessageCapture log;
     QVERIFY(rig.capturer->nextFrame().empty());
-    QCOMPARE(aliveWhenWaiting, 0); // released before the rebuild began
+    QCOMPARE(rig.script->sessionsAlive, 0); // released before the rebuild began
     QCOMPARE(log.texts(QtCriticalMsg),
         QStringList(
             logText("[DXGICapturer]: An error occurred while acquiring next frame: ", DXGI_ERROR_INVALID_CALL)));
-    QCOMPARE(rig.sleeper->waits.size(), 1);
+    rig.pollFor(500);
     QCOMPARE(rig.script->sessionsAlive, 1);
     QCOMPARE(rig.script->sessionsMade, 2);
 }
@@ -323,11 +333,11 @@ void DXGICapturerTest::zeroSizedDescriptionCountsAsSuccess()
     rig.script->acquireResults = {E_FAIL};
     MessageCapture log;
     QVERIFY(rig.capturer->nextFrame().empty());
+    rig.pollFor(1500);
     QCOMPARE(log.texts(QtCriticalMsg),
         QStringList({logText("[DXGICapturer]: An error occurred while acquiring next frame: ", E_FAIL),
             "The desktop replication port on output  0  is abnormal and will be discarded"}));
     QVERIFY(log.texts(QtWarningMsg).isEmpty());
-    QCOMPARE(rig.sleeper->waits.size(), 1);
     QCOMPARE(rig.capturer->originSize(), QSize(1920, 1080));
     QCOMPARE(rig.capturer->outputSize(), QSize(320, 180));
     QCOMPARE(rig.script->sessionsAlive, 1); // kept, in spite of the words
@@ -377,11 +387,12 @@ void DXGICapturerTest::stopList()
     rig.script->queryResults = QList<long>(QVector<long>(5, code).toList());
     MessageCapture log;
     QVERIFY(rig.capturer->nextFrame().empty());
+    // One round: a try that stops it, or five tries half a second apart.
+    rig.pollFor(500);
     if (stops) {
-        QCOMPARE(rig.sleeper->waits.size(), 1);
         QCOMPARE(log.texts(QtWarningMsg), QStringList(logText(kStopText, code)));
     } else {
-        QCOMPARE(rig.sleeper->waits.size(), 5);
+        rig.pollFor(2000);
         QCOMPARE(log.texts(QtWarningMsg), QStringList(QVector<QString>(5, logText(kRetryText, code)).toList()));
     }
     QCOMPARE(
@@ -396,11 +407,31 @@ void DXGICapturerTest::lostStateTriesOncePerPoll()
     QCOMPARE(rig.bind(), S_OK);
     rig.script->acquireResults = {DXGI_ERROR_DEVICE_REMOVED};
     rig.script->enumResults = QList<long>(QVector<long>(4, DXGI_ERROR_DEVICE_REMOVED).toList());
-    for (int poll = 1; poll <= 4; ++poll) {
-        QVERIFY(rig.capturer->nextFrame().empty());
-        QCOMPARE(rig.sleeper->waits.size(), poll);
+    MessageCapture log;
+    QVERIFY(rig.capturer->nextFrame().empty());
+    // Each round stops at its first try; the next begins with the following poll.
+    for (int tries = 1; tries <= 4; ++tries) {
+        rig.pollFor(600);
+        QCOMPARE(log.texts(QtWarningMsg).size(), tries);
     }
     QCOMPARE(rig.script->sessionsAlive, 0);
+}
+
+void DXGICapturerTest::lostCapturerNeverBlocksItsPoll()
+{
+    Rig rig;
+    QCOMPARE(rig.bind(), S_OK);
+    rig.script->acquireResults = {E_FAIL};
+    rig.script->enumResults = QList<long>(QVector<long>(100, DXGI_ERROR_NOT_FOUND).toList());
+    rig.capturer->nextFrame();
+    // The clock stands still: however often it is polled, the capturer
+    // makes no try before half a second has passed.
+    for (int poll = 0; poll < 100; ++poll) {
+        QVERIFY(rig.capturer->nextFrame().empty());
+    }
+    QCOMPARE(rig.script->count("enumOutput 0"), 1); // the setup's
+    rig.pollFor(500);
+    QCOMPARE(rig.script->count("enumOutput 0"), 2);
 }
 
 void DXGICapturerTest::textureQueryFailureReleasesTheFrame()
@@ -416,7 +447,6 @@ void DXGICapturerTest::textureQueryFailureReleasesTheFrame()
     QCOMPARE(log.texts(QtCriticalMsg),
         QStringList(logText("[DXGICapturer]: Failed to query D3D11Texture from the desktop frame: ", E_NOINTERFACE)));
     QCOMPARE(rig.script->sessionsAlive, 1); // the session stays
-    QVERIFY(rig.sleeper->waits.isEmpty());
 }
 
 void DXGICapturerTest::setupFailures_data()
@@ -450,7 +480,6 @@ void DXGICapturerTest::setupFailures()
     QCOMPARE(rig.bind(), code);
     QCOMPARE(log.texts(QtCriticalMsg),
         QStringList({text, logText("[DXGICapturer]: Failed to create DXGIDupliation: ", code)}));
-    QVERIFY(rig.sleeper->waits.isEmpty());
 }
 
 void DXGICapturerTest::outputContextFailureIsReported()

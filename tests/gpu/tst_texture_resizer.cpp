@@ -132,6 +132,7 @@ private slots:
     void setContextBuildsThePipelineInOrder();
     void rotationIsIdentityAfterSetup();
     void samplerShrinksLinearlyEnlargesNearestAndClamps();
+    void nullScalerSaysWhyBesideTheFixedText();
     void setContextStopsAtTheFirstFailure_data();
     void setContextStopsAtTheFirstFailure();
     void setTargetSizeBindsTargetAndViewport();
@@ -223,6 +224,16 @@ void TextureResizerTest::samplerShrinksLinearlyEnlargesNearestAndClamps()
     std::uint32_t bits = 0;
     std::memcpy(&bits, &fake->sampler.maxLod, sizeof bits);
     QCOMPARE(bits, 0x7F7FFFFFu);
+}
+
+void TextureResizerTest::nullScalerSaysWhyBesideTheFixedText()
+{
+    D3DTextureResizer resizer;
+    MessageCapture log;
+    QVERIFY(!resizer.setContext(nullptr));
+    QCOMPARE(log.all(),
+        QStringList({"debug: [D3DTextureResizer]: There is no device context to draw with: the scaler is null",
+            "critical: " + logText("Failed to create D3D11VertexShader", E_POINTER)}));
 }
 
 void TextureResizerTest::setContextStopsAtTheFirstFailure_data()

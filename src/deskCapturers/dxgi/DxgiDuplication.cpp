@@ -151,8 +151,9 @@ std::shared_ptr<Ifaces::GpuScaler> DxgiDuplicator::deviceScaler()
 } // namespace Dxgi
 
 std::unique_ptr<Ifaces::DesktopDuplicator> Ifaces::createPlatformDesktopDuplicator(
-    std::shared_ptr<DisplayAdapter> adapter, std::shared_ptr<GraphicsDevice> device)
+    std::shared_ptr<DisplayAdapter> adapter, std::shared_ptr<GraphicsDevice> device, std::shared_ptr<DisplayOutput>)
 {
+    // DXGI numbers its outputs as EnumOutputs counts them; the index is what finds one again.
     const auto dxgiAdapter = std::dynamic_pointer_cast<Dxgi::DxgiAdapter>(adapter);
     const auto dxgiDevice = std::dynamic_pointer_cast<Dxgi::DxgiGraphicsDevice>(device);
     if (!dxgiAdapter || !dxgiDevice) {

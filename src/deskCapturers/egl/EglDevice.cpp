@@ -1,5 +1,6 @@
 #include "EglDevice.h"
 
+#include "GlxContextScope.h"
 #include "ResultCodes.h"
 
 #include <EGL/eglext.h>
@@ -111,7 +112,8 @@ long EglDevice::create(std::shared_ptr<EglDevice>& device)
     std::shared_ptr<EglDevice> made(new EglDevice(std::move(connection), context));
 
     // Reading the renderer needs the context current for a moment; whatever
-    // the caller had current is put back afterwards.
+    // the caller had current, an EGL or a GLX context, is put back afterwards.
+    const GlxContextScope glx;
     const EGLDisplay previousDisplay = eglGetCurrentDisplay();
     const EGLContext previousContext = eglGetCurrentContext();
     const EGLSurface previousDraw = eglGetCurrentSurface(EGL_DRAW);

@@ -4,6 +4,7 @@
 #include "cpu/SoftwareScaler.h"
 #include "egl/DmaBufImporter.h"
 #include "egl/EglDevice.h"
+#include "egl/GlxContextScope.h"
 
 #include <GLES3/gl3.h>
 
@@ -187,6 +188,9 @@ public:
     }
 
 private:
+    // First in, last out: the application's GLX context is put aside before
+    // the scaler's context is made current, and comes back after it went.
+    GlxContextScope m_glx;
     EGLDisplay m_previousDisplay;
     EGLContext m_previousContext;
     EGLSurface m_previousDraw;

@@ -90,5 +90,11 @@ bool GdiScreenGrabber::grab(std::uintptr_t, const Ifaces::ScreenRect& rect, Ifac
     return true;
 }
 
+bool GdiScreenGrabber::picturesAreTurned() const
+{
+    // The blit capturer turns the copied pixels by the output's rotation itself.
+    return false;
+}
+
 } // namespace Gdi
 } // namespace Orvanta

@@ -17,6 +17,7 @@ class GdiScreenGrabber : public Ifaces::ScreenGrabber
 public:
     bool monitorRect(std::uintptr_t monitor, Ifaces::ScreenRect& rect) override;
     bool grab(std::uintptr_t monitor, const Ifaces::ScreenRect& rect, Ifaces::ScreenImage& image) override;
+    bool picturesAreTurned() const override;
 
 private:
     std::vector<unsigned char> m_pixels;

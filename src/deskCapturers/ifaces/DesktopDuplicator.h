@@ -10,6 +10,7 @@ namespace Orvanta {
 namespace Ifaces {
 
 class DisplayAdapter;
+class DisplayOutput;
 class GraphicsDevice;
 
 /**
@@ -41,10 +42,13 @@ public:
 /**
  * The duplicator of the platform the library was built for, on @p adapter's
  * outputs with @p device (which may be null: scaling then runs on the CPU).
+ * A platform whose outputs can be found again by what they are rather than by
+ * their index (a list that shifts when another output goes) fetches
+ * @p output itself anew, and answers DXGI_ERROR_NOT_FOUND while it is gone.
  * Null when @p adapter is not one of this platform's.
  */
-std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(
-    std::shared_ptr<DisplayAdapter> adapter, std::shared_ptr<GraphicsDevice> device);
+std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(std::shared_ptr<DisplayAdapter> adapter,
+    std::shared_ptr<GraphicsDevice> device, std::shared_ptr<DisplayOutput> output = nullptr);
 
 } // namespace Ifaces
 } // namespace Orvanta

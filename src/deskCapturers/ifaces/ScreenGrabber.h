@@ -43,6 +43,14 @@ public:
      * it; false if nothing could be copied.
      */
     virtual bool grab(std::uintptr_t monitor, const ScreenRect& rect, ScreenImage& image) = 0;
+
+    /**
+     * True where the screen already holds a turned monitor as its user sees
+     * it (an X server composes its root so), and the rectangle has the turned
+     * size: the picture then needs no turning of its own. False where the
+     * blit capturer turns it by the output's rotation.
+     */
+    virtual bool picturesAreTurned() const = 0;
 };
 
 /// A grabber of the platform the library was built for; each call makes a new one.

@@ -68,6 +68,8 @@ long XcbConnection::open(const char* displayName, std::shared_ptr<XcbConnection>
                 | XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE);
     }
     xcb_flush(raw);
+    for (const xcb_screen_t* screen : made->m_screens)
+        made->m_screenSizes.emplace_back(screen->width_in_pixels, screen->height_in_pixels);
     made->m_monitors.resize(made->m_screens.size());
     made->m_monitorsValid.assign(made->m_screens.size(), false);
     connection = std::move(made);
@@ -132,8 +134,37 @@ void XcbConnection::takeChanges()
         if (type == XCB_CONFIGURE_NOTIFY || type == m_randrEventBase + XCB_RANDR_SCREEN_CHANGE_NOTIFY
             || type == m_randrEventBase + XCB_RANDR_NOTIFY)
             std::fill(m_monitorsValid.begin(), m_monitorsValid.end(), false);
+        if (type == m_randrEventBase + XCB_RANDR_SCREEN_CHANGE_NOTIFY) {
+            const auto* change = reinterpret_cast<const xcb_randr_screen_change_notify_event_t*>(event);
+            // The sizes are in the root's own orientation, as the clamping needs them.
+            const bool turned = change->rotation & (XCB_RANDR_ROTATION_ROTATE_90 | XCB_RANDR_ROTATION_ROTATE_270);
+            for (std::size_t index = 0; index < m_screens.size(); ++index) {
+                if (m_screens[index]->root == change->root)
+                    m_screenSizes[index] = turned ? std::make_pair(int(change->height), int(change->width))
+                                                  : std::make_pair(int(change->width), int(change->height));
+            }
+        }
+        if (type == XCB_CONFIGURE_NOTIFY) {
+            // The root's own size, which the server also announces this way.
+            const auto* configure = reinterpret_cast<const xcb_configure_notify_event_t*>(event);
+            for (std::size_t index = 0; index < m_screens.size(); ++index) {
+                if (m_screens[index]->root == configure->window)
+                    m_screenSizes[index] = std::make_pair(int(configure->width), int(configure->height));
+            }
+        }
         std::free(event);
     }
+}
+
+bool XcbConnection::screenSize(int screenIndex, int& width, int& height)
+{
+    if (!screen(screenIndex))
+        return false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    takeChanges();
+    width = m_screenSizes[std::size_t(screenIndex)].first;
+    height = m_screenSizes[std::size_t(screenIndex)].second;
+    return true;
 }
 
 long XcbConnection::monitors(int screenIndex, std::vector<XcbMonitor>& monitors)
@@ -158,10 +189,16 @@ long XcbConnection::monitors(int screenIndex, std::vector<XcbMonitor>& monitors)
 
 bool XcbConnection::monitor(int screenIndex, xcb_atom_t name, XcbMonitor& monitor)
 {
+    return this->monitor(screenIndex, name, XCB_NONE, monitor);
+}
+
+bool XcbConnection::monitor(int screenIndex, xcb_atom_t name, std::uint32_t output, XcbMonitor& monitor)
+{
     std::vector<XcbMonitor> all;
     if (monitors(screenIndex, all) < 0)
         return false;
-    const auto found = std::find_if(all.begin(), all.end(), [name](const XcbMonitor& m) { return m.name == name; });
+    const auto found = std::find_if(all.begin(), all.end(),
+        [name, output](const XcbMonitor& m) { return m.name == name && (output == XCB_NONE || m.output == output); });
     if (found == all.end())
         return false;
     monitor = *found;
@@ -192,8 +229,8 @@ long XcbConnection::queryMonitors(int screenIndex, std::vector<XcbMonitor>& moni
         // partly or wholly outside it.
         const int left = std::max<int>(info->x, 0);
         const int top = std::max<int>(info->y, 0);
-        const int right = std::min<int>(info->x + info->width, root->width_in_pixels);
-        const int bottom = std::min<int>(info->y + info->height, root->height_in_pixels);
+        const int right = std::min<int>(info->x + info->width, m_screenSizes[std::size_t(screenIndex)].first);
+        const int bottom = std::min<int>(info->y + info->height, m_screenSizes[std::size_t(screenIndex)].second);
         entry.monitor.x = left;
         entry.monitor.y = top;
         entry.monitor.width = std::max(right - left, 0);
@@ -201,8 +238,8 @@ long XcbConnection::queryMonitors(int screenIndex, std::vector<XcbMonitor>& moni
         entry.name = xcb_get_atom_name(m_connection, info->name);
         if (xcb_randr_monitor_info_outputs_length(info) > 0) {
             entry.hasOutput = true;
-            entry.output
-                = xcb_randr_get_output_info(m_connection, xcb_randr_monitor_info_outputs(info)[0], XCB_CURRENT_TIME);
+            entry.monitor.output = xcb_randr_monitor_info_outputs(info)[0];
+            entry.output = xcb_randr_get_output_info(m_connection, entry.monitor.output, XCB_CURRENT_TIME);
         }
         pending.push_back(entry);
     }

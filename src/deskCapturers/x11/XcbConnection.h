@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Orvanta {
@@ -18,6 +19,8 @@ struct XcbMonitor
 {
     xcb_atom_t name = XCB_ATOM_NONE;
     std::string nameText;
+    /// The first output the monitor covers; none for a monitor made without one.
+    std::uint32_t output = 0;
     int x = 0;
     int y = 0;
     int width = 0;
@@ -51,10 +54,22 @@ public:
     std::string vendor() const;
     bool hasShm() const;
 
+    /**
+     * The current size of a screen in pixels; false for an unknown screen.
+     * It follows RandR's screen-change notifications, not the size the
+     * connection began with: docking grows the screen under a running client.
+     */
+    bool screenSize(int screenIndex, int& width, int& height);
     /// The current monitors of a screen, in the server's order; the result code of a failure, or 0.
     long monitors(int screenIndex, std::vector<XcbMonitor>& monitors);
     /// The monitor named @p name on a screen; false if there is none.
     bool monitor(int screenIndex, xcb_atom_t name, XcbMonitor& monitor);
+    /**
+     * The monitor named @p name that still covers @p output (none: any); false
+     * if there is none. A monitor is known by what it is, never by its place
+     * in the list, which changes when another monitor goes.
+     */
+    bool monitor(int screenIndex, xcb_atom_t name, std::uint32_t output, XcbMonitor& monitor);
 
     /// The pointer-sized handle of a monitor: its screen in the upper half, its name atom below.
     static std::uintptr_t monitorHandle(int screenIndex, xcb_atom_t name);
@@ -73,6 +88,8 @@ private:
 
     std::mutex m_mutex;
     std::vector<std::vector<XcbMonitor>> m_monitors;
+    /// Width and height of each screen, as the server last announced them.
+    std::vector<std::pair<int, int>> m_screenSizes;
     std::vector<bool> m_monitorsValid;
 };
 

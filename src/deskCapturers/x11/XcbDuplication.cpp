@@ -2,6 +2,8 @@
 
 #include "ResultCodes.h"
 #include "ifaces/DisplayAdapter.h"
+#include "x11/XcbPixelLayout.h"
+#include "x11/XcbScreenAdapter.h"
 
 #include <xcb/damage.h>
 #include <xcb/shm.h>
@@ -121,6 +123,8 @@ struct XcbDuplication::State
     bool damaged = false;
     bool reconfigured = false;
     bool frameHeld = false;
+    /// How the screen keeps its pixels; deep screens are converted to 8 bits a channel when fetched.
+    std::unique_ptr<XcbPixelLayout> layout;
 };
 
 long XcbDuplication::create(const char* displayName, std::shared_ptr<Ifaces::DisplayOutput> output,
@@ -151,6 +155,10 @@ long XcbDuplication::create(const char* displayName, std::shared_ptr<Ifaces::Dis
         return DXGI_ERROR_NOT_FOUND;
     }
     state->root = screens.data->root;
+    state->layout = std::make_unique<XcbPixelLayout>(screens.data);
+    if (!state->layout->isSupported()) {
+        return DXGI_ERROR_UNSUPPORTED;
+    }
 
     const xcb_query_extension_reply_t* shm = xcb_get_extension_data(connection, &xcb_shm_id);
     const xcb_query_extension_reply_t* damage = xcb_get_extension_data(connection, &xcb_damage_id);
@@ -299,8 +307,13 @@ long XcbDuplication::fetch(const Ifaces::ScalerRect& piece)
         // The rectangle no longer lies on the screen: the layout changed under us.
         return DXGI_ERROR_ACCESS_LOST;
     }
-    if (image->depth != 24 && image->depth != 32) {
+    if (image->depth < 24 || image->depth > 32) {
         return DXGI_ERROR_UNSUPPORTED;
+    }
+    if (!m_state->layout->isPlainBgrx()) {
+        // A deep screen: its channels become 8 bits where the piece comes in.
+        std::uint8_t* memory = static_cast<std::uint8_t*>(m_state->memory.address());
+        m_state->layout->toBgrx(memory, memory, std::size_t(piece.width) * std::size_t(piece.height));
     }
     // The server packs the piece's lines; they go to their place in the picture.
     const std::size_t lineBytes = std::size_t(piece.width) * 4;
@@ -432,10 +445,11 @@ long XcbDuplication::releaseFrame()
     return S_OK;
 }
 
-XcbDuplicator::XcbDuplicator(
-    std::shared_ptr<Ifaces::DisplayAdapter> adapter, std::shared_ptr<Ifaces::GraphicsDevice> device)
+XcbDuplicator::XcbDuplicator(std::shared_ptr<Ifaces::DisplayAdapter> adapter,
+    std::shared_ptr<Ifaces::GraphicsDevice> device, std::shared_ptr<Ifaces::DisplayOutput> monitor)
     : m_adapter(std::move(adapter))
     , m_device(std::move(device))
+    , m_monitor(std::dynamic_pointer_cast<XcbMonitorOutput>(monitor))
 {
 }
 
@@ -446,6 +460,14 @@ long XcbDuplicator::enumOutput(unsigned outputIndex)
     m_output.reset();
     if (!m_adapter) {
         return E_POINTER;
+    }
+    if (m_monitor) {
+        // After an unplug the indices shift: the index would name another monitor.
+        if (!m_monitor->isPresent()) {
+            return DXGI_ERROR_NOT_FOUND;
+        }
+        m_output = m_monitor;
+        return S_OK;
     }
     return m_adapter->enumOutput(outputIndex, m_output);
 }
@@ -476,13 +498,13 @@ std::shared_ptr<Ifaces::GpuScaler> XcbDuplicator::deviceScaler()
 
 namespace Ifaces {
 
-std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(
-    std::shared_ptr<DisplayAdapter> adapter, std::shared_ptr<GraphicsDevice> device)
+std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(std::shared_ptr<DisplayAdapter> adapter,
+    std::shared_ptr<GraphicsDevice> device, std::shared_ptr<DisplayOutput> output)
 {
     if (!adapter) {
         return nullptr;
     }
-    return std::make_unique<X11::XcbDuplicator>(std::move(adapter), std::move(device));
+    return std::make_unique<X11::XcbDuplicator>(std::move(adapter), std::move(device), std::move(output));
 }
 
 } // namespace Ifaces

@@ -17,6 +17,8 @@ class GraphicsDevice;
 
 namespace X11 {
 
+class XcbMonitorOutput;
+
 /**
  * Duplication of one monitor of an X screen, on a connection of its own.
  *
@@ -64,7 +66,9 @@ private:
 class XcbDuplicator final : public Ifaces::DesktopDuplicator
 {
 public:
-    XcbDuplicator(std::shared_ptr<Ifaces::DisplayAdapter> adapter, std::shared_ptr<Ifaces::GraphicsDevice> device);
+    /// @p monitor, where given, is the output that enumOutput() finds again, whatever its index is now.
+    XcbDuplicator(std::shared_ptr<Ifaces::DisplayAdapter> adapter, std::shared_ptr<Ifaces::GraphicsDevice> device,
+        std::shared_ptr<Ifaces::DisplayOutput> monitor = nullptr);
     ~XcbDuplicator() override;
 
     long enumOutput(unsigned outputIndex) override;
@@ -77,6 +81,7 @@ private:
     std::shared_ptr<Ifaces::DisplayAdapter> m_adapter;
     std::shared_ptr<Ifaces::GraphicsDevice> m_device;
     std::shared_ptr<Ifaces::DisplayOutput> m_output;
+    std::shared_ptr<XcbMonitorOutput> m_monitor;
 };
 
 } // namespace X11

@@ -43,7 +43,8 @@ long XcbScreenAdapter::enumOutput(unsigned int index, std::shared_ptr<Ifaces::Di
         return result;
     if (index >= monitors.size())
         return DXGI_ERROR_NOT_FOUND;
-    output = std::make_shared<XcbMonitorOutput>(m_connection, m_screenIndex, monitors[index].name);
+    output
+        = std::make_shared<XcbMonitorOutput>(m_connection, m_screenIndex, monitors[index].name, monitors[index].output);
     return S_OK;
 }
 
@@ -56,17 +57,25 @@ long XcbScreenAdapter::createDevice(
     return result;
 }
 
-XcbMonitorOutput::XcbMonitorOutput(std::shared_ptr<XcbConnection> connection, int screenIndex, xcb_atom_t name)
+XcbMonitorOutput::XcbMonitorOutput(
+    std::shared_ptr<XcbConnection> connection, int screenIndex, xcb_atom_t name, std::uint32_t output)
     : m_connection(std::move(connection))
     , m_screenIndex(screenIndex)
     , m_name(name)
+    , m_output(output)
 {
+}
+
+bool XcbMonitorOutput::isPresent() const
+{
+    XcbMonitor monitor;
+    return m_connection->monitor(m_screenIndex, m_name, m_output, monitor);
 }
 
 long XcbMonitorOutput::describe(Ifaces::OutputDescription& description) const
 {
     XcbMonitor monitor;
-    if (!m_connection->monitor(m_screenIndex, m_name, monitor))
+    if (!m_connection->monitor(m_screenIndex, m_name, m_output, monitor))
         return DXGI_ERROR_NOT_CURRENTLY_AVAILABLE;
     description.deviceName = widen(monitor.nameText);
     description.left = monitor.x;

@@ -5,6 +5,7 @@
 
 #include <xcb/xcb.h>
 
+#include <cstdint>
 #include <memory>
 
 namespace Orvanta {
@@ -29,18 +30,27 @@ private:
     int m_screenIndex;
 };
 
-/// A RandR monitor, known by its name; what it says is read when asked.
+/**
+ * A RandR monitor, known by its name and the output it covers; what it says
+ * is read when asked. Once the monitor is gone, describing it fails with
+ * DXGI_ERROR_NOT_CURRENTLY_AVAILABLE; a monitor of the same name over the
+ * same output (plugged in again) is this one again.
+ */
 class XcbMonitorOutput : public Ifaces::DisplayOutput
 {
 public:
-    XcbMonitorOutput(std::shared_ptr<XcbConnection> connection, int screenIndex, xcb_atom_t name);
+    XcbMonitorOutput(
+        std::shared_ptr<XcbConnection> connection, int screenIndex, xcb_atom_t name, std::uint32_t output = 0);
 
     long describe(Ifaces::OutputDescription& description) const override;
+    /// Whether the monitor is there now.
+    bool isPresent() const;
 
 private:
     std::shared_ptr<XcbConnection> m_connection;
     int m_screenIndex;
     xcb_atom_t m_name;
+    std::uint32_t m_output;
 };
 
 } // namespace X11

@@ -1,6 +1,7 @@
 #include "XcbScreenGrabber.h"
 
 #include "XcbConnection.h"
+#include "XcbPixelLayout.h"
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -104,12 +105,16 @@ bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& re
     const long height = rect.bottom - rect.top;
     if (width <= 0 || height <= 0 || !connect())
         return false;
-    const xcb_screen_t* screen = m_connection->screen(XcbConnection::screenOfHandle(monitor));
-    if (!screen || rect.left < 0 || rect.top < 0 || rect.right > screen->width_in_pixels
-        || rect.bottom > screen->height_in_pixels)
+    const int screenIndex = XcbConnection::screenOfHandle(monitor);
+    const xcb_screen_t* screen = m_connection->screen(screenIndex);
+    int screenWidth = 0;
+    int screenHeight = 0;
+    if (!screen || !m_connection->screenSize(screenIndex, screenWidth, screenHeight) || rect.left < 0 || rect.top < 0
+        || rect.right > screenWidth || rect.bottom > screenHeight)
         return false;
-    // Only 32 bits a pixel arrive as B, G, R and a spare byte.
-    if (screen->root_depth != 24 && screen->root_depth != 32)
+    // 32 bits a pixel: B, G, R and a spare byte, or deeper channels converted below.
+    const XcbPixelLayout layout(screen);
+    if (!layout.isSupported())
         return false;
 
     xcb_connection_t* connection = m_connection->get();
@@ -126,6 +131,8 @@ bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& re
         if (!reply)
             return false;
         std::free(reply);
+        if (!layout.isPlainBgrx())
+            layout.toBgrx(m_segmentMemory, m_segmentMemory, std::size_t(width) * std::size_t(height));
         image.pixels = m_segmentMemory;
     } else {
         xcb_generic_error_t* error = nullptr;
@@ -142,11 +149,18 @@ bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& re
         }
         m_plainCopy.assign(xcb_get_image_data(reply), xcb_get_image_data(reply) + size);
         std::free(reply);
+        if (!layout.isPlainBgrx())
+            layout.toBgrx(m_plainCopy.data(), m_plainCopy.data(), std::size_t(width) * std::size_t(height));
         image.pixels = m_plainCopy.data();
     }
     image.width = int(width);
     image.height = int(height);
     image.bytesPerLine = bytesPerLine;
+    return true;
+}
+
+bool XcbScreenGrabber::picturesAreTurned() const
+{
     return true;
 }
 

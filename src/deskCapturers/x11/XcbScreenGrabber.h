@@ -29,6 +29,8 @@ public:
 
     bool monitorRect(std::uintptr_t monitor, Ifaces::ScreenRect& rect) override;
     bool grab(std::uintptr_t monitor, const Ifaces::ScreenRect& rect, Ifaces::ScreenImage& image) override;
+    /// True: the X server composes a turned monitor into the root as its user sees it.
+    bool picturesAreTurned() const override;
 
 private:
     bool connect();

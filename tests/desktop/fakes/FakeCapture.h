@@ -4,8 +4,10 @@
 
 #include <QtCore/QList>
 #include <QtCore/QSize>
+#include <QtCore/QThread>
 #include <mutex>
 
+#include <functional>
 #include <memory>
 
 namespace Fakes {
@@ -19,6 +21,10 @@ struct CaptureJournal
     QList<int> modes;
     QList<QSize> sizesSet;
     QList<DeskCaptureContext> contexts;
+    /// The thread of each setCaptureContext call.
+    QList<QThread*> contextThreads;
+    /// Runs at the start of each setCaptureContext, outside the lock: a back-end that waits for the user.
+    std::function<void()> onContext;
     /// Result of setCaptureContext for the back-ends to come.
     long contextResult = 0;
     /// Frames handed out, in turn; once used up, empty matrices.
@@ -68,8 +74,11 @@ public:
 
     long setCaptureContext(DeskCaptureContext context) override
     {
+        if (journal->onContext)
+            journal->onContext();
         std::lock_guard<std::mutex> locker(journal->mutex);
         journal->contexts.append(context);
+        journal->contextThreads.append(QThread::currentThread());
         return journal->contextResult;
     }
 

@@ -43,8 +43,15 @@ public:
         return true;
     }
 
+    bool picturesAreTurned() const override
+    {
+        return turned;
+    }
+
     cv::Mat desktop;
     cv::Mat buffer;
+    /// Whether the desktop holds turned monitors as their users see them.
+    bool turned = false;
     std::map<std::uintptr_t, Orvanta::Ifaces::ScreenRect> monitors;
     Orvanta::Ifaces::ScreenRect lastRect;
     bool failGrab = false;

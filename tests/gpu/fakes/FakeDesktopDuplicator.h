@@ -3,7 +3,7 @@
 #include "ResultCodes.h"
 #include "cpu/SoftwareScaler.h"
 #include "ifaces/DesktopDuplicator.h"
-#include "ifaces/Sleeper.h"
+#include "ifaces/RetryClock.h"
 
 #include <QtCore/QList>
 #include <QtCore/QMutex>
@@ -180,17 +180,19 @@ private:
 };
 
 /// Counts waits instead of waiting; a hook may change the script between tries.
-class FakeSleeper : public Orvanta::Ifaces::Sleeper
+/// A clock that stands still until the test moves it.
+class FakeRetryClock : public Orvanta::Ifaces::RetryClock
 {
 public:
-    QList<unsigned> waits;
-    std::function<void(int)> onSleep;
+    std::int64_t now = 0;
 
-    void sleep(unsigned milliseconds) override
+    std::int64_t milliseconds() override
     {
-        waits << milliseconds;
-        if (onSleep) {
-            onSleep(waits.size());
-        }
+        return now;
+    }
+
+    void advance(std::int64_t milliseconds)
+    {
+        now += milliseconds;
     }
 };
