@@ -28,8 +28,9 @@ constexpr unsigned long kBlockedCallPollMs = 10;
 
 bool runOnGlobalPool(std::function<void()> task)
 {
-    // Null once the pool is destroyed at the end of the process: a late
-    // notification then has nowhere to run and is dropped.
+    // Null at the end of the process (the pool is gone, or Qt makes none
+    // while the application closes down): a late notification then has
+    // nowhere to run and is dropped.
     QThreadPool* pool = QThreadPool::globalInstance();
     if (!pool) {
         return false;

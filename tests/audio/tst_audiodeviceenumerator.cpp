@@ -107,30 +107,35 @@ private:
     std::vector<std::function<void()>> held;
 };
 
-// Destroyed at the end of the process after the global thread pool: raises
-// one more endpoint event, as a platform thread may at exit.
-struct LateEventAtExit
+// A child of the application object, so destroyed while the application
+// closes down: raises one more endpoint event then, as a platform thread may
+// at exit. No task has run before, so the global thread pool does not exist,
+// and Qt makes none while the application closes.
+class LateEventAtExit : public QObject
 {
-    std::shared_ptr<Fakes::FakeEndpointWatcher> watcher;
-    ~LateEventAtExit()
+public:
+    LateEventAtExit(RecordingEnumerator* enumerator, QObject* parent)
+        : QObject(parent)
+        , enumerator(enumerator)
     {
-        watcher->notifyState("late", DeviceStateActive);
+    }
+    ~LateEventAtExit() override
+    {
+        enumerator->OnDeviceStateChanged(QStringLiteral("late"), DeviceStateActive);
         std::fputs("late event raised\n", stderr);
     }
+
+private:
+    RecordingEnumerator* enumerator;
 };
 
-// The child process of eventAfterTheGlobalPoolIsGoneIsDropped(). Statics are
-// destroyed in the reverse order of their construction: the pool, made by
-// the first task, goes first; then the late event; then the enumerator.
-int raiseAnEventAfterTheGlobalPool()
+// The child process of eventWithoutAGlobalPoolIsDropped().
+int raiseAnEventWhileTheApplicationCloses(int argc, char* argv[])
 {
-    static auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
-    static RecordingEnumerator enumerator(watcher);
-    static LateEventAtExit lateEvent {watcher};
-    // Made now, after the late event's holder, so that it is destroyed first.
-    QThreadPool::globalInstance();
-    watcher->add("late", DataFlow::Render);
-    enumerator.load();
+    auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
+    RecordingEnumerator enumerator(watcher);
+    QCoreApplication app(argc, argv);
+    new LateEventAtExit(&enumerator, &app);
     return 0;
 }
 
@@ -431,7 +436,7 @@ private slots:
         QVERIFY(!enumerator.holds("microphone"));
     }
 
-    void eventAfterTheGlobalPoolIsGoneIsDropped()
+    void eventWithoutAGlobalPoolIsDropped()
     {
         QProcess child;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -465,7 +470,7 @@ private slots:
 int main(int argc, char* argv[])
 {
     if (qEnvironmentVariableIsSet("ORVANTA_LATE_EVENT_CHILD")) {
-        return raiseAnEventAfterTheGlobalPool();
+        return raiseAnEventWhileTheApplicationCloses(argc, argv);
     }
     QCoreApplication app(argc, argv);
     TestAudioDeviceEnumerator test;

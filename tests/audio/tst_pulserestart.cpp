@@ -109,11 +109,6 @@ private slots:
             [&events](const QString& id) { recordSinkEvent(events, "lost ", id); });
         QVERIFY(manager.allCapturers().isEmpty());
         QVERIFY(manager.defaultCapturer().isNull());
-        QCOMPARE(
-            capture.count(QtWarningMsg,
-                QStringLiteral("Not found default MMDevice \"%1\"").arg(win32ErrorMsg(AUDCLNT_E_SERVICE_NOT_RUNNING))),
-            2);
-        QVERIFY(capture.texts(QtCriticalMsg).isEmpty());
 
         QVERIFY(PulseTest::startServer());
         QTRY_VERIFY_WITH_TIMEOUT(events.ids().contains("ready sinkA") && events.ids().contains("ready sinkB"), 15000);
@@ -121,6 +116,12 @@ private slots:
         QVERIFY(!events.ids().contains("lost sinkA"));
         QTRY_COMPARE_WITH_TIMEOUT(manager.defaultCapturer(), QStringLiteral("sinkA"), 15000);
         QCOMPARE(manager.capturerDesc("sinkB"), QStringLiteral("SinkB"));
+        // While the server was away only the defaults were missing.
+        QCOMPARE(
+            capture.count(QtWarningMsg,
+                QStringLiteral("Not found default MMDevice \"%1\"").arg(win32ErrorMsg(AUDCLNT_E_SERVICE_NOT_RUNNING))),
+            2);
+        QVERIFY(capture.texts(QtCriticalMsg).isEmpty());
     }
 
     void repeatedLossesLeaveNothingBehind()
