@@ -270,6 +270,59 @@ private slots:
         QVERIFY(capture.contains(QtInfoMsg, "The audio capture has lost:  \"sinkC\""));
     }
 
+    // A sink unloaded and loaded again a hundred times with no pause. Both
+    // servers announce each reload as a removal, then an addition, of a sink
+    // of the same name (PulseAudio at a new index; pipewire-pulse at a new
+    // index too, its node being made anew): the registry must take them in
+    // that order every time and end with a running capturer.
+    void sinkReloadedAHundredTimesIsNeverLost()
+    {
+        registryEvents.clear();
+        const QStringList load {"load-module", "module-null-sink", "sink_name=sinkFlap"};
+        QString module = pactl(load);
+        QVERIFY(!module.isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(registryEvents.ids().contains("ready sinkFlap"), 15000);
+        constexpr int kReloads = 100;
+        // One shell runs the pairs back to back; it prints the last module's index.
+        QProcess flapper;
+        flapper.start(QStringLiteral("/bin/sh"),
+            {QStringLiteral("-c"),
+                QStringLiteral("m=%1; for i in $(seq %2); do pactl unload-module $m || exit 1; "
+                               "m=$(pactl load-module module-null-sink sink_name=sinkFlap) || exit 1; done; echo $m")
+                    .arg(module)
+                    .arg(kReloads)});
+        QVERIFY(flapper.waitForFinished(60000));
+        QCOMPARE(flapper.exitCode(), 0);
+        module = QString::fromUtf8(flapper.readAllStandardOutput()).trimmed();
+        QVERIFY(!module.isEmpty());
+
+        // A sink that is gone again before the watcher has read it is never
+        // announced, and one gone before its stream opened is lost without
+        // having been ready: the registry never says "ready" twice without a
+        // "lost" between, and ends with a running capturer.
+        const auto flaps = [this] {
+            return registryEvents.ids().filter(QStringLiteral("sinkFlap"));
+        };
+        // Events reach the registry in the server's order: once a sink loaded
+        // after the flapping is ready, every reload before it has been taken.
+        const QString mark = pactl({"load-module", "module-null-sink", "sink_name=sinkMark"});
+        QVERIFY(!mark.isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(registryEvents.ids().contains("ready sinkMark"), 15000);
+        QVERIFY(!pactl({"unload-module", mark}).isNull());
+        QTRY_VERIFY_WITH_TIMEOUT(
+            flaps().last() == QLatin1String("ready sinkFlap") && manager->acquireCapturer("sinkFlap"), 15000);
+        const QStringList announced = flaps();
+        for (int i = 1; i < announced.size(); ++i) {
+            QVERIFY(announced[i] != QLatin1String("ready sinkFlap") || announced[i - 1] != announced[i]);
+        }
+        QVERIFY(manager->acquireCapturer("sinkFlap")->isRunning());
+        const int pairs = announced.count("lost sinkFlap");
+        QVERIFY(!pactl({"unload-module", module}).isNull());
+        QTRY_COMPARE_WITH_TIMEOUT(flaps().last(), QStringLiteral("lost sinkFlap"), 15000);
+        QVERIFY(manager->acquireCapturer("sinkFlap").isNull());
+        qInfo() << "reload pairs announced:" << pairs << "of" << kReloads;
+    }
+
     // A sink asked for 24-bit samples, which the capture cannot take as
     // they are. PulseAudio runs it in s24le and the capturer falls back to
     // 16-bit; pipewire-pulse ignores the format and runs it in 32-bit float,
