@@ -254,6 +254,54 @@ private slots:
         QVERIFY(!pactl({"set-sink-volume", "sinkA", "100%"}).isNull());
     }
 
+    // Both servers report a sink's volume on PulseAudio's cubic scale, and
+    // both put the monitor after the volume, so the adapter reports the
+    // linear gain (the cube of the slider): the factor by which the monitor's
+    // signal was scaled, which the correction divides out. Its threshold of
+    // 0.01 then lies at the cube root, 21.54 % on the user's slider: at 21 %
+    // (gain 0.00926) the magnitudes stay undivided, at 22 % (gain 0.01065)
+    // they are restored.
+    void volumeCorrectionStartsAt22PercentOfTheSlider_data()
+    {
+        QTest::addColumn<QString>("slider");
+        QTest::addColumn<float>("gain");
+        QTest::addColumn<float>("minimum");
+        QTest::addColumn<float>("maximum");
+        // A half-scale sine at full volume shows about 256 in its band (see sinkVolumeIsCorrected).
+        QTest::newRow("21 %, undivided") << "21%" << 0.0092610f << 256 * 0.0092610f * 0.8f << 256 * 0.0092610f * 1.25f;
+        QTest::newRow("22 %, restored") << "22%" << 0.0106480f << 200.0f << 310.0f;
+    }
+
+    void volumeCorrectionStartsAt22PercentOfTheSlider()
+    {
+        QFETCH(QString, slider);
+        QFETCH(float, gain);
+        QFETCH(float, minimum);
+        QFETCH(float, maximum);
+        QSharedPointer<AudioCapturer> capturer = manager->acquireCapturer("sinkA");
+        QVERIFY(capturer);
+        auto watcher = Orvanta::createPlatformEndpointWatcher();
+        QCOMPARE(watcher->open(), S_OK);
+        std::shared_ptr<EndpointMeter> volume;
+        QCOMPARE(endpointOf(*watcher, "sinkA")->activateVolume(volume), S_OK);
+
+        QVERIFY(!pactl({"set-sink-volume", "sinkA", slider}).isNull());
+        float level = 0;
+        QCOMPARE(volume->masterVolumeLevelScalar(&level), S_OK);
+        QVERIFY2(qAbs(level - gain) < 0.0001f, qPrintable(QString::number(level, 'f', 6)));
+
+        PulseTest::SpectrumCollector collector;
+        connect(
+            capturer.data(), &AudioCapturer::spectrumsChanged, &collector, &PulseTest::SpectrumCollector::onSpectrums);
+        {
+            PulseTest::SinePlayer player("sinkA", binFrequency(kBinA, 48000), 48000, 0.5);
+            // Blocks read before the new volume reached the capturer's cache
+            // are left behind: only the range of this volume counts.
+            QTRY_VERIFY_WITH_TIMEOUT(showsBand(collector.spectra(), kBinA, minimum, maximum), 15000);
+        }
+        QVERIFY(!pactl({"set-sink-volume", "sinkA", "100%"}).isNull());
+    }
+
     void loadedAndUnloadedSinkIsReadiedAndLost()
     {
         registryEvents.clear();

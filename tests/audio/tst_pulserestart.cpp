@@ -31,6 +31,15 @@ void recordSinkEvent(PulseTest::SpectrumCollector& events, const char* kind, con
     }
 }
 
+// Records the registry's events of the fixture's sinks into @p events.
+void recordSinkEvents(AudioCapManager& manager, PulseTest::SpectrumCollector& events)
+{
+    QObject::connect(&manager, &AudioCapManager::capturerReady, &events,
+        [&events](const QString& id) { recordSinkEvent(events, "ready ", id); });
+    QObject::connect(&manager, &AudioCapManager::capturerLost, &events,
+        [&events](const QString& id) { recordSinkEvent(events, "lost ", id); });
+}
+
 } // namespace
 
 // The sound server going away and coming back, under a registry that runs
@@ -54,10 +63,7 @@ private slots:
     {
         AudioCapManager manager;
         PulseTest::SpectrumCollector events;
-        connect(&manager, &AudioCapManager::capturerReady, &events,
-            [&events](const QString& id) { recordSinkEvent(events, "ready ", id); });
-        connect(&manager, &AudioCapManager::capturerLost, &events,
-            [&events](const QString& id) { recordSinkEvent(events, "lost ", id); });
+        recordSinkEvents(manager, events);
 
         QStringList ids = manager.allCapturers();
         ids.sort();
@@ -103,10 +109,7 @@ private slots:
         MessageCapture capture;
         AudioCapManager manager;
         PulseTest::SpectrumCollector events;
-        connect(&manager, &AudioCapManager::capturerReady, &events,
-            [&events](const QString& id) { recordSinkEvent(events, "ready ", id); });
-        connect(&manager, &AudioCapManager::capturerLost, &events,
-            [&events](const QString& id) { recordSinkEvent(events, "lost ", id); });
+        recordSinkEvents(manager, events);
         QVERIFY(manager.allCapturers().isEmpty());
         QVERIFY(manager.defaultCapturer().isNull());
 
@@ -128,10 +131,7 @@ private slots:
     {
         AudioCapManager manager;
         PulseTest::SpectrumCollector events;
-        connect(&manager, &AudioCapManager::capturerReady, &events,
-            [&events](const QString& id) { recordSinkEvent(events, "ready ", id); });
-        connect(&manager, &AudioCapManager::capturerLost, &events,
-            [&events](const QString& id) { recordSinkEvent(events, "lost ", id); });
+        recordSinkEvents(manager, events);
         for (int round = 0; round < 3; ++round) {
             events.clear();
             QVERIFY(PulseTest::stopServer());
