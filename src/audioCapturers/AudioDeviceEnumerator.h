@@ -77,6 +77,9 @@ protected:
     virtual void onDeviceEventsSettled();
 
     /// Ends the notifications and waits for every queued task. Safe to repeat.
+    /// On this object's own thread, queued calls to that thread are delivered
+    /// while it waits, so that a task blocked in a signal with a blocking
+    /// queued connection to this thread can finish.
     void stopNotifications();
     /// The held endpoint of @p id, or null.
     DeviceHandle heldDevice(const QString& id) const;
