@@ -24,8 +24,17 @@ function(orvanta_add_test name)
     add_executable(${name} ${ARG_SOURCES})
     set_target_properties(${name} PROPERTIES AUTOMOC ON)
     target_link_libraries(${name} PRIVATE orvanta_internal orvanta_testsupport Qt5::Test ${ARG_LIBRARIES})
+    orvanta_add_test_run(${name} PROGRAM ${name} LABEL ${ARG_LABEL} TIMEOUT "${ARG_TIMEOUT}"
+        FIXTURES ${ARG_FIXTURES} ENVIRONMENT ${ARG_ENVIRONMENT})
+endfunction()
 
-    set(command $<TARGET_FILE:${name}>)
+# orvanta_add_test_run(<name> PROGRAM <target> LABEL <label> [FIXTURES <fixture>...]
+#                      [ENVIRONMENT <VAR=value>...] [TIMEOUT <s>])
+# Registers one more CTest run of a test program built by orvanta_add_test,
+# for instance against another service fixture.
+function(orvanta_add_test_run name)
+    cmake_parse_arguments(ARG "" "PROGRAM;LABEL;TIMEOUT" "FIXTURES;ENVIRONMENT" ${ARGN})
+    set(command $<TARGET_FILE:${ARG_PROGRAM}>)
     if(ARG_FIXTURES)
         set(env_files)
         foreach(fixture IN LISTS ARG_FIXTURES)

@@ -43,6 +43,8 @@ packages=(
     # portal written with the D-Bus and GLib bindings of Python
     libdbus-1-dev libpipewire-0.3-dev dbus pipewire pipewire-bin wireplumber
     libspa-0.2-modules python3-dbus python3-gi
+    # audio tests against PipeWire's PulseAudio-compatible server
+    pipewire-pulse
     # https tests: the openssl tool makes the test certificate authority
     openssl
     # the API reference (the docs target)

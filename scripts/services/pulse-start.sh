@@ -48,4 +48,7 @@ export HOME=$base/home
 export ORVANTA_PULSE_FIXTURE_DIR=$dir
 export ORVANTA_PULSE_FIXTURE=$name
 export ORVANTA_PULSE_SCRIPTS=$here
+export ORVANTA_SOUND_SERVER=pulseaudio
+export ORVANTA_SOUND_SERVER_START=$here/pulse-start.sh
+export ORVANTA_SOUND_SERVER_STOP=$here/pulse-stop.sh
 ENV

@@ -39,14 +39,13 @@ void AudioCapManager::loadCapturers()
     }
 
     const long hr = loadCurrentDevices();
+    emitSettledSignals();
     if (hr < 0) {
         qCritical() << "Failed to load current audio devices" << win32ErrorMsg(hr);
         return;
     }
     // A second pass: an endpoint whose load failed in the walk gets another attempt.
-    for (const auto& held : heldDevices()) {
-        onDeviceReady(held.second, held.first);
-    }
+    readyHeldDevicesAgain();
 }
 
 AudioCapManager::~AudioCapManager()
@@ -121,7 +120,6 @@ QSharedPointer<AudioCapturer> AudioCapManager::capturer(const QString& id)
 
 void AudioCapManager::onDeviceReady(DeviceHandle device, const QString& id)
 {
-    QMutexLocker readyLocker(&readyLock);
     {
         QMutexLocker locker(&capturersLock);
         if (capturers.contains(id)) {
@@ -145,7 +143,7 @@ void AudioCapManager::onDeviceReady(DeviceHandle device, const QString& id)
         capturers.insert(id, CapturerEntry {capturer, 0});
     }
     qInfo() << "The audio capture has readied: " << id;
-    emit capturerReady(id);
+    queueSignal(true, id);
 }
 
 void AudioCapManager::onDeviceLost(const QString& id)
@@ -159,5 +157,37 @@ void AudioCapManager::onDeviceLost(const QString& id)
     }
     released.reset();
     qInfo() << "The audio capture has lost: " << id;
-    emit capturerLost(id);
+    queueSignal(false, id);
+}
+
+void AudioCapManager::queueSignal(bool ready, const QString& id)
+{
+    QMutexLocker locker(&capturersLock);
+    settledSignals.append(qMakePair(ready, id));
+}
+
+void AudioCapManager::onDeviceEventsSettled()
+{
+    emitSettledSignals();
+}
+
+void AudioCapManager::emitSettledSignals()
+{
+    // Emitted with none of the registry's locks held, so that a receiver may
+    // block the emitting thread (a blocking queued connection) and call back
+    // into the registry. The emission lock only keeps the order of signals
+    // from the constructor's pass and from the first tasks.
+    QMutexLocker emitLocker(&emitLock);
+    QVector<QPair<bool, QString>> pending;
+    {
+        QMutexLocker locker(&capturersLock);
+        pending.swap(settledSignals);
+    }
+    for (const auto& signal : qAsConst(pending)) {
+        if (signal.first) {
+            emit capturerReady(signal.second);
+        } else {
+            emit capturerLost(signal.second);
+        }
+    }
 }

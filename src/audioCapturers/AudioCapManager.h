@@ -6,8 +6,10 @@
 #include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QMutex>
+#include <QtCore/QPair>
 #include <QtCore/QSharedPointer>
 #include <QtCore/QString>
+#include <QtCore/QVector>
 
 class AudioCapturer;
 
@@ -17,8 +19,10 @@ class AudioCapturer;
  * endpoint is found until it is gone, whether anyone listens or not.
  *
  * capturerReady and capturerLost are emitted on a thread of the global
- * QThreadPool while the enumerator's state mutex is held: connect with a
- * queued connection for anything that calls back into the registry.
+ * QThreadPool, in the order of the endpoints' changes, once the state task
+ * that made them has released the registry's locks: a receiver may block the
+ * emitting thread, with a blocking queued connection, and call back into the
+ * registry.
  */
 class LIBORVANTA_EXPORT AudioCapManager : public AudioDeviceEnumerator
 {
@@ -59,6 +63,7 @@ protected:
     void onDeviceReady(DeviceHandle device, const QString& id) override;
     /// Drops the capturer of @p id, then emits capturerLost().
     void onDeviceLost(const QString& id) override;
+    void onDeviceEventsSettled() override;
 
 private:
     struct CapturerEntry
@@ -69,11 +74,13 @@ private:
 
     QSharedPointer<AudioCapturer> capturer(const QString& id);
     void loadCapturers();
+    void queueSignal(bool ready, const QString& id);
+    void emitSettledSignals();
 
     QHash<QString, CapturerEntry> capturers;
     // The hash is written by pool tasks and read by the application.
     mutable QMutex capturersLock;
-    // The construction pass's second round runs beside the first pool tasks:
-    // one endpoint must not get two capturers.
-    QMutex readyLock;
+    // Signals of the hooks, emitted once the state mutex is released; true for ready.
+    QVector<QPair<bool, QString>> settledSignals;
+    QMutex emitLock;
 };

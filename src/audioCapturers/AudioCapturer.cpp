@@ -87,12 +87,16 @@ long AudioCapturerPrivate::createConverter()
         return E_OUTOFMEMORY;
     }
 
-    // A plain format carries no channel mask; the usual layout of its channel
-    // count stands in for it.
+    // A plain format carries no channel mask, and a mask whose speakers do
+    // not match the channel count would make the converter read the block
+    // with another frame size: the usual layout of the count stands in.
     AVChannelLayout inLayout {};
     const std::uint64_t mask = convertToAvChannelLayout(waveFormat);
-    if (mask == 0 || av_channel_layout_from_mask(&inLayout, mask) < 0)
+    if (mask == 0 || av_channel_layout_from_mask(&inLayout, mask) < 0
+        || inLayout.nb_channels != waveFormat.Format.nChannels) {
+        av_channel_layout_uninit(&inLayout);
         av_channel_layout_default(&inLayout, waveFormat.Format.nChannels);
+    }
     AVChannelLayout outLayout {};
     av_channel_layout_from_mask(&outLayout, AV_CH_LAYOUT_STEREO);
 

@@ -4,9 +4,14 @@
 #include "ResultCodes.h"
 #include "ifaces/EndpointWatcher.h"
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
+#include <QtCore/QThread>
 #include <QtCore/QThreadPool>
 #include <QtCore/QWaitCondition>
+
+#include <deque>
+#include <set>
 
 using Orvanta::Ifaces::AudioEndpoint;
 using Orvanta::Ifaces::DataFlow;
@@ -16,15 +21,36 @@ namespace {
 constexpr int eRender = static_cast<int>(DataFlow::Render);
 constexpr int eCapture = static_cast<int>(DataFlow::Capture);
 constexpr int eConsole = static_cast<int>(DeviceRole::Console);
+
+// How long the destructor's wait sleeps before it looks for calls that a task
+// is blocked on.
+constexpr unsigned long kBlockedCallPollMs = 10;
+
+bool runOnGlobalPool(std::function<void()> task)
+{
+    // Null at the end of the process (the pool is gone, or Qt makes none
+    // while the application closes down): a late notification then has
+    // nowhere to run and is dropped.
+    QThreadPool* pool = QThreadPool::globalInstance();
+    if (!pool) {
+        return false;
+    }
+    pool->start(std::move(task));
+    return true;
+}
 } // namespace
 
-// Counts the tasks that are queued or running, so that the object can wait for
-// them before it goes: a task holds a plain pointer to it.
+// The tasks in the order they were raised, and the count of those queued or
+// running, so that the object can wait for them before it goes: a task holds
+// a plain pointer to it. One runner at a time empties the queue, so the pool
+// can never run two tasks out of order.
 struct AudioDeviceEnumerator::TaskTracker
 {
     QMutex lock;
     QWaitCondition idle;
+    std::deque<std::function<void()>> queue;
     int pending = 0;
+    bool running = false;
     bool accepting = true;
 };
 
@@ -34,8 +60,15 @@ AudioDeviceEnumerator::AudioDeviceEnumerator(QObject* parent)
 }
 
 AudioDeviceEnumerator::AudioDeviceEnumerator(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, QObject* parent)
+    : AudioDeviceEnumerator(std::move(watcher), &runOnGlobalPool, parent)
+{
+}
+
+AudioDeviceEnumerator::AudioDeviceEnumerator(
+    std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, TaskRunner runner, QObject* parent)
     : QObject(parent)
     , enumerator(std::move(watcher))
+    , runner(std::move(runner))
     , tasks(std::make_unique<TaskTracker>())
 {
     enumerator->initializeThread();
@@ -55,8 +88,20 @@ void AudioDeviceEnumerator::stopNotifications()
     }
     QMutexLocker locker(&tasks->lock);
     tasks->accepting = false;
+    // A task may be blocked in a signal whose receiver lives on this thread
+    // (a blocking queued connection): deliver such calls while waiting, or
+    // the two threads would wait for each other.
+    const bool ownThread = QThread::currentThread() == thread() && QCoreApplication::instance();
     while (tasks->pending > 0) {
-        tasks->idle.wait(&tasks->lock);
+        if (!ownThread) {
+            tasks->idle.wait(&tasks->lock);
+            continue;
+        }
+        if (!tasks->idle.wait(&tasks->lock, kBlockedCallPollMs)) {
+            locker.unlock();
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::MetaCall);
+            locker.relock();
+        }
     }
 }
 
@@ -166,8 +211,31 @@ long AudioDeviceEnumerator::loadCurrentDevices()
     hr = enumerator->registerNotifications(std::move(notifications));
     if (hr < 0) {
         qCritical() << "Failed to register endpoint notification callback " << win32ErrorMsg(hr);
-    } else {
-        notificationsRegistered = true;
+        return hr;
+    }
+    notificationsRegistered = true;
+
+    // Endpoints that came or went between the walk and the registration had
+    // no notification to tell of them: a second look, queued behind any
+    // notification raised before it, settles them.
+    std::unique_ptr<Orvanta::Ifaces::EndpointCollection> current;
+    if (enumerator->activeEndpoints(current) >= 0) {
+        std::vector<std::pair<QString, DeviceHandle>> present;
+        unsigned int currentCount = 0;
+        current->count(currentCount);
+        for (unsigned int i = 0; i < currentCount; ++i) {
+            std::shared_ptr<AudioEndpoint> device;
+            if (current->item(i, device) < 0) {
+                continue;
+            }
+            DataFlow flow = DataFlow::Render;
+            device->dataFlow(flow);
+            std::string platformId;
+            if (flow != DataFlow::Capture && device->id(platformId) >= 0) {
+                present.emplace_back(QString::fromStdString(platformId), device);
+            }
+        }
+        queueTask([this, present = std::move(present)] { reconcileTask(present); });
     }
     return hr;
 }
@@ -256,6 +324,48 @@ void AudioDeviceEnumerator::removeDevice(const QString& id)
     onDeviceLost(id);
 }
 
+void AudioDeviceEnumerator::onDeviceEventsSettled()
+{
+}
+
+void AudioDeviceEnumerator::readyHeldDevicesAgain()
+{
+    {
+        QMutexLocker locker(&mutex);
+        for (const auto& held : heldDevices()) {
+            onDeviceReady(held.second, held.first);
+        }
+    }
+    onDeviceEventsSettled();
+}
+
+void AudioDeviceEnumerator::reconcileTask(const std::vector<std::pair<QString, DeviceHandle>>& present)
+{
+    {
+        QMutexLocker locker(&mutex);
+        std::set<QString> presentIds;
+        for (const auto& endpoint : present) {
+            presentIds.insert(endpoint.first);
+        }
+        for (const auto& held : heldDevices()) {
+            if (presentIds.count(held.first) == 0) {
+                removeDevice(held.first);
+            }
+        }
+        for (const auto& endpoint : present) {
+            bool inserted = false;
+            {
+                QWriteLocker devicesLocker(&devicesLock);
+                inserted = devices.emplace(endpoint.first, endpoint.second).second;
+            }
+            if (inserted) {
+                onDeviceReady(endpoint.second, endpoint.first);
+            }
+        }
+    }
+    onDeviceEventsSettled();
+}
+
 void AudioDeviceEnumerator::queueTask(std::function<void()> task)
 {
     {
@@ -264,14 +374,39 @@ void AudioDeviceEnumerator::queueTask(std::function<void()> task)
             return;
         }
         ++tasks->pending;
+        tasks->queue.push_back(std::move(task));
+        if (tasks->running) {
+            return;
+        }
+        tasks->running = true;
     }
-    QThreadPool::globalInstance()->start([this, task = std::move(task)] {
-        task();
+    if (!runner([this] { runQueuedTasks(); })) {
         QMutexLocker locker(&tasks->lock);
-        if (--tasks->pending == 0) {
+        tasks->pending -= static_cast<int>(tasks->queue.size());
+        tasks->queue.clear();
+        tasks->running = false;
+        if (tasks->pending == 0) {
             tasks->idle.wakeAll();
         }
-    });
+    }
+}
+
+void AudioDeviceEnumerator::runQueuedTasks()
+{
+    QMutexLocker locker(&tasks->lock);
+    while (!tasks->queue.empty()) {
+        std::function<void()> task = std::move(tasks->queue.front());
+        tasks->queue.pop_front();
+        locker.unlock();
+        task();
+        task = nullptr;
+        locker.relock();
+        --tasks->pending;
+    }
+    tasks->running = false;
+    if (tasks->pending == 0) {
+        tasks->idle.wakeAll();
+    }
 }
 
 long AudioDeviceEnumerator::OnDeviceStateChanged(const QString& id, unsigned long newState)
@@ -306,23 +441,26 @@ long AudioDeviceEnumerator::OnPropertyValueChanged(const QString& id)
 
 void AudioDeviceEnumerator::stateTask(const QString& id, unsigned long newState)
 {
-    QMutexLocker locker(&mutex);
-    bool held = false;
     {
-        QReadLocker devicesLocker(&devicesLock);
-        held = devices.count(id) != 0;
-    }
-    if (newState == Orvanta::Ifaces::DeviceStateActive) {
-        // An "active" notification for an endpoint already held drops it; it
-        // comes back with the next notification.
-        if (held) {
-            removeDevice(id);
-        } else {
-            addDevice(id);
+        QMutexLocker locker(&mutex);
+        bool held = false;
+        {
+            QReadLocker devicesLocker(&devicesLock);
+            held = devices.count(id) != 0;
         }
-    } else if (held) {
-        removeDevice(id);
+        if (newState == Orvanta::Ifaces::DeviceStateActive) {
+            // An "active" notification for an endpoint already held drops it; it
+            // comes back with the next notification.
+            if (held) {
+                removeDevice(id);
+            } else {
+                addDevice(id);
+            }
+        } else if (held) {
+            removeDevice(id);
+        }
     }
+    onDeviceEventsSettled();
 }
 
 void AudioDeviceEnumerator::defaultTask(int flow, int role, const QString& id)

@@ -25,8 +25,10 @@ class EndpointWatcher;
  * hooks, when one becomes usable or stops being so.
  *
  * Notifications arrive on the platform's threads; each is copied at once into
- * a task on the global QThreadPool. State tasks run one at a time, under a
- * mutex that they hold across the hooks. Input endpoints are never listed.
+ * a task for the global QThreadPool. The tasks run one at a time and in the
+ * order their notifications came, so that a sink that is reloaded (gone, then
+ * back at once) is dropped and then added, never the other way round. State
+ * tasks hold a mutex across the hooks. Input endpoints are never listed.
  *
  * A derived class calls loadCurrentDevices() once its own object is complete,
  * so that the hooks reach its overrides, and calls stopNotifications() first
@@ -39,12 +41,19 @@ class LIBORVANTA_EXPORT AudioDeviceEnumerator : public QObject
 public:
     /// Reference-counted handle of one endpoint of the platform.
     using DeviceHandle = std::shared_ptr<Orvanta::Ifaces::AudioEndpoint>;
+    /// Hands a task to a thread; false when it cannot, and the task is then
+    /// dropped. The default hands it to the global QThreadPool, and fails
+    /// once that is gone at the end of the process.
+    using TaskRunner = std::function<bool(std::function<void()>)>;
 
     /// Watches the platform's endpoints; the derived class starts the watch with loadCurrentDevices().
     explicit AudioDeviceEnumerator(QObject* parent = nullptr);
     /// Watches the endpoints that @p watcher reports instead of the platform's.
     explicit AudioDeviceEnumerator(
         std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, QObject* parent = nullptr);
+    /// Runs its tasks through @p runner instead of the global thread pool.
+    AudioDeviceEnumerator(
+        std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, TaskRunner runner, QObject* parent = nullptr);
     ~AudioDeviceEnumerator() override;
 
     /// The platform's identifier of @p device; null, with a warning, when it has none.
@@ -77,8 +86,15 @@ protected:
     virtual void onDeviceReady(DeviceHandle device, const QString& id);
     /// Hook: endpoint @p id stopped being usable. Runs on a pool thread under the state mutex.
     virtual void onDeviceLost(const QString& id);
+    /// Called after the hooks of one state task (or of one pass over the
+    /// endpoints) have run and the state mutex is released: the place for
+    /// work that must not hold it, such as signals. The base does nothing.
+    virtual void onDeviceEventsSettled();
 
     /// Ends the notifications and waits for every queued task. Safe to repeat.
+    /// On this object's own thread, queued calls to that thread are delivered
+    /// while it waits, so that a task blocked in a signal with a blocking
+    /// queued connection to this thread can finish.
     void stopNotifications();
     /// The held endpoint of @p id, or null.
     DeviceHandle heldDevice(const QString& id) const;
@@ -86,6 +102,10 @@ protected:
     std::vector<std::pair<QString, DeviceHandle>> heldDevices() const;
     /// The watcher that reports the endpoints.
     std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher() const;
+    /// Calls onDeviceReady() once more for every held endpoint, serialised
+    /// with the state tasks, so that it never meets an endpoint that a task is
+    /// dropping.
+    void readyHeldDevicesAgain();
 
 private:
     long addDevice(const QString& id);
@@ -93,9 +113,12 @@ private:
     QString defDeviceId(int flow);
     void stateTask(const QString& id, unsigned long newState);
     void defaultTask(int flow, int role, const QString& id);
+    void reconcileTask(const std::vector<std::pair<QString, DeviceHandle>>& present);
     void queueTask(std::function<void()> task);
+    void runQueuedTasks();
 
     std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> enumerator;
+    TaskRunner runner;
     std::map<QString, DeviceHandle> devices;
     QString defaultRenderId;
     QString defaultCaptureId;

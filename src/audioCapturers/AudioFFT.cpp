@@ -8,8 +8,10 @@ namespace {
 
 // One radix-4 butterfly over the complex values at j, j + l, j + 2l, j + 3l
 // (interleaved re/im in `a`), each output rotated by its twiddle factor:
-// outputs j1, j2 and j3 get w1, w2 and w3. The transform's exponent is
-// positive, so the quarter turn between the odd pairs is +i.
+// outputs j1, j2 and j3 get w1, w2 and w3. The core transform (rdft with
+// isgn +1) runs with a positive exponent, so the quarter turn between the odd
+// pairs is +i; fft() negates the imaginary parts of its result, which gives
+// the negative exponent of the forward transform that the header promises.
 inline void butterfly(double* a, int j, int l, double w1r, double w1i, double w2r, double w2i, double w3r, double w3i)
 {
     const int j1 = j + l;

@@ -1,5 +1,6 @@
 #include "QtAudioCapture.h"
 
+#include "AudioInputWorker.h"
 #include "AudioReader.h"
 
 #include <QtCore/QDebug>
@@ -7,40 +8,54 @@
 #include <QtCore/QThread>
 #include <QtMultimedia/QAudioInput>
 
+#include <algorithm>
+#include <functional>
+
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/samplefmt.h>
 }
 
 namespace {
-// 2048 bytes, unrelated to the 2048 frames of an analysis block.
-constexpr int kInputBufferBytes = 2048;
+// The channel mask of FFmpeg's usual layout for @p channels; 0 when it has none.
+quint64 defaultChannelMask(int channels)
+{
+    AVChannelLayout layout {};
+    av_channel_layout_default(&layout, channels);
+    quint64 mask = 0;
+    if (av_channel_layout_check(&layout) && layout.order == AV_CHANNEL_ORDER_NATIVE) {
+        mask = layout.u.mask;
+    }
+    av_channel_layout_uninit(&layout);
+    return mask;
+}
 } // namespace
 
 QtAudioCapture::QtAudioCapture(QObject* parent)
     : IAudioCapture(parent)
     , workerThread(new QThread)
+    , worker(new AudioInputWorker)
 {
+    // The worker's slots take these by queued calls.
+    qRegisterMetaType<QAudioInput*>("QAudioInput*");
+    qRegisterMetaType<QIODevice*>("QIODevice*");
+    worker->moveToThread(workerThread);
+    connect(worker, &AudioInputWorker::inputDropped, this, &QtAudioCapture::onInputDropped, Qt::QueuedConnection);
     workerThread->start(QThread::InheritPriority);
 }
 
 QtAudioCapture::~QtAudioCapture()
 {
     stop();
-    // The input's destroyed() can no longer reach this object: the reader
-    // goes with the worker's last deferred deletions instead.
-    if (reader) {
-        if (reader->thread() == QThread::currentThread()) {
-            delete reader;
-        } else {
-            reader->deleteLater();
-        }
-        reader = nullptr;
-    }
     if (workerThread->isRunning()) {
         workerThread->quit();
         workerThread->wait();
     }
+    // The thread has ended: what its queue still held is deleted from here.
+    for (const QPointer<QObject>& piece : qAsConst(retired)) {
+        delete piece.data();
+    }
+    delete worker;
     // Finished, so it can go at once rather than wait for an event loop.
     delete workerThread;
 }
@@ -94,22 +109,19 @@ void QtAudioCapture::start()
     const QAudioFormat format = device.preferredFormat();
 
     // The input is made on the worker thread: its back-end reads with timers
-    // and callbacks of the thread it was created on, and the analysis
-    // belongs on the worker.
-    auto* workerContext = new QObject;
-    workerContext->moveToThread(workerThread);
+    // of the thread it was created on. That is the one call that waits for the
+    // worker, which never waits for anyone; made on the worker itself, it
+    // runs directly.
     QAudioInput* input = nullptr;
-    const QAudioDeviceInfo inputDevice = device;
+    const Qt::ConnectionType onWorker
+        = QThread::currentThread() == workerThread ? Qt::DirectConnection : Qt::BlockingQueuedConnection;
     QMetaObject::invokeMethod(
-        workerContext,
-        [&input, &inputDevice, &format] {
-            input = new QAudioInput(inputDevice, format, nullptr);
-            input->setBufferSize(kInputBufferBytes);
-        },
-        Qt::BlockingQueuedConnection);
-    workerContext->deleteLater();
+        worker, std::bind(&AudioInputWorker::createInput, worker, device, format), onWorker, &input);
     audioInput = input;
     reader = readerFactory ? readerFactory(this) : new AudioReader(this, nullptr);
+    // The reader belongs to the worker from the start too, so that stop()
+    // drops both there whether or not the capture got going.
+    reader->moveToThread(workerThread);
 
     const int sampleFormat = sampleFormatOf(format);
     if (sampleFormat == -1) {
@@ -117,22 +129,16 @@ void QtAudioCapture::start()
         return;
     }
     reader->spectrumAnalyzer().setInputFormat(
-        sampleFormat, format.sampleRate(), static_cast<quint64>(av_get_default_channel_layout(format.channelCount())));
+        sampleFormat, format.sampleRate(), defaultChannelMask(format.channelCount()));
 
-    reader->moveToThread(workerThread);
-    connect(
-        reader, &AudioReader::spectrumChanged, this,
-        [this](QVector<SoundChannel> spectrums) { emit spectrumsChanged(spectrums); }, Qt::QueuedConnection);
-    connect(
-        audioInput, &QObject::destroyed, this, [this] { onInputDestroyed(); }, Qt::QueuedConnection);
+    connect(reader, &AudioReader::spectrumChanged, this, &QtAudioCapture::forwardSpectrums, Qt::QueuedConnection);
 
     if (!reader->open(QIODevice::WriteOnly)) {
         qCritical() << "[QtAudioCapture]: Failed to open the QtAudioReader instance";
         return;
     }
-    AudioReader* sink = reader;
     QMetaObject::invokeMethod(
-        audioInput, [input, sink] { input->start(sink); }, Qt::BlockingQueuedConnection);
+        worker, "startInput", Qt::QueuedConnection, Q_ARG(QAudioInput*, audioInput), Q_ARG(QIODevice*, reader));
 }
 
 void QtAudioCapture::stop()
@@ -140,20 +146,26 @@ void QtAudioCapture::stop()
     if (!audioInput) {
         return;
     }
-    QAudioInput* input = audioInput;
-    // Stopped on its own thread, where its reads run.
+    retired << audioInput << reader;
+    ++dropsInFlight;
     QMetaObject::invokeMethod(
-        input, [input] { input->stop(); }, Qt::BlockingQueuedConnection);
-    input->deleteLater();
+        worker, "dropInput", Qt::QueuedConnection, Q_ARG(QAudioInput*, audioInput), Q_ARG(QIODevice*, reader));
     audioInput = nullptr;
 }
 
-void QtAudioCapture::onInputDestroyed()
+void QtAudioCapture::forwardSpectrums(QVector<SoundChannel> spectrums)
 {
-    if (!reader) {
-        return;
+    emit spectrumsChanged(spectrums);
+}
+
+void QtAudioCapture::onInputDropped()
+{
+    --dropsInFlight;
+    // A capture started meanwhile keeps its own reader.
+    if (dropsInFlight == 0 && !audioInput) {
+        reader = nullptr;
     }
-    reader->close();
-    reader->deleteLater();
-    reader = nullptr;
+    retired.erase(
+        std::remove_if(retired.begin(), retired.end(), [](const QPointer<QObject>& piece) { return piece.isNull(); }),
+        retired.end());
 }

@@ -5,8 +5,12 @@
 #include <QtMultimedia/QAudioDeviceInfo>
 #include <QtMultimedia/QAudioFormat>
 
+#include <QtCore/QPointer>
+#include <QtCore/QVector>
+
 #include <functional>
 
+class AudioInputWorker;
 class AudioReader;
 class QAudioInput;
 class QThread;
@@ -31,7 +35,8 @@ public:
     /// Sets up and starts the capture of the stored device. Call stop() first
     /// when a capture runs.
     void start();
-    /// Stops and drops the input; the reader follows once the input is gone.
+    /// Stops and drops the input and its reader on the worker; the reader
+    /// pointer is cleared when this object's thread learns that they are gone.
     void stop();
 
     /// Makes the reader of a capture, with its owner and no parent.
@@ -55,12 +60,21 @@ public:
         return audioInput;
     }
 
-private:
-    void onInputDestroyed();
+private slots:
+    void forwardSpectrums(QVector<SoundChannel> spectrums);
+    void onInputDropped();
 
+private:
     AudioReader* reader = nullptr;
     QAudioInput* audioInput = nullptr;
     QThread* workerThread = nullptr;
     QAudioDeviceInfo device;
     ReaderFactory readerFactory;
+    // Lives on workerThread; starts, stops and deletes inputs and readers there.
+    AudioInputWorker* worker = nullptr;
+    // Drops handed to the worker and not yet confirmed.
+    int dropsInFlight = 0;
+    // What was handed to the worker for deletion, for the destructor: the
+    // worker thread's last queued calls may never run once it quits.
+    QVector<QPointer<QObject>> retired;
 };

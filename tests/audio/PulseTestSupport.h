@@ -5,6 +5,9 @@
 #include "IAudioCapture.h"
 
 #include <QtCore/QByteArray>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtCore/QMutex>
 #include <QtCore/QObject>
 #include <QtCore/QProcess>
@@ -28,17 +31,72 @@ inline QString pactl(const QStringList& arguments)
     return out.isNull() ? QStringLiteral("") : out;
 }
 
-/// Runs one of the fixture's scripts (pulse-start.sh, pulse-stop.sh) for the
-/// fixture the test runs under.
-inline bool fixtureScript(const QString& script)
+/// Which server the fixture runs: "pulseaudio", or "pipewire" for PipeWire
+/// with pipewire-pulse and WirePlumber. The two differ in places, which the
+/// tests name.
+inline QString soundServer()
 {
-    const QString scripts = qEnvironmentVariable("ORVANTA_PULSE_SCRIPTS");
+    return qEnvironmentVariable("ORVANTA_SOUND_SERVER");
+}
+
+inline bool onPipeWire()
+{
+    return soundServer() == QLatin1String("pipewire");
+}
+
+/// Runs the fixture's start or stop script for the fixture the test runs under.
+inline bool runServerScript(const char* variable)
+{
+    const QString script = qEnvironmentVariable(variable);
     const QString dir = qEnvironmentVariable("ORVANTA_PULSE_FIXTURE_DIR");
     const QString name = qEnvironmentVariable("ORVANTA_PULSE_FIXTURE");
-    if (scripts.isEmpty() || dir.isEmpty() || name.isEmpty()) {
+    if (script.isEmpty() || dir.isEmpty() || name.isEmpty()) {
         return false;
     }
-    return QProcess::execute(scripts + QLatin1Char('/') + script, {dir, name}) == 0;
+    return QProcess::execute(script, {dir, name}) == 0;
+}
+
+/// Stops the fixture's sound server.
+inline bool stopServer()
+{
+    return runServerScript("ORVANTA_SOUND_SERVER_STOP");
+}
+
+/// Starts the fixture's sound server again, with its sinks.
+inline bool startServer()
+{
+    return runServerScript("ORVANTA_SOUND_SERVER_START");
+}
+
+/// Ends the record stream of source-output @p index from the server's side.
+/// PulseAudio: pacmd kill-source-output. pipewire-pulse has no command-line
+/// protocol and pactl cannot kill; the stream is a PipeWire node whose
+/// "object.serial" is the index, and pw-cli destroys it.
+inline bool killSourceOutput(const QString& index)
+{
+    if (!onPipeWire()) {
+        return QProcess::execute(QStringLiteral("pacmd"), {QStringLiteral("kill-source-output"), index}) == 0;
+    }
+    QProcess dump;
+    dump.start(QStringLiteral("pw-dump"), QStringList());
+    if (!dump.waitForFinished(20000) || dump.exitCode() != 0) {
+        return false;
+    }
+    const QJsonArray objects = QJsonDocument::fromJson(dump.readAllStandardOutput()).array();
+    for (const QJsonValue& value : objects) {
+        const QJsonObject object = value.toObject();
+        const QJsonValue serial = object.value(QStringLiteral("info"))
+                                      .toObject()
+                                      .value(QStringLiteral("props"))
+                                      .toObject()
+                                      .value(QStringLiteral("object.serial"));
+        if (object.value(QStringLiteral("type")).toString().endsWith(QLatin1String("Node"))
+            && QString::number(serial.toVariant().toLongLong()) == index) {
+            const QString id = QString::number(object.value(QStringLiteral("id")).toInt());
+            return QProcess::execute(QStringLiteral("pw-cli"), {QStringLiteral("destroy"), id}) == 0;
+        }
+    }
+    return false;
 }
 
 /// Interleaved 16-bit stereo of a sine at @p frequency and @p amplitude (of full scale).

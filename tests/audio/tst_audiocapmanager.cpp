@@ -11,6 +11,13 @@
 #include <QtCore/QThreadPool>
 #include <QtTest/QtTest>
 
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
 using namespace Orvanta::Ifaces;
 
 namespace {
@@ -40,6 +47,52 @@ QString quoted(const QString& text)
 {
     return QStringLiteral("\"%1\"").arg(text);
 }
+
+// Lives on the test's thread and takes the registry's signals by blocking queued connections.
+class BlockingReceiver : public QObject
+{
+    Q_OBJECT
+public:
+    QStringList ids;
+
+public slots:
+    void onReady(const QString& id)
+    {
+        ids << id;
+    }
+};
+
+// Aborts the test program when the scope it guards runs longer than @p seconds:
+// a deadlock then fails the test instead of hanging it.
+class DeadlockGuard
+{
+public:
+    explicit DeadlockGuard(int seconds)
+        : watchdog([this, seconds] {
+            std::unique_lock<std::mutex> locker(lock);
+            if (!finished.wait_for(locker, std::chrono::seconds(seconds), [this] { return done; })) {
+                std::fputs("deadlock: the guarded scope did not return\n", stderr);
+                std::abort();
+            }
+        })
+    {
+    }
+    ~DeadlockGuard()
+    {
+        {
+            std::lock_guard<std::mutex> locker(lock);
+            done = true;
+        }
+        finished.notify_all();
+        watchdog.join();
+    }
+
+private:
+    std::mutex lock;
+    std::condition_variable finished;
+    bool done = false;
+    std::thread watchdog;
+};
 
 } // namespace
 
@@ -193,6 +246,62 @@ private slots:
         AudioCapManager manager(watcher);
         QCOMPARE(activations, 2);
         QCOMPARE(manager.allCapturers(), QList<QString>({"flaky"}));
+    }
+
+    void secondAttemptNeverReadiesAnEndpointThatIsBeingDropped()
+    {
+        auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
+        Device first = addDevice(*watcher, "a-first");
+        Device dropped = addDevice(*watcher, "b-dropped");
+        // Both fail in the walk. While the second attempt loads the first one,
+        // the other endpoint goes away, and its task gets time to run.
+        auto firstScript = first.script;
+        int firstActivations = 0;
+        first.endpoint->activations.stream = [&](std::unique_ptr<EndpointStream>& stream) {
+            if (++firstActivations == 1) {
+                return AUDCLNT_E_DEVICE_IN_USE;
+            }
+            watcher->remove("b-dropped");
+            watcher->notifyState("b-dropped", DeviceStateNotPresent);
+            QThread::msleep(300);
+            stream = std::make_unique<Fakes::FakeStream>(firstScript);
+            return S_OK;
+        };
+        auto droppedScript = dropped.script;
+        int droppedActivations = 0;
+        dropped.endpoint->activations.stream = [&](std::unique_ptr<EndpointStream>& stream) {
+            if (++droppedActivations == 1) {
+                return AUDCLNT_E_DEVICE_IN_USE;
+            }
+            stream = std::make_unique<Fakes::FakeStream>(droppedScript);
+            return S_OK;
+        };
+
+        MessageCapture capture;
+        AudioCapManager manager(watcher);
+        drainPool();
+        QCOMPARE(manager.allCapturers(), QList<QString>({"a-first"}));
+        // Whether or not it got its capturer before it went, "ready" never follows "lost".
+        const QStringList infos = capture.texts(QtInfoMsg);
+        const int lostAt = infos.indexOf("The audio capture has lost:  " + quoted("b-dropped"));
+        QVERIFY(lostAt >= 0);
+        QCOMPARE(infos.lastIndexOf("The audio capture has readied:  " + quoted("b-dropped")) > lostAt, false);
+    }
+
+    void blockingQueuedReceiverDoesNotDeadlockTheDestructor()
+    {
+        auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
+        BlockingReceiver receiver;
+        {
+            DeadlockGuard guard(20);
+            AudioCapManager manager(watcher);
+            connect(&manager, &AudioCapManager::capturerReady, &receiver, &BlockingReceiver::onReady,
+                Qt::BlockingQueuedConnection);
+            Device usb = addDevice(*watcher, "usb");
+            // The task emits while this thread is already in the destructor.
+            watcher->notifyState("usb", DeviceStateActive);
+        }
+        QCOMPARE(receiver.ids, QStringList {"usb"});
     }
 
     void loadFailureOfTheWalkIsLogged()

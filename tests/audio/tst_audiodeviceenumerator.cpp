@@ -7,6 +7,11 @@
 #include <QtCore/QThreadPool>
 #include <QtTest/QtTest>
 
+#include <cstdio>
+#include <mutex>
+#include <thread>
+#include <vector>
+
 using namespace Orvanta::Ifaces;
 
 namespace {
@@ -17,6 +22,10 @@ class RecordingEnumerator : public AudioDeviceEnumerator
 public:
     explicit RecordingEnumerator(std::shared_ptr<Fakes::FakeEndpointWatcher> watcher)
         : AudioDeviceEnumerator(watcher)
+    {
+    }
+    RecordingEnumerator(std::shared_ptr<Fakes::FakeEndpointWatcher> watcher, TaskRunner runner)
+        : AudioDeviceEnumerator(watcher, std::move(runner))
     {
     }
     ~RecordingEnumerator() override
@@ -59,6 +68,75 @@ private:
 void drainPool()
 {
     QThreadPool::globalInstance()->waitForDone();
+}
+
+// A pool that holds what it is given and, when told, runs it newest first,
+// each task on a thread of its own: the worst order a pool may choose.
+class ReorderingPool
+{
+public:
+    AudioDeviceEnumerator::TaskRunner runner()
+    {
+        return [this](std::function<void()> task) {
+            std::lock_guard<std::mutex> locker(lock);
+            held.push_back(std::move(task));
+            return true;
+        };
+    }
+    /// Runs everything held, and what that queues, until nothing is left.
+    void runNewestFirst()
+    {
+        for (;;) {
+            std::vector<std::function<void()>> batch;
+            {
+                std::lock_guard<std::mutex> locker(lock);
+                batch.swap(held);
+            }
+            if (batch.empty()) {
+                return;
+            }
+            for (auto it = batch.rbegin(); it != batch.rend(); ++it) {
+                std::thread poolThread(*it);
+                poolThread.join();
+            }
+        }
+    }
+
+private:
+    std::mutex lock;
+    std::vector<std::function<void()>> held;
+};
+
+// A child of the application object, so destroyed while the application
+// closes down: raises one more endpoint event then, as a platform thread may
+// at exit. No task has run before, so the global thread pool does not exist,
+// and Qt makes none while the application closes.
+class LateEventAtExit : public QObject
+{
+public:
+    LateEventAtExit(RecordingEnumerator* enumerator, QObject* parent)
+        : QObject(parent)
+        , enumerator(enumerator)
+    {
+    }
+    ~LateEventAtExit() override
+    {
+        enumerator->OnDeviceStateChanged(QStringLiteral("late"), DeviceStateActive);
+        std::fputs("late event raised\n", stderr);
+    }
+
+private:
+    RecordingEnumerator* enumerator;
+};
+
+// The child process of eventWithoutAGlobalPoolIsDropped().
+int raiseAnEventWhileTheApplicationCloses(int argc, char* argv[])
+{
+    auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
+    RecordingEnumerator enumerator(watcher);
+    QCoreApplication app(argc, argv);
+    new LateEventAtExit(&enumerator, &app);
+    return 0;
 }
 
 } // namespace
@@ -320,6 +398,57 @@ private slots:
         QCOMPARE(enumerator.deviceId(endpoint), QStringLiteral("speakers"));
     }
 
+    void tasksOfOneEndpointRunInTheOrderRaised()
+    {
+        auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
+        watcher->add("sink", DataFlow::Render);
+        ReorderingPool pool;
+        RecordingEnumerator enumerator(watcher, pool.runner());
+        QCOMPARE(enumerator.load(), S_OK);
+        pool.runNewestFirst();
+        QCOMPARE(enumerator.events(), QStringList {"ready sink device"});
+
+        // A reloaded sink: gone, then back at once.
+        watcher->notifyState("sink", DeviceStateNotPresent);
+        watcher->notifyState("sink", DeviceStateActive);
+        pool.runNewestFirst();
+        QCOMPARE(enumerator.events(), QStringList({"ready sink device", "lost sink", "ready sink device"}));
+        QVERIFY(enumerator.holds("sink"));
+    }
+
+    void changesBetweenOpenAndRegistrationAreSettled()
+    {
+        auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
+        watcher->add("kept", DataFlow::Render);
+        watcher->add("unplugged", DataFlow::Render);
+        watcher->beforeRegistration = [&watcher] {
+            watcher->remove("unplugged");
+            watcher->add("plugged", DataFlow::Render);
+            watcher->add("microphone", DataFlow::Capture);
+        };
+        RecordingEnumerator enumerator(watcher);
+        QCOMPARE(enumerator.load(), S_OK);
+        drainPool();
+        QCOMPARE(enumerator.events(),
+            QStringList({"ready kept device", "ready unplugged device", "lost unplugged", "ready plugged device"}));
+        QVERIFY(enumerator.holds("plugged"));
+        QVERIFY(!enumerator.holds("unplugged"));
+        QVERIFY(!enumerator.holds("microphone"));
+    }
+
+    void eventWithoutAGlobalPoolIsDropped()
+    {
+        QProcess child;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("ORVANTA_LATE_EVENT_CHILD"), QStringLiteral("1"));
+        child.setProcessEnvironment(environment);
+        child.start(QCoreApplication::applicationFilePath(), QStringList());
+        QVERIFY(child.waitForFinished(30000));
+        const QByteArray errors = child.readAllStandardError();
+        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0, errors.constData());
+        QVERIFY2(errors.contains("late event raised"), errors.constData());
+    }
+
     void destructionEndsNotificationsAndWaitsForTasks()
     {
         auto watcher = std::make_shared<Fakes::FakeEndpointWatcher>();
@@ -338,5 +467,14 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestAudioDeviceEnumerator)
+int main(int argc, char* argv[])
+{
+    if (qEnvironmentVariableIsSet("ORVANTA_LATE_EVENT_CHILD")) {
+        return raiseAnEventWhileTheApplicationCloses(argc, argv);
+    }
+    QCoreApplication app(argc, argv);
+    TestAudioDeviceEnumerator test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_audiodeviceenumerator.moc"

@@ -16,6 +16,11 @@
 
 #include <cmath>
 
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
+}
+
 using namespace Orvanta::Ifaces;
 
 namespace {
@@ -181,6 +186,35 @@ private slots:
         QCOMPARE(format.dwChannelMask, 0x3Fu);
         QVERIFY(sameGuid(format.SubFormat, subFormatIeeeFloat()));
         QCOMPARE(rig.script->initializedFormat.dwChannelMask, 0x3Fu);
+    }
+
+    void channelMaskThatMissesTheChannelCountFallsBackToTheDefaultLayout_data()
+    {
+        QTest::addColumn<quint32>("mask");
+        QTest::newRow("six speakers for two channels") << 0x3Fu;
+        QTest::newRow("one speaker for two channels") << 0x4u;
+    }
+
+    void channelMaskThatMissesTheChannelCountFallsBackToTheDefaultLayout()
+    {
+        QFETCH(quint32, mask);
+        Rig rig;
+        rig.script->mixFormat = Fakes::floatExtensible(2, 48000);
+        rig.script->mixFormat.dwChannelMask = mask;
+        AudioCapturer capturer(0, 16000);
+        QCOMPARE(capturer.load(rig.endpoint), S_OK);
+        // The mask is handed on as the endpoint gave it ...
+        QCOMPARE(capturer.Format().dwChannelMask, mask);
+        // ... but the converter reads the block as plain stereo.
+        AVChannelLayout layout {};
+        QCOMPARE(
+            av_opt_get_chlayout(AudioCapturerPrivate::get(&capturer)->swrContext.get(), "in_chlayout", 0, &layout), 0);
+        QCOMPARE(layout.nb_channels, 2);
+        AVChannelLayout stereo {};
+        av_channel_layout_default(&stereo, 2);
+        QCOMPARE(av_channel_layout_compare(&layout, &stereo), 0);
+        av_channel_layout_uninit(&layout);
+        av_channel_layout_uninit(&stereo);
     }
 
     void plainFormatDropsTheExtensiblePart()

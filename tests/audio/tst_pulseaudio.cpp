@@ -120,9 +120,16 @@ private slots:
         QCOMPARE(stream->mixFormat(format), S_OK);
         QCOMPARE(format.Format.nSamplesPerSec, 48000u);
         QCOMPARE(format.Format.nChannels, std::uint16_t(2));
-        QCOMPARE(format.Format.wBitsPerSample, std::uint16_t(16));
         QCOMPARE(format.dwChannelMask, 0x3u);
-        QVERIFY(sameGuid(format.SubFormat, subFormatPcm()));
+        if (PulseTest::onPipeWire()) {
+            // pipewire-pulse runs every null sink, and so its monitor, in 32-bit float.
+            QCOMPARE(format.Format.wBitsPerSample, std::uint16_t(32));
+            QVERIFY(sameGuid(format.SubFormat, subFormatIeeeFloat()));
+        } else {
+            // PulseAudio keeps the daemon's default sample format, 16-bit.
+            QCOMPARE(format.Format.wBitsPerSample, std::uint16_t(16));
+            QVERIFY(sameGuid(format.SubFormat, subFormatPcm()));
+        }
         // An output is recorded only in loopback.
         QCOMPARE(stream->initialize(format, 0, 10000000), AUDCLNT_E_WRONG_ENDPOINT_TYPE);
 
@@ -247,6 +254,54 @@ private slots:
         QVERIFY(!pactl({"set-sink-volume", "sinkA", "100%"}).isNull());
     }
 
+    // Both servers report a sink's volume on PulseAudio's cubic scale, and
+    // both put the monitor after the volume, so the adapter reports the
+    // linear gain (the cube of the slider): the factor by which the monitor's
+    // signal was scaled, which the correction divides out. Its threshold of
+    // 0.01 then lies at the cube root, 21.54 % on the user's slider: at 21 %
+    // (gain 0.00926) the magnitudes stay undivided, at 22 % (gain 0.01065)
+    // they are restored.
+    void volumeCorrectionStartsAt22PercentOfTheSlider_data()
+    {
+        QTest::addColumn<QString>("slider");
+        QTest::addColumn<float>("gain");
+        QTest::addColumn<float>("minimum");
+        QTest::addColumn<float>("maximum");
+        // A half-scale sine at full volume shows about 256 in its band (see sinkVolumeIsCorrected).
+        QTest::newRow("21 %, undivided") << "21%" << 0.0092610f << 256 * 0.0092610f * 0.8f << 256 * 0.0092610f * 1.25f;
+        QTest::newRow("22 %, restored") << "22%" << 0.0106480f << 200.0f << 310.0f;
+    }
+
+    void volumeCorrectionStartsAt22PercentOfTheSlider()
+    {
+        QFETCH(QString, slider);
+        QFETCH(float, gain);
+        QFETCH(float, minimum);
+        QFETCH(float, maximum);
+        QSharedPointer<AudioCapturer> capturer = manager->acquireCapturer("sinkA");
+        QVERIFY(capturer);
+        auto watcher = Orvanta::createPlatformEndpointWatcher();
+        QCOMPARE(watcher->open(), S_OK);
+        std::shared_ptr<EndpointMeter> volume;
+        QCOMPARE(endpointOf(*watcher, "sinkA")->activateVolume(volume), S_OK);
+
+        QVERIFY(!pactl({"set-sink-volume", "sinkA", slider}).isNull());
+        float level = 0;
+        QCOMPARE(volume->masterVolumeLevelScalar(&level), S_OK);
+        QVERIFY2(qAbs(level - gain) < 0.0001f, qPrintable(QString::number(level, 'f', 6)));
+
+        PulseTest::SpectrumCollector collector;
+        connect(
+            capturer.data(), &AudioCapturer::spectrumsChanged, &collector, &PulseTest::SpectrumCollector::onSpectrums);
+        {
+            PulseTest::SinePlayer player("sinkA", binFrequency(kBinA, 48000), 48000, 0.5);
+            // Blocks read before the new volume reached the capturer's cache
+            // are left behind: only the range of this volume counts.
+            QTRY_VERIFY_WITH_TIMEOUT(showsBand(collector.spectra(), kBinA, minimum, maximum), 15000);
+        }
+        QVERIFY(!pactl({"set-sink-volume", "sinkA", "100%"}).isNull());
+    }
+
     void loadedAndUnloadedSinkIsReadiedAndLost()
     {
         registryEvents.clear();
@@ -263,7 +318,64 @@ private slots:
         QVERIFY(capture.contains(QtInfoMsg, "The audio capture has lost:  \"sinkC\""));
     }
 
-    void unmappedSinkFormatFallsBackTo16Bit()
+    // A sink unloaded and loaded again a hundred times with no pause. Both
+    // servers announce each reload as a removal, then an addition, of a sink
+    // of the same name (PulseAudio at a new index; pipewire-pulse at a new
+    // index too, its node being made anew): the registry must take them in
+    // that order every time and end with a running capturer.
+    void sinkReloadedAHundredTimesIsNeverLost()
+    {
+        registryEvents.clear();
+        const QStringList load {"load-module", "module-null-sink", "sink_name=sinkFlap"};
+        QString module = pactl(load);
+        QVERIFY(!module.isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(registryEvents.ids().contains("ready sinkFlap"), 15000);
+        constexpr int kReloads = 100;
+        // One shell runs the pairs back to back; it prints the last module's index.
+        QProcess flapper;
+        flapper.start(QStringLiteral("/bin/sh"),
+            {QStringLiteral("-c"),
+                QStringLiteral("m=%1; for i in $(seq %2); do pactl unload-module $m || exit 1; "
+                               "m=$(pactl load-module module-null-sink sink_name=sinkFlap) || exit 1; done; echo $m")
+                    .arg(module)
+                    .arg(kReloads)});
+        QVERIFY(flapper.waitForFinished(60000));
+        QCOMPARE(flapper.exitCode(), 0);
+        module = QString::fromUtf8(flapper.readAllStandardOutput()).trimmed();
+        QVERIFY(!module.isEmpty());
+
+        // A sink that is gone again before the watcher has read it is never
+        // announced, and one gone before its stream opened is lost without
+        // having been ready: the registry never says "ready" twice without a
+        // "lost" between, and ends with a running capturer.
+        const auto flaps = [this] {
+            return registryEvents.ids().filter(QStringLiteral("sinkFlap"));
+        };
+        // Events reach the registry in the server's order: once a sink loaded
+        // after the flapping is ready, every reload before it has been taken.
+        const QString mark = pactl({"load-module", "module-null-sink", "sink_name=sinkMark"});
+        QVERIFY(!mark.isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(registryEvents.ids().contains("ready sinkMark"), 15000);
+        QVERIFY(!pactl({"unload-module", mark}).isNull());
+        QTRY_VERIFY_WITH_TIMEOUT(
+            flaps().last() == QLatin1String("ready sinkFlap") && manager->acquireCapturer("sinkFlap"), 15000);
+        const QStringList announced = flaps();
+        for (int i = 1; i < announced.size(); ++i) {
+            QVERIFY(announced[i] != QLatin1String("ready sinkFlap") || announced[i - 1] != announced[i]);
+        }
+        QVERIFY(manager->acquireCapturer("sinkFlap")->isRunning());
+        const int pairs = announced.count("lost sinkFlap");
+        QVERIFY(!pactl({"unload-module", module}).isNull());
+        QTRY_COMPARE_WITH_TIMEOUT(flaps().last(), QStringLiteral("lost sinkFlap"), 15000);
+        QVERIFY(manager->acquireCapturer("sinkFlap").isNull());
+        qInfo() << "reload pairs announced:" << pairs << "of" << kReloads;
+    }
+
+    // A sink asked for 24-bit samples, which the capture cannot take as
+    // they are. PulseAudio runs it in s24le and the capturer falls back to
+    // 16-bit; pipewire-pulse ignores the format and runs it in 32-bit float,
+    // which the capturer takes as it is.
+    void sinkAskedFor24BitIsCapturedInAFormatTheCaptureTakes()
     {
         registryEvents.clear();
         const QString module = pactl(
@@ -272,8 +384,14 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(registryEvents.ids().contains("ready sink24"), 15000);
         QSharedPointer<AudioCapturer> capturer = manager->acquireCapturer("sink24");
         QVERIFY(capturer);
-        QCOMPARE(capturer->Format().Format.wFormatTag, WaveFormatTag::Pcm);
-        QCOMPARE(capturer->Format().Format.wBitsPerSample, std::uint16_t(16));
+        if (PulseTest::onPipeWire()) {
+            QCOMPARE(capturer->Format().Format.wFormatTag, WaveFormatTag::Extensible);
+            QVERIFY(sameGuid(capturer->Format().SubFormat, subFormatIeeeFloat()));
+            QCOMPARE(capturer->Format().Format.wBitsPerSample, std::uint16_t(32));
+        } else {
+            QCOMPARE(capturer->Format().Format.wFormatTag, WaveFormatTag::Pcm);
+            QCOMPARE(capturer->Format().Format.wBitsPerSample, std::uint16_t(16));
+        }
         PulseTest::SpectrumCollector collector;
         connect(
             capturer.data(), &AudioCapturer::spectrumsChanged, &collector, &PulseTest::SpectrumCollector::onSpectrums);
@@ -308,7 +426,11 @@ private slots:
     {
         registryEvents.clear();
         MessageCapture capture;
-        const QString module = pactl({"load-module", "module-null-source", "source_name=micA"});
+        // pipewire-pulse has no module-null-source; its null sink becomes an
+        // input source when given that media class.
+        const QString module = PulseTest::onPipeWire()
+            ? pactl({"load-module", "module-null-sink", "sink_name=micA", "media.class=Audio/Source/Virtual"})
+            : pactl({"load-module", "module-null-source", "source_name=micA"});
         QVERIFY(!module.isEmpty());
         QTRY_VERIFY_WITH_TIMEOUT(
             capture.contains(QtDebugMsg, "The IMMDevice data flow is capture of id: \"micA\""), 15000);
@@ -339,7 +461,7 @@ private slots:
         for (const QString& line : pactl({"list", "short", "source-outputs"}).split('\n')) {
             const QStringList fields = line.split('\t');
             if (fields.size() > 1 && fields[1] == monitorIndex) {
-                QCOMPARE(QProcess::execute(QStringLiteral("pacmd"), {"kill-source-output", fields[0]}), 0);
+                QVERIFY(PulseTest::killSourceOutput(fields[0]));
                 ++killed;
             }
         }

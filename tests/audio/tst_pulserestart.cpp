@@ -10,6 +10,38 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
+namespace {
+
+// Records the events of the fixture's sinks. While a PipeWire server starts,
+// before the fixture has loaded its null sinks, pipewire-pulse offers a
+// stand-in sink, "auto_null", that comes and goes again: the registry
+// captures it like any sink, and the tests leave it out of their counts.
+// PulseAudio started with the fixture's script has no such sink.
+QStringList sortedCapturers(AudioCapManager& manager)
+{
+    QStringList ids = manager.allCapturers();
+    ids.sort();
+    return ids;
+}
+
+void recordSinkEvent(PulseTest::SpectrumCollector& events, const char* kind, const QString& id)
+{
+    if (id != QLatin1String("auto_null")) {
+        events.onId(QLatin1String(kind) + id);
+    }
+}
+
+// Records the registry's events of the fixture's sinks into @p events.
+void recordSinkEvents(AudioCapManager& manager, PulseTest::SpectrumCollector& events)
+{
+    QObject::connect(&manager, &AudioCapManager::capturerReady, &events,
+        [&events](const QString& id) { recordSinkEvent(events, "ready ", id); });
+    QObject::connect(&manager, &AudioCapManager::capturerLost, &events,
+        [&events](const QString& id) { recordSinkEvent(events, "lost ", id); });
+}
+
+} // namespace
+
 // The sound server going away and coming back, under a registry that runs
 // throughout. This program has a daemon of its own, since it kills it.
 class TestPulseRestart : public QObject
@@ -31,10 +63,7 @@ private slots:
     {
         AudioCapManager manager;
         PulseTest::SpectrumCollector events;
-        connect(&manager, &AudioCapManager::capturerReady, &events,
-            [&events](const QString& id) { events.onId("ready " + id); });
-        connect(&manager, &AudioCapManager::capturerLost, &events,
-            [&events](const QString& id) { events.onId("lost " + id); });
+        recordSinkEvents(manager, events);
 
         QStringList ids = manager.allCapturers();
         ids.sort();
@@ -42,7 +71,7 @@ private slots:
         QPointer<AudioCapturer> oldA(manager.acquireCapturer("sinkA").data());
         QPointer<AudioCapturer> oldB(manager.acquireCapturer("sinkB").data());
 
-        QVERIFY(PulseTest::fixtureScript("pulse-stop.sh"));
+        QVERIFY(PulseTest::stopServer());
         QTRY_VERIFY_WITH_TIMEOUT(events.ids().contains("lost sinkA") && events.ids().contains("lost sinkB"), 15000);
         QVERIFY(manager.allCapturers().isEmpty());
         QVERIFY(manager.defaultCapturer().isNull());
@@ -53,11 +82,9 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(oldA.isNull() && oldB.isNull(), 15000);
 
         events.clear();
-        QVERIFY(PulseTest::fixtureScript("pulse-start.sh"));
+        QVERIFY(PulseTest::startServer());
         QTRY_VERIFY_WITH_TIMEOUT(events.ids().contains("ready sinkA") && events.ids().contains("ready sinkB"), 15000);
-        ids = manager.allCapturers();
-        ids.sort();
-        QCOMPARE(ids, QStringList({"sinkA", "sinkB"}));
+        QTRY_COMPARE_WITH_TIMEOUT(sortedCapturers(manager), QStringList({"sinkA", "sinkB"}), 15000);
         QTRY_COMPARE_WITH_TIMEOUT(manager.defaultCapturer(), QStringLiteral("sinkA"), 15000);
         QCOMPARE(manager.capturerDesc("sinkA"), QStringLiteral("SinkA"));
 
@@ -73,40 +100,45 @@ private slots:
             !collector.spectra().isEmpty() && PulseTest::strongestBand(collector.spectra().last()[0]) == 64, 15000);
     }
 
-    void registryWithoutServerHoldsNothingAndReturns()
+    // A session that starts before its sound server (a login race, a server
+    // being restarted): the registry waits for the server as it does for one
+    // that went away, and readies a capturer for every output once it is there.
+    void registryMadeBeforeTheServerReadiesEveryOutputOnceItAppears()
     {
-        QVERIFY(PulseTest::fixtureScript("pulse-stop.sh"));
-        {
-            MessageCapture capture;
-            AudioCapManager manager;
-            QVERIFY(manager.allCapturers().isEmpty());
-            QVERIFY(manager.defaultCapturer().isNull());
-            QVERIFY(capture.contains(QtCriticalMsg,
-                QStringLiteral("Failed to create MMDeviceEnumerator instance  \"%1\"")
-                    .arg(win32ErrorMsg(AUDCLNT_E_SERVICE_NOT_RUNNING))));
-            QVERIFY(capture.contains(QtCriticalMsg,
-                QStringLiteral("Failed to load current audio devices \"%1\"")
-                    .arg(win32ErrorMsg(AUDCLNT_E_SERVICE_NOT_RUNNING))));
-        }
-        QVERIFY(PulseTest::fixtureScript("pulse-start.sh"));
-        QVERIFY(!PulseTest::pactl({"info"}).isNull());
+        QVERIFY(PulseTest::stopServer());
+        MessageCapture capture;
+        AudioCapManager manager;
+        PulseTest::SpectrumCollector events;
+        recordSinkEvents(manager, events);
+        QVERIFY(manager.allCapturers().isEmpty());
+        QVERIFY(manager.defaultCapturer().isNull());
+
+        QVERIFY(PulseTest::startServer());
+        QTRY_VERIFY_WITH_TIMEOUT(events.ids().contains("ready sinkA") && events.ids().contains("ready sinkB"), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(sortedCapturers(manager), QStringList({"sinkA", "sinkB"}), 15000);
+        QVERIFY(!events.ids().contains("lost sinkA"));
+        QTRY_COMPARE_WITH_TIMEOUT(manager.defaultCapturer(), QStringLiteral("sinkA"), 15000);
+        QCOMPARE(manager.capturerDesc("sinkB"), QStringLiteral("SinkB"));
+        // While the server was away only the defaults were missing.
+        QCOMPARE(
+            capture.count(QtWarningMsg,
+                QStringLiteral("Not found default MMDevice \"%1\"").arg(win32ErrorMsg(AUDCLNT_E_SERVICE_NOT_RUNNING))),
+            2);
+        QVERIFY(capture.texts(QtCriticalMsg).isEmpty());
     }
 
     void repeatedLossesLeaveNothingBehind()
     {
         AudioCapManager manager;
         PulseTest::SpectrumCollector events;
-        connect(&manager, &AudioCapManager::capturerReady, &events,
-            [&events](const QString& id) { events.onId("ready " + id); });
-        connect(&manager, &AudioCapManager::capturerLost, &events,
-            [&events](const QString& id) { events.onId("lost " + id); });
+        recordSinkEvents(manager, events);
         for (int round = 0; round < 3; ++round) {
             events.clear();
-            QVERIFY(PulseTest::fixtureScript("pulse-stop.sh"));
+            QVERIFY(PulseTest::stopServer());
             QTRY_COMPARE_WITH_TIMEOUT(events.ids().size(), 2, 15000);
-            QVERIFY(PulseTest::fixtureScript("pulse-start.sh"));
+            QVERIFY(PulseTest::startServer());
             QTRY_COMPARE_WITH_TIMEOUT(events.ids().size(), 4, 15000);
-            QCOMPARE(manager.allCapturers().size(), 2);
+            QTRY_COMPARE_WITH_TIMEOUT(sortedCapturers(manager), QStringList({"sinkA", "sinkB"}), 15000);
         }
     }
 };

@@ -106,6 +106,11 @@ long EndpointMeter::masterVolumeLevelScalar(float* level)
     if (hr < 0) {
         return hr;
     }
+    // The linear gain, not the slider's position: PulseAudio and PipeWire's
+    // pipewire-pulse both keep volumes on PulseAudio's cubic scale (50 % on
+    // the slider is a gain of 0.125) and both record a sink's monitor after
+    // its volume, so the gain is the factor that the spectrum's correction
+    // must divide out. Its threshold of 0.01 then falls at 21.5 % of the slider.
     const double linear = pa_sw_volume_to_linear(pa_cvolume_avg(&volume));
     *level = static_cast<float>(std::min(1.0, std::max(0.0, linear)));
     return S_OK;

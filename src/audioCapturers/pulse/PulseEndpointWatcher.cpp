@@ -97,23 +97,39 @@ long EndpointWatcher::open()
     m_connection = std::move(connection);
 
     // The names of what exists now, so that later removals can be matched.
-    std::vector<SinkRecord> sinks;
-    std::vector<SourceRecord> sources;
-    ServerRecord server;
-    m_connection->sinks({}, sinks);
-    m_connection->sources({}, sources);
-    m_connection->server(server);
-    MainloopLock lock(m_connection->mainloop());
-    for (const SinkRecord& sink : sinks) {
-        m_sinks.emplace(sink.index, sink.name);
-    }
-    for (const SourceRecord& source : sources) {
-        if (!source.isMonitor) {
-            m_inputs.emplace(source.index, source.name);
+    // Asked on the loop's thread, which also handles the server's events, so
+    // that an event after the answer always finds the answer recorded.
+    pa_threaded_mainloop* mainloop = m_connection->mainloop();
+    MainloopLock lock(mainloop);
+    int answers = 0;
+    const auto answered = [mainloop, &answers] {
+        ++answers;
+        pa_threaded_mainloop_signal(mainloop, 0);
+    };
+    m_connection->requestSinks([this, answered](std::vector<SinkRecord> sinks) {
+        for (const SinkRecord& sink : sinks) {
+            m_sinks.emplace(sink.index, sink.name);
         }
+        answered();
+    });
+    m_connection->requestSources([this, answered](std::vector<SourceRecord> sources) {
+        for (const SourceRecord& source : sources) {
+            if (!source.isMonitor) {
+                m_inputs.emplace(source.index, source.name);
+            }
+        }
+        answered();
+    });
+    m_connection->requestServer([this, answered](ServerRecord server) {
+        m_defaultSink = server.defaultSink;
+        m_defaultSource = server.defaultSource;
+        answered();
+    });
+    // Without a server (not there yet, or gone meanwhile) no answer comes;
+    // the endpoints are then reported when it is back.
+    while (answers < 3 && m_connection->context()) {
+        pa_threaded_mainloop_wait(mainloop);
     }
-    m_defaultSink = server.defaultSink;
-    m_defaultSource = server.defaultSource;
     return S_OK;
 }
 
@@ -122,24 +138,16 @@ long EndpointWatcher::activeEndpoints(std::unique_ptr<Ifaces::EndpointCollection
     if (!m_connection) {
         return E_ILLEGAL_METHOD_CALL;
     }
-    std::vector<SinkRecord> sinks;
-    long hr = m_connection->sinks({}, sinks);
-    if (hr < 0) {
-        return hr;
-    }
-    std::vector<SourceRecord> sources;
-    hr = m_connection->sources({}, sources);
-    if (hr < 0) {
-        return hr;
-    }
+    // What this watcher has recorded, not a fresh query: every endpoint that
+    // is not in it yet will be reported by a notification, and every one in
+    // it was reported before, so the two never disagree.
     std::vector<std::shared_ptr<Ifaces::AudioEndpoint>> list;
-    for (const SinkRecord& sink : sinks) {
-        list.push_back(std::make_shared<Endpoint>(m_connection, sink.name, Ifaces::DataFlow::Render));
+    MainloopLock lock(m_connection->mainloop());
+    for (const auto& sink : m_sinks) {
+        list.push_back(std::make_shared<Endpoint>(m_connection, sink.second, Ifaces::DataFlow::Render));
     }
-    for (const SourceRecord& source : sources) {
-        if (!source.isMonitor) {
-            list.push_back(std::make_shared<Endpoint>(m_connection, source.name, Ifaces::DataFlow::Capture));
-        }
+    for (const auto& input : m_inputs) {
+        list.push_back(std::make_shared<Endpoint>(m_connection, input.second, Ifaces::DataFlow::Capture));
     }
     endpoints = std::make_unique<EndpointList>(std::move(list));
     return S_OK;
@@ -186,7 +194,9 @@ long EndpointWatcher::endpoint(const std::string& id, std::shared_ptr<Ifaces::Au
     if (hr < 0) {
         return hr;
     }
-    if (!sinks.empty()) {
+    // pipewire-pulse answers a sink's query for its monitor's name ("x.monitor")
+    // with the sink itself, as both are one node there: only the exact name counts.
+    if (!sinks.empty() && sinks.front().name == id) {
         endpoint = std::make_shared<Endpoint>(m_connection, id, Ifaces::DataFlow::Render);
         return S_OK;
     }

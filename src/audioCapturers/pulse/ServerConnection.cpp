@@ -146,16 +146,17 @@ long ServerConnection::connect(Handlers handlers)
     }
     MainloopLock lock(m_mainloop);
     m_handlers = std::move(handlers);
-    if (!startContext()) {
-        return AUDCLNT_E_SERVICE_NOT_RUNNING;
+    if (startContext()) {
+        while (m_context && !m_ready) {
+            pa_threaded_mainloop_wait(m_mainloop);
+        }
     }
-    while (m_context && !m_ready) {
-        pa_threaded_mainloop_wait(m_mainloop);
-    }
-    if (!m_ready) {
-        return AUDCLNT_E_SERVICE_NOT_RUNNING;
-    }
+    // A server that is not there yet (a session that starts before its sound
+    // server, or one restarting) is waited for like one that went away.
     m_connected = true;
+    if (!m_ready) {
+        scheduleRetry();
+    }
     return S_OK;
 }
 

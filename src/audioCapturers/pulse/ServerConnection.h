@@ -64,7 +64,8 @@ struct ServerRecord
  * One client connection to the sound server, run by a threaded main loop.
  *
  * The connection survives the server: when the server goes away, `lost` is
- * called, and the connection tries again every few hundred milliseconds until
+ * called, and the connection tries again (as it does from the start when
+ * there is no server yet) every few hundred milliseconds until
  * the server is back, when `ready` is called. Handlers run on the loop's
  * thread with its lock held; they must not block.
  *
@@ -87,7 +88,9 @@ public:
     ServerConnection(const ServerConnection&) = delete;
     ServerConnection& operator=(const ServerConnection&) = delete;
 
-    /// Starts the loop and connects, waiting for the outcome.
+    /// Starts the loop and connects, waiting for the outcome. Without a
+    /// server it still succeeds: the connection keeps trying, and `ready`
+    /// is called when the server appears.
     long connect(Handlers handlers);
 
     pa_threaded_mainloop* mainloop() const

@@ -189,6 +189,11 @@ public:
     }
     long registerNotifications(EndpointNotifications receivers) override
     {
+        // Changes made here reach no receiver: the platform has not been
+        // told of one yet.
+        if (beforeRegistration) {
+            beforeRegistration();
+        }
         std::lock_guard<std::mutex> locker(lock);
         if (registerResult >= 0) {
             notifications = std::move(receivers);
@@ -253,6 +258,8 @@ public:
         return registered;
     }
 
+    /// Runs as the receivers are registered, before they can be called.
+    std::function<void()> beforeRegistration;
     long openResult = S_OK;
     long enumResult = S_OK;
     long registerResult = S_OK;
