@@ -51,7 +51,7 @@ void connectSound(QObject* receiver, AudioCapManager* audio, const QSharedPointe
     QObject::connect(sound.data(), &AudioCapturer::spectrumsChanged, receiver,
         [](const QVector<SoundChannel>& channels) { Q_UNUSED(channels) });
 
-    // Emitted on a pool thread while the registry holds its state lock:
+    // Emitted on a pool thread, in the order the endpoints changed:
     // queue anything that calls back into the registry.
     QObject::connect(
         audio, &AudioCapManager::capturerReady, receiver,

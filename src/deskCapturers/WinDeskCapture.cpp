@@ -42,8 +42,8 @@ WinDeskCapture::WinDeskCapture(DeskCaptureOption* option, BackendFactory backend
                        .toInt(kDefaultIntervalMilliseconds);
     if (interval <= 0) {
         // 0 would poll without a pause and a negative value never start the timer.
-        qWarning() << "[WinDeskCapture]: The devUpdateInterval " << interval
-                   << " is not a positive number of milliseconds, using " << kDefaultIntervalMilliseconds;
+        qWarning().nospace() << "[WinDeskCapture]: The devUpdateInterval " << interval
+                             << " is not a positive number of milliseconds, using " << kDefaultIntervalMilliseconds;
         interval = kDefaultIntervalMilliseconds;
     }
     timerId = startTimer(interval, Qt::PreciseTimer);

@@ -171,8 +171,8 @@ void TestWinDeskCapture::nonPositiveIntervalFallsBackTo33()
     QCOMPARE(timers.size(), 1);
     QCOMPARE(timers.first().interval, 33);
     QCOMPARE(messages.texts(QtWarningMsg),
-        QStringList {QStringLiteral("[WinDeskCapture]: The devUpdateInterval  %1  is not a positive number of "
-                                    "milliseconds, using  33")
+        QStringList {QStringLiteral("[WinDeskCapture]: The devUpdateInterval %1 is not a positive number of "
+                                    "milliseconds, using 33")
                          .arg(interval)});
 }
 
