@@ -60,7 +60,10 @@ AudioDeviceEnumerator::AudioDeviceEnumerator(QObject* parent)
 }
 
 AudioDeviceEnumerator::AudioDeviceEnumerator(std::shared_ptr<Orvanta::Ifaces::EndpointWatcher> watcher, QObject* parent)
-    : AudioDeviceEnumerator(std::move(watcher), &runOnGlobalPool, parent)
+    // A closure rather than the function's address: std::function would
+    // otherwise export the type information of a plain function pointer.
+    : AudioDeviceEnumerator(
+        std::move(watcher), [](std::function<void()> task) { return runOnGlobalPool(std::move(task)); }, parent)
 {
 }
 
