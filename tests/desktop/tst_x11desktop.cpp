@@ -166,7 +166,9 @@ private slots:
     void framesKeepArrivingForAConsumerThread();
     void keptFrameStaysUnchanged();
     void modeWithoutBackendLeavesTheFrontEmpty();
+    void unpluggedMonitorIsNeverTakenForAnother_data();
     void unpluggedMonitorIsNeverTakenForAnother();
+    void unpluggedMonitorDoesNotHoldTheOther_data();
     void unpluggedMonitorDoesNotHoldTheOther();
     void monitorPastTheOldWidthAfterTheScreenGrew_data();
     void monitorPastTheOldWidthAfterTheScreenGrew();
@@ -176,6 +178,8 @@ private slots:
     void turnedMonitorComesAsItsUserSeesIt();
 
 private:
+    static void unpluggedMonitor_data();
+
     QTemporaryDir m_configDir;
     std::unique_ptr<XcbPainter> m_painter;
 };
@@ -516,61 +520,100 @@ void TestX11Desktop::modeWithoutBackendLeavesTheFrontEmpty()
     QCOMPARE(left->outputSize(), QSize(1920, 1080));
 }
 
+void TestX11Desktop::unpluggedMonitor_data()
+{
+    // The monitor to unplug, its place on the screen, and the RandR line
+    // that plugs it in again.
+    QTest::addColumn<QString>("gone");
+    QTest::addColumn<QRect>("goneArea");
+    QTest::addColumn<QRect>("stayingArea");
+    QTest::addColumn<QStringList>("plugAgain");
+    QTest::addColumn<QString>("lostLine");
+    QTest::newRow("LEFT") << QStringLiteral("LEFT") << QRect(0, 0, 1920, 1080) << QRect(1920, 0, 1920, 1080)
+                          << QStringList {"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"}
+                          << QStringLiteral("[DXGICapturer]: Failed to enum DXGIOutput interface: 0");
+    QTest::newRow("RIGHT") << QStringLiteral("RIGHT") << QRect(1920, 0, 1920, 1080) << QRect(0, 0, 1920, 1080)
+                           << QStringList {"--setmonitor", "RIGHT", "1920/508x1080/285+1920+0", "none"}
+                           << QStringLiteral("[DXGICapturer]: Failed to enum DXGIOutput interface: 1");
+}
+
+void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother_data()
+{
+    unpluggedMonitor_data();
+}
+
 void TestX11Desktop::unpluggedMonitorIsNeverTakenForAnother()
 {
+    QFETCH(QString, gone);
+    QFETCH(QRect, goneArea);
+    QFETCH(QRect, stayingArea);
+    QFETCH(QStringList, plugAgain);
+    QFETCH(QString, lostLine);
     ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
     DeskDuplManager registry;
     QSharedPointer<IDeskCapture> left;
     QSharedPointer<IDeskCapture> right;
     QVERIFY(acquireBothSmall(registry, left, right));
+    const QSharedPointer<IDeskCapture> goneRow = gone == QLatin1String("LEFT") ? left : right;
+    const QSharedPointer<IDeskCapture> stayingRow = gone == QLatin1String("LEFT") ? right : left;
     const QColor green(0, 255, 0);
     const QColor red(255, 0, 0);
     const QColor blue(0, 0, 255);
-    m_painter->fill(QRect(0, 0, 1920, 1080), green);
-    m_painter->fill(QRect(1920, 0, 1920, 1080), red);
-    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 50, 50, green), 10000);
-    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 50, 50, red), 10000);
+    m_painter->fill(goneArea, green);
+    m_painter->fill(stayingArea, red);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(goneRow->nextFrame(), 50, 50, green), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(stayingRow->nextFrame(), 50, 50, red), 10000);
 
-    // LEFT goes; RIGHT is now the first monitor of the screen.
-    const QStringList plugLeft {"--setmonitor", "LEFT", "1920/508x1080/285+0+0", "screen"};
     MessageCapture messages;
-    QVERIFY(xrandr({"--delmonitor", "LEFT"}));
+    QVERIFY(xrandr({"--delmonitor", gone}));
     const auto restore = qScopeGuard(&restoreMonitors);
-    // RIGHT changes its picture: the row of LEFT must never show it.
+    // The other monitor changes its picture: the row of the one that went
+    // must never show it.
     const QColor orange(255, 128, 0);
-    m_painter->fill(QRect(1920, 0, 1920, 1080), orange);
-    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(right->nextFrame(), 50, 50, orange), 10000);
+    m_painter->fill(stayingArea, orange);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(stayingRow->nextFrame(), 50, 50, orange), 10000);
     QElapsedTimer watching;
     watching.start();
     while (watching.elapsed() < 1500) {
-        QVERIFY2(!XcbPainter::pixelIs(left->nextFrame(), 50, 50, orange), "the row of LEFT shows another monitor");
+        QVERIFY2(!XcbPainter::pixelIs(goneRow->nextFrame(), 50, 50, orange),
+            qPrintable(QStringLiteral("the row of %1 shows another monitor").arg(gone)));
         QTest::qWait(20);
     }
-    QTRY_VERIFY_WITH_TIMEOUT(
-        messages.contains(QtCriticalMsg, "[DXGICapturer]: Failed to enum DXGIOutput interface: 0"), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(messages.contains(QtCriticalMsg, lostLine), 10000);
 
     // Plugged in again, the row captures its own monitor again.
-    QVERIFY(xrandr(plugLeft));
-    m_painter->fill(QRect(0, 0, 1920, 1080), blue);
-    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 50, 50, blue), 15000);
-    QVERIFY(XcbPainter::pixelIs(right->nextFrame(), 50, 50, orange));
+    QVERIFY(xrandr(plugAgain));
+    m_painter->fill(goneArea, blue);
+    QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(goneRow->nextFrame(), 50, 50, blue), 15000);
+    QVERIFY(XcbPainter::pixelIs(stayingRow->nextFrame(), 50, 50, orange));
+}
+
+void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther_data()
+{
+    unpluggedMonitor_data();
 }
 
 void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
 {
+    QFETCH(QString, gone);
+    QFETCH(QRect, stayingArea);
+    QFETCH(QString, lostLine);
     ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 0);
     DeskDuplManager registry;
     QSharedPointer<IDeskCapture> left;
     QSharedPointer<IDeskCapture> right;
     QVERIFY(acquireBothSmall(registry, left, right));
     QTRY_VERIFY_WITH_TIMEOUT(!left->nextFrame().empty() && !right->nextFrame().empty(), 10000);
+    const QSharedPointer<IDeskCapture> stayingRow = gone == QLatin1String("LEFT") ? right : left;
 
-    // RIGHT's picture changes all the time; a consumer counts its new frames.
+    // The staying monitor's picture changes all the time; a consumer counts
+    // its new frames.
     std::atomic<bool> stop {false};
     std::atomic<int> frames {0};
-    std::thread painter([&stop] {
+    const QRect patchArea(stayingArea.x() + 100, 100, 200, 200);
+    std::thread painter([&stop, patchArea] {
         XcbPainter painter;
-        const xcb_window_t patch = painter.fill(QRect(1920 + 100, 100, 200, 200), Qt::black);
+        const xcb_window_t patch = painter.fill(patchArea, Qt::black);
         for (int step = 0; !stop.load(); ++step) {
             painter.recolour(patch, QColor(step % 256, 0, 0));
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -579,7 +622,7 @@ void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
     std::thread consumer([&] {
         const uchar* last = nullptr;
         while (!stop.load()) {
-            const cv::Mat frame = right->nextFrame();
+            const cv::Mat frame = stayingRow->nextFrame();
             if (!frame.empty() && frame.data != last) {
                 last = frame.data;
                 ++frames;
@@ -592,7 +635,8 @@ void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
         painter.join();
         consumer.join();
     });
-    // Frames of RIGHT counted while the registry's thread polls for a while.
+    // Frames of the staying monitor counted while the registry's thread
+    // polls for a while.
     const auto framesDuring = [&frames](int milliseconds) {
         const int before = frames.load();
         QTest::qWait(milliseconds);
@@ -603,15 +647,17 @@ void TestX11Desktop::unpluggedMonitorDoesNotHoldTheOther()
     QVERIFY2(withBoth >= 10, qPrintable(QString::number(withBoth)));
 
     MessageCapture messages;
-    QVERIFY(xrandr({"--delmonitor", "LEFT"}));
+    QVERIFY(xrandr({"--delmonitor", gone}));
     const auto restore = qScopeGuard(&restoreMonitors);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        messages.contains(QtCriticalMsg, "[DXGICapturer]: Failed to enum DXGIOutput interface: 0"), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(messages.contains(QtCriticalMsg, lostLine), 10000);
 
-    // LEFT is lost and keeps trying; RIGHT keeps its pace meanwhile.
-    const int withLeftLost = framesDuring(2000);
-    QVERIFY2(withLeftLost * 10 >= withBoth * 9,
-        qPrintable(QStringLiteral("%1 frames of RIGHT with LEFT lost, %2 before").arg(withLeftLost).arg(withBoth)));
+    // The lost monitor's row keeps trying; the other keeps its pace meanwhile.
+    const int withOneLost = framesDuring(2000);
+    QVERIFY2(withOneLost * 10 >= withBoth * 9,
+        qPrintable(QStringLiteral("%1 frames of the staying monitor with %2 lost, %3 before")
+                       .arg(withOneLost)
+                       .arg(gone)
+                       .arg(withBoth)));
     QVERIFY(messages.texts(QtWarningMsg)
                 .contains(QStringLiteral("[DXGICapturer]: Failed to rebuild the duplication, retrying in 0.5 seconds: "
                                          "\"%1\"")
