@@ -9,6 +9,10 @@ question to the user; the count is written to the file named by --dialogs.
 
 The cursor mode of the last SelectSources goes to the file named by --cursor.
 
+While the file "portal-hold" beside the --dialogs file says "hold", the user
+leaves the dialog open: Start answers only once the file says something else
+(or is gone), and meanwhile the file says "held", so that a test knows.
+
 When the file named by --source-program holds the command line of a source
 program (taking --name NODE --size WxH and printing "ready" once its node is there),
 sessions started after that get a node of that program instead of the video
@@ -150,15 +154,33 @@ class ScreenCast(dbus.service.Object):
         self.counter += 1
         return "%s/request/%s/%s" % (PORTAL_PATH, sender[1:].replace(".", "_"), token)
 
-    def respond(self, path, response, results):
+    def hold_path(self):
+        return os.path.join(os.path.dirname(os.path.abspath(self.args.dialogs)), "portal-hold")
+
+    def hold_state(self):
+        try:
+            with open(self.hold_path()) as f:
+                return f.read().strip()
+        except OSError:
+            return ""
+
+    def respond(self, path, response, results, hold=False):
         request = Request(self.bus, path)
 
         def emit():
+            if hold and self.hold_state() in ("hold", "held"):
+                if self.hold_state() == "hold":
+                    with open(self.hold_path(), "w") as f:
+                        f.write("held")
+                return True  # the dialog is still open: ask again later
             request.Response(dbus.UInt32(response), dbus.Dictionary(results, signature="sv"))
             request.remove_from_connection()
             return False
 
-        GLib.idle_add(emit)
+        if hold:
+            GLib.timeout_add(10, emit)
+        else:
+            GLib.idle_add(emit)
         return dbus.ObjectPath(path)
 
     @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="ss", out_signature="v")
@@ -223,7 +245,7 @@ class ScreenCast(dbus.service.Object):
         return self.respond(path, 0, {
             "streams": dbus.Array([stream], signature="(ua{sv})"),
             "restore_token": dbus.String(token),
-        })
+        }, hold=True)
 
     @dbus.service.method(SCREENCAST, in_signature="oa{sv}", out_signature="h")
     def OpenPipeWireRemote(self, session_handle, options):

@@ -1,15 +1,20 @@
 #include "ConfigurationManager.h"
+#include "DeskCaptureBackends.h"
 #include "DeskCaptureOption.h"
+#include "DeskDuplManager.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
 #include "WinDeskCapture.h"
 #include "WinRTCapturer.h"
 
 #include "MessageCapture.h"
+#include "fakes/FakeDisplaySystem.h"
 
 #include <QtTest/QtTest>
 
+#include <atomic>
 #include <csignal>
+#include <thread>
 
 namespace {
 
@@ -53,6 +58,27 @@ cv::Mat waitForFrontFrame(WinDeskCapture& front, int width)
         QTest::qWait(20);
     }
     return cv::Mat();
+}
+
+/// The file through which the stand-in portal's user leaves the dialog open.
+QString portalHoldFile()
+{
+    return QFileInfo(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_DIALOGS")))
+        .dir()
+        .filePath(QStringLiteral("portal-hold"));
+}
+
+QByteArray portalHoldState()
+{
+    QFile file(portalHoldFile());
+    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed() : QByteArray();
+}
+
+void setPortalHold(const QByteArray& state)
+{
+    QFile file(portalHoldFile());
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(state);
 }
 
 /// Makes the portal hand out nodes of @p command for one scope.
@@ -111,6 +137,7 @@ private slots:
     void theCursorIsEmbedded();
     void aDmaBufSourceGivesFramesWithItsColours();
     void onlyWhatChangedMovesAndNothingIsLeftBehind();
+    void anOpenDialogDoesNotHoldTheRegistry();
     void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
 
 private:
@@ -288,6 +315,63 @@ void PortalCaptureTest::onlyWhatChangedMovesAndNothingIsLeftBehind()
         QTest::qWait(10);
     }
     QVERIFY(places.size() > 5); // the square did move
+}
+
+void PortalCaptureTest::anOpenDialogDoesNotHoldTheRegistry()
+{
+    auto system = std::make_shared<Fakes::FakeDisplaySystem>();
+    auto adapter = system->addAdapter(L"Fake GPU");
+    adapter->addOutput(L"\\\\.\\DISPLAY1", 0, 0, 640, 360, 0x1001);
+    adapter->addOutput(L"\\\\.\\DISPLAY2", 640, 0, 640, 360, 0x1002);
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 1);
+    DeskDuplManager registry(system, &Orvanta::createDeskCaptureBackend);
+    QCOMPARE(registry.allCapturer(), (QList<QString> {"DISPLAY1-A0-O0", "DISPLAY2-A0-O1"}));
+
+    // The user leaves the portal's dialog open until the other thread is done.
+    setPortalHold("hold");
+    qint64 slowest = -1;
+    QString desc;
+    QJsonObject metadata;
+    std::atomic<bool> sawDialog {false};
+    std::atomic<bool> done {false};
+    // The user answers when the other thread is done, or after two seconds at most.
+    std::thread user([&] {
+        QElapsedTimer open;
+        open.start();
+        while (portalHoldState() != "held" && open.elapsed() < 20000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        open.restart();
+        while (!done.load() && open.elapsed() < 2000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        setPortalHold(QByteArray());
+    });
+    std::thread other([&] {
+        QElapsedTimer wait;
+        wait.start();
+        while (portalHoldState() != "held" && wait.elapsed() < 20000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        sawDialog = portalHoldState() == "held";
+        QElapsedTimer call;
+        call.start();
+        desc = registry.capturerDesc("DISPLAY2-A0-O1");
+        metadata = registry.capturerMetadata("DISPLAY2-A0-O1");
+        registry.acquireCapturer("DISPLAY2-A0-O1");
+        registry.releaseCapturer("DISPLAY2-A0-O1");
+        slowest = call.elapsed();
+        done = true;
+    });
+    QSharedPointer<IDeskCapture> front = registry.acquireCapturer("DISPLAY1-A0-O0");
+    other.join();
+    done = true;
+    user.join();
+
+    QVERIFY(sawDialog);
+    QVERIFY(front);
+    QCOMPARE(desc, QStringLiteral("DISPLAY2 640x360 (OUT2)"));
+    QCOMPARE(metadata.value("id").toString(), QStringLiteral("DISPLAY2-A0-O1"));
+    QVERIFY2(slowest >= 0 && slowest < 100, qPrintable(QString::number(slowest)));
+    QCOMPARE(registry.acquireCapturer("DISPLAY1-A0-O0"), front);
+    registry.releaseCapturer("DISPLAY1-A0-O0");
 }
 
 void PortalCaptureTest::stoppingTheServerEndsTheSessionForGood()
