@@ -138,6 +138,8 @@ private slots:
     void aDmaBufSourceGivesFramesWithItsColours();
     void onlyWhatChangedMovesAndNothingIsLeftBehind();
     void anOpenDialogDoesNotHoldTheRegistry();
+    void everyTransformGivesThePictureAsTheUserSeesIt_data();
+    void everyTransformGivesThePictureAsTheUserSeesIt();
     void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
 
 private:
@@ -372,6 +374,75 @@ void PortalCaptureTest::anOpenDialogDoesNotHoldTheRegistry()
     QVERIFY2(slowest >= 0 && slowest < 100, qPrintable(QString::number(slowest)));
     QCOMPARE(registry.acquireCapturer("DISPLAY1-A0-O0"), front);
     registry.releaseCapturer("DISPLAY1-A0-O0");
+}
+
+void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt_data()
+{
+    QTest::addColumn<int>("transform");
+    QTest::addColumn<int>("turns"); // quarter turns counter-clockwise
+    QTest::addColumn<bool>("flipped");
+    const char* names[8] = {"none", "90", "180", "270", "flipped", "flipped-90", "flipped-180", "flipped-270"};
+    for (int transform = 0; transform < 8; ++transform)
+        QTest::newRow(names[transform]) << transform << transform % 4 << (transform >= 4);
+}
+
+void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt()
+{
+    QFETCH(int, transform);
+    QFETCH(int, turns);
+    QFETCH(bool, flipped);
+    // The buffer holds red, green, blue and white quadrants (top left, top
+    // right, bottom left, bottom right). What the user sees is that picture
+    // mirrored left to right for a flipped transform, then turned.
+    enum Colour { Red, Green, Blue, White };
+    Colour seen[2][2] = {{Red, Green}, {Blue, White}};
+    if (flipped) {
+        for (auto& row : seen)
+            std::swap(row[0], row[1]);
+    }
+    for (int turn = 0; turn < turns; ++turn) {
+        const Colour before[2][2] = {{seen[0][0], seen[0][1]}, {seen[1][0], seen[1][1]}};
+        // A quarter turn counter-clockwise: the top right corner comes to the top left.
+        for (int row = 0; row < 2; ++row) {
+            for (int column = 0; column < 2; ++column)
+                seen[row][column] = before[column][1 - row];
+        }
+    }
+    const int rgb[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
+
+    PortalSourceProgram program(QByteArray(ORVANTA_DMABUF_SOURCE) + " --transform " + QByteArray::number(transform));
+    WinDeskCapture front(&m_option, nullptr);
+    QCOMPARE(front.setCaptureContext(DeskCaptureContext()), 0L);
+    front.setOutputSize(QSize(40, 40));
+    // The first frames may come before the stream has named its transform.
+    QString got;
+    QString expected;
+    for (int row = 0; row < 2; ++row) {
+        for (int column = 0; column < 2; ++column)
+            expected += QString::number(int(seen[row][column]));
+    }
+    QDeadlineTimer deadline(10000);
+    while (got != expected && !deadline.hasExpired()) {
+        const cv::Mat frame = waitForFrontFrame(front, 40);
+        QVERIFY(!frame.empty());
+        QCOMPARE(frame.rows, 40);
+        got.clear();
+        for (int row = 0; row < 2; ++row) {
+            for (int column = 0; column < 2; ++column) {
+                const cv::Vec4b p = frame.at<cv::Vec4b>(row * 20 + 10, column * 20 + 10);
+                int colour = -1;
+                for (int c = 0; c < 4; ++c) {
+                    if (std::abs(p[0] - rgb[c][0]) <= 2 && std::abs(p[1] - rgb[c][1]) <= 2
+                        && std::abs(p[2] - rgb[c][2]) <= 2)
+                        colour = c;
+                }
+                got += colour < 0 ? QStringLiteral("?") : QString::number(colour);
+            }
+        }
+        if (got != expected)
+            QTest::qWait(20);
+    }
+    QCOMPARE(got, expected);
 }
 
 void PortalCaptureTest::stoppingTheServerEndsTheSessionForGood()
