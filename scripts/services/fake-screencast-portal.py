@@ -6,6 +6,9 @@ the monitor the "user" picked, a PipeWire video test source made for each
 session (as a compositor makes a stream node per session) and removed when
 the session closes. Each Start without a known restore token counts as one
 question to the user; the count is written to the file named by --dialogs.
+A restore token restores one session only; its Start hands out a new one.
+The number of Start requests answered goes to the file "portal-starts" beside
+the --dialogs file.
 
 The cursor mode of the last SelectSources goes to the file named by --cursor.
 
@@ -142,12 +145,18 @@ class ScreenCast(dbus.service.Object):
         self.sessions = {}
         self.tokens = set()
         self.dialogs = 0
+        self.starts = 0
         self.counter = 0
         self.write_dialogs()
 
     def write_dialogs(self):
         with open(self.args.dialogs, "w") as f:
             f.write(str(self.dialogs))
+
+    def count_start(self):
+        self.starts += 1
+        with open(os.path.join(os.path.dirname(os.path.abspath(self.args.dialogs)), "portal-starts"), "w") as f:
+            f.write(str(self.starts))
 
     def request_path(self, sender, options):
         token = str(options.get("handle_token", "t%d" % self.counter))
@@ -175,6 +184,8 @@ class ScreenCast(dbus.service.Object):
                 return True  # the dialog is still open: ask again later
             request.Response(dbus.UInt32(response), dbus.Dictionary(results, signature="sv"))
             request.remove_from_connection()
+            if hold:
+                self.count_start()
             return False
 
         if hold:
@@ -211,7 +222,10 @@ class ScreenCast(dbus.service.Object):
         session = self.sessions.get(str(session_handle))
         if session is None or int(options.get("types", 1)) & 1 == 0:
             return self.respond(path, 2, {})
-        session.restored = str(options.get("restore_token", "")) in self.tokens
+        # As with the real portal, a restore token serves once; Start hands out the next.
+        token = str(options.get("restore_token", ""))
+        session.restored = token in self.tokens
+        self.tokens.discard(token)
         with open(self.args.cursor, "w") as f:
             f.write(str(int(options.get("cursor_mode", 0))))
         return self.respond(path, 0, {})

@@ -138,6 +138,7 @@ private slots:
     void aDmaBufSourceGivesFramesWithItsColours();
     void onlyWhatChangedMovesAndNothingIsLeftBehind();
     void anOpenDialogDoesNotHoldTheRegistry();
+    void eachOutputIsAskedOncePerSession();
     void everyTransformGivesThePictureAsTheUserSeesIt_data();
     void everyTransformGivesThePictureAsTheUserSeesIt();
     void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
@@ -374,6 +375,46 @@ void PortalCaptureTest::anOpenDialogDoesNotHoldTheRegistry()
     QVERIFY2(slowest >= 0 && slowest < 100, qPrintable(QString::number(slowest)));
     QCOMPARE(registry.acquireCapturer("DISPLAY1-A0-O0"), front);
     registry.releaseCapturer("DISPLAY1-A0-O0");
+}
+
+void PortalCaptureTest::eachOutputIsAskedOncePerSession()
+{
+    auto system = std::make_shared<Fakes::FakeDisplaySystem>();
+    auto adapter = system->addAdapter(L"Fake GPU");
+    adapter->addOutput(L"\\\\.\\DISPLAY1", 0, 0, 640, 360, 0x1001);
+    adapter->addOutput(L"\\\\.\\DISPLAY2", 640, 0, 640, 360, 0x1002);
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 1);
+    DeskDuplManager registry(system, &Orvanta::createDeskCaptureBackend);
+    auto* option = reinterpret_cast<DeskCaptureOption*>(
+        quintptr(QCoreApplication::instance()->property("runtime.options.deskCaptureOption").toLongLong()));
+    QVERIFY(option);
+    QCOMPARE(option->curMode(), 1);
+
+    // Each Start counts once its answer is out; the sessions start on the fronts' workers.
+    const QString starts = QFileInfo(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_DIALOGS")))
+                               .dir()
+                               .filePath(QStringLiteral("portal-starts"));
+    auto started = [&starts] {
+        QFile file(starts);
+        return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+    };
+    const int before = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    int expectedStarts = started() + 2;
+    QSharedPointer<IDeskCapture> first = registry.acquireCapturer("DISPLAY1-A0-O0");
+    QSharedPointer<IDeskCapture> second = registry.acquireCapturer("DISPLAY2-A0-O1");
+    QVERIFY(first && second);
+    QTRY_COMPARE_WITH_TIMEOUT(started(), expectedStarts, 20000);
+    const int asked = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    QVERIFY(asked - before <= 2); // at most once for each output, whatever ran before
+
+    // A mode change away and back rebuilds both fronts' back-ends, each with a
+    // session of its own; nobody is asked again.
+    option->setCurMode(2);
+    QTest::qWait(300);
+    expectedStarts = started() + 2;
+    option->setCurMode(1);
+    QTRY_COMPARE_WITH_TIMEOUT(started(), expectedStarts, 20000);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), asked);
 }
 
 void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt_data()
