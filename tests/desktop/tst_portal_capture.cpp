@@ -81,6 +81,16 @@ void setPortalHold(const QByteArray& state)
         file.write(state);
 }
 
+/// Two outputs side by side, for a registry whose mode 1 is the portal.
+std::shared_ptr<Fakes::FakeDisplaySystem> twoOutputs()
+{
+    auto system = std::make_shared<Fakes::FakeDisplaySystem>();
+    auto adapter = system->addAdapter(L"Fake GPU");
+    adapter->addOutput(L"\\\\.\\DISPLAY1", 0, 0, 640, 360, 0x1001);
+    adapter->addOutput(L"\\\\.\\DISPLAY2", 640, 0, 640, 360, 0x1002);
+    return system;
+}
+
 /// Makes the portal hand out nodes of @p command for one scope.
 class PortalSourceProgram
 {
@@ -322,12 +332,8 @@ void PortalCaptureTest::onlyWhatChangedMovesAndNothingIsLeftBehind()
 
 void PortalCaptureTest::anOpenDialogDoesNotHoldTheRegistry()
 {
-    auto system = std::make_shared<Fakes::FakeDisplaySystem>();
-    auto adapter = system->addAdapter(L"Fake GPU");
-    adapter->addOutput(L"\\\\.\\DISPLAY1", 0, 0, 640, 360, 0x1001);
-    adapter->addOutput(L"\\\\.\\DISPLAY2", 640, 0, 640, 360, 0x1002);
     ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 1);
-    DeskDuplManager registry(system, &Orvanta::createDeskCaptureBackend);
+    DeskDuplManager registry(twoOutputs(), &Orvanta::createDeskCaptureBackend);
     QCOMPARE(registry.allCapturer(), (QList<QString> {"DISPLAY1-A0-O0", "DISPLAY2-A0-O1"}));
 
     // The user leaves the portal's dialog open until the other thread is done.
@@ -379,12 +385,8 @@ void PortalCaptureTest::anOpenDialogDoesNotHoldTheRegistry()
 
 void PortalCaptureTest::eachOutputIsAskedOncePerSession()
 {
-    auto system = std::make_shared<Fakes::FakeDisplaySystem>();
-    auto adapter = system->addAdapter(L"Fake GPU");
-    adapter->addOutput(L"\\\\.\\DISPLAY1", 0, 0, 640, 360, 0x1001);
-    adapter->addOutput(L"\\\\.\\DISPLAY2", 640, 0, 640, 360, 0x1002);
     ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 1);
-    DeskDuplManager registry(system, &Orvanta::createDeskCaptureBackend);
+    DeskDuplManager registry(twoOutputs(), &Orvanta::createDeskCaptureBackend);
     auto* option = reinterpret_cast<DeskCaptureOption*>(
         quintptr(QCoreApplication::instance()->property("runtime.options.deskCaptureOption").toLongLong()));
     QVERIFY(option);
