@@ -6,8 +6,15 @@ the monitor the "user" picked, a PipeWire video test source made for each
 session (as a compositor makes a stream node per session) and removed when
 the session closes. Each Start without a known restore token counts as one
 question to the user; the count is written to the file named by --dialogs.
+A restore token restores one session only; its Start hands out a new one.
+The number of Start requests answered goes to the file "portal-starts" beside
+the --dialogs file.
 
 The cursor mode of the last SelectSources goes to the file named by --cursor.
+
+While the file "portal-hold" beside the --dialogs file says "hold", the user
+leaves the dialog open: Start answers only once the file says something else
+(or is gone), and meanwhile the file says "held", so that a test knows.
 
 When the file named by --source-program holds the command line of a source
 program (taking --name NODE --size WxH and printing "ready" once its node is there),
@@ -138,6 +145,7 @@ class ScreenCast(dbus.service.Object):
         self.sessions = {}
         self.tokens = set()
         self.dialogs = 0
+        self.starts = 0
         self.counter = 0
         self.write_dialogs()
 
@@ -145,20 +153,45 @@ class ScreenCast(dbus.service.Object):
         with open(self.args.dialogs, "w") as f:
             f.write(str(self.dialogs))
 
+    def count_start(self):
+        self.starts += 1
+        with open(os.path.join(os.path.dirname(os.path.abspath(self.args.dialogs)), "portal-starts"), "w") as f:
+            f.write(str(self.starts))
+
     def request_path(self, sender, options):
         token = str(options.get("handle_token", "t%d" % self.counter))
         self.counter += 1
         return "%s/request/%s/%s" % (PORTAL_PATH, sender[1:].replace(".", "_"), token)
 
-    def respond(self, path, response, results):
+    def hold_path(self):
+        return os.path.join(os.path.dirname(os.path.abspath(self.args.dialogs)), "portal-hold")
+
+    def hold_state(self):
+        try:
+            with open(self.hold_path()) as f:
+                return f.read().strip()
+        except OSError:
+            return ""
+
+    def respond(self, path, response, results, hold=False):
         request = Request(self.bus, path)
 
         def emit():
+            if hold and self.hold_state() in ("hold", "held"):
+                if self.hold_state() == "hold":
+                    with open(self.hold_path(), "w") as f:
+                        f.write("held")
+                return True  # the dialog is still open: ask again later
             request.Response(dbus.UInt32(response), dbus.Dictionary(results, signature="sv"))
             request.remove_from_connection()
+            if hold:
+                self.count_start()
             return False
 
-        GLib.idle_add(emit)
+        if hold:
+            GLib.timeout_add(10, emit)
+        else:
+            GLib.idle_add(emit)
         return dbus.ObjectPath(path)
 
     @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="ss", out_signature="v")
@@ -189,7 +222,10 @@ class ScreenCast(dbus.service.Object):
         session = self.sessions.get(str(session_handle))
         if session is None or int(options.get("types", 1)) & 1 == 0:
             return self.respond(path, 2, {})
-        session.restored = str(options.get("restore_token", "")) in self.tokens
+        # As with the real portal, a restore token serves once; Start hands out the next.
+        token = str(options.get("restore_token", ""))
+        session.restored = token in self.tokens
+        self.tokens.discard(token)
         with open(self.args.cursor, "w") as f:
             f.write(str(int(options.get("cursor_mode", 0))))
         return self.respond(path, 0, {})
@@ -223,7 +259,7 @@ class ScreenCast(dbus.service.Object):
         return self.respond(path, 0, {
             "streams": dbus.Array([stream], signature="(ua{sv})"),
             "restore_token": dbus.String(token),
-        })
+        }, hold=True)
 
     @dbus.service.method(SCREENCAST, in_signature="oa{sv}", out_signature="h")
     def OpenPipeWireRemote(self, session_handle, options):

@@ -77,9 +77,14 @@ D3DTextureResizer::D3DTextureResizer() = default;
 
 D3DTextureResizer::~D3DTextureResizer() = default;
 
-D3DTextureResizer::Quad D3DTextureResizer::quad(int rotation)
+D3DTextureResizer::Quad D3DTextureResizer::quad(int rotation, bool mirrored)
 {
     Quad vertices = kUprightQuad;
+    if (mirrored) {
+        // Each corner samples the source's opposite column; the turn below applies to the mirrored picture.
+        for (ScalerVertex& vertex : vertices)
+            vertex.u = 1.0f - vertex.u;
+    }
     float angle = 0.0f;
     if (!rotationAngle(rotation, angle)) {
         return vertices;
@@ -187,13 +192,13 @@ bool D3DTextureResizer::setTargetSize(const cv::Size& size)
     return true;
 }
 
-void D3DTextureResizer::setRotation(int rotation)
+void D3DTextureResizer::setRotation(int rotation, bool mirrored)
 {
     if (!m_scaler) {
         return;
     }
     const ScalerUse use(m_scaler.get());
-    const Quad vertices = quad(rotation);
+    const Quad vertices = quad(rotation, mirrored);
     const long result = m_scaler->createVertexBuffer(vertices.data(), vertices.size());
     if (result < 0) {
         m_hasVertexBuffer = false;
@@ -202,6 +207,7 @@ void D3DTextureResizer::setRotation(int rotation)
     }
     m_hasVertexBuffer = true;
     m_rotation = rotation;
+    m_mirrored = mirrored;
 }
 
 void* D3DTextureResizer::resize(const ScalerSource& source)
@@ -263,6 +269,11 @@ cv::Mat D3DTextureResizer::resizeToCVMat(const ScalerSource& source)
 int D3DTextureResizer::rotation() const
 {
     return m_rotation;
+}
+
+bool D3DTextureResizer::isMirrored() const
+{
+    return m_mirrored;
 }
 
 cv::Size D3DTextureResizer::targetSize() const

@@ -51,18 +51,20 @@ public:
     QString scalerName() const;
     /// (Re)creates the render target; fails for an empty size.
     bool setTargetSize(const cv::Size& size);
-    /// Rebuilds the quad turned for @p rotation; the target keeps its size.
-    void setRotation(int rotation);
+    /// Rebuilds the quad turned for @p rotation, the source first mirrored
+    /// left to right if @p mirrored; the target keeps its size.
+    void setRotation(int rotation, bool mirrored = false);
     /// Draws @p source into the target; the target as a device texture, or null.
     void* resize(const Orvanta::Ifaces::ScalerSource& source);
     /// Draws and reads back; the frame (R, G, B, A, top line first) or an empty matrix.
     cv::Mat resizeToCVMat(const Orvanta::Ifaces::ScalerSource& source);
 
     int rotation() const;
+    bool isMirrored() const;
     cv::Size targetSize() const;
 
-    /// The quad for @p rotation, in clip space, as drawn.
-    static Quad quad(int rotation);
+    /// The quad for @p rotation (and the mirror before it), in clip space, as drawn.
+    static Quad quad(int rotation, bool mirrored = false);
     /// The sampler every adapter is given.
     static Orvanta::Ifaces::SamplerDescription samplerDescription();
 
@@ -74,6 +76,7 @@ private:
     std::atomic<ScalerKind> m_scalerKind {ScalerKind::None};
     cv::Size m_targetSize;
     int m_rotation = RotationUnspecified;
+    bool m_mirrored = false;
     bool m_hasVertexBuffer = false;
     bool m_hasTarget = false;
 };

@@ -330,14 +330,19 @@ cv::Mat WinRTCapturer::captureFrame()
         poolRecreated = false;
         int current = 0;
         check(system->outputRotation(context.output, current));
+        bool currentlyMirrored = false;
+        check(system->outputMirrored(context.output, currentlyMirrored));
         if (current != rotation) {
-            resizer->setRotation(current);
+            resizer->setRotation(current, currentlyMirrored);
             rotation = current;
             CaptureSize poolSize {itemWidth.load(), itemHeight.load()};
             if (current == D3DTextureResizer::Rotation90 || current == D3DTextureResizer::Rotation270)
                 std::swap(poolSize.width, poolSize.height);
             check(framePool->recreate(*d3dDevice, pixelFormatValue, PoolBuffers, poolSize));
             poolRecreated = true;
+        } else if (currentlyMirrored != resizer->isMirrored()) {
+            // A mirror alone keeps the picture's size: only the quad changes.
+            resizer->setRotation(current, currentlyMirrored);
         }
 
         m = resizer->resizeToCVMat(source);

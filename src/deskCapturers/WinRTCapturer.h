@@ -29,7 +29,8 @@ class GraphicsCaptureSystem;
  * init() makes a capture item for the context's monitor, a free-threaded pool
  * of two buffers and a session, and starts delivery; nextFrame() then takes
  * the newest frame without waiting and scales it on the GPU. The capturer
- * follows the display's rotation by turning the quad and re-creating the pool.
+ * follows the display's rotation by turning the quad and re-creating the pool,
+ * and a mirrored source by mirroring the quad.
  *
  * Any failure while polling ends the session for good: the pool is closed and
  * every later poll logs once and returns an empty matrix. Only a new capturer

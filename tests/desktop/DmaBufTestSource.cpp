@@ -15,7 +15,12 @@
 // Each buffer names the parts that changed since the buffer before (the
 // square's old and new place) and carries its frame number as sequence number.
 //
-// Usage: orvanta-dmabuf-source --name NODE --size WxH [--square WxH] [--unmappable | --shm]
+// With --transform N each buffer carries the video transform N (an
+// spa_meta_videotransform_value), as a compositor's cast of a turned or
+// mirrored monitor does: the picture above is then the buffer, not what the
+// user sees.
+//
+// Usage: orvanta-dmabuf-source --name NODE --size WxH [--square WxH] [--unmappable | --shm] [--transform N]
 // --shm offers shared memory only.
 // It prints "ready" once consumers can find the node.
 
@@ -54,6 +59,7 @@ struct Source
     int squareHeight = 8;
     bool dmaBuf = false;
     bool announced = false;
+    int transform = -1; // none sent
 };
 
 const spa_pod* buildFormat(spa_pod_builder* builder, const Source& source, bool withModifier, bool fixed)
@@ -98,7 +104,7 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param)
     }
     source->dmaBuf = modifier != nullptr;
     const int stride = source->width * 4;
-    const spa_pod* params[3]
+    const spa_pod* params[4]
         = {static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamBuffers,
                SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
                SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size, SPA_POD_Int(stride * source->height),
@@ -110,8 +116,11 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param)
                     sizeof(spa_meta_region) * 16, sizeof(spa_meta_region) * 3, sizeof(spa_meta_region) * 16))),
             static_cast<const spa_pod*>(
                 spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
-                    SPA_POD_Id(SPA_META_Header), SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_header))))};
-    pw_stream_update_params(source->stream, params, 3);
+                    SPA_POD_Id(SPA_META_Header), SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_header)))),
+            static_cast<const spa_pod*>(spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
+                SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoTransform), SPA_PARAM_META_size,
+                SPA_POD_Int(sizeof(spa_meta_videotransform))))};
+    pw_stream_update_params(source->stream, params, source->transform >= 0 ? 4 : 3);
 }
 
 void onAddBuffer(void* data, pw_buffer* buffer)
@@ -251,6 +260,11 @@ void onProcess(void* data)
     if (auto* header = static_cast<spa_meta_header*>(
             spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header))))
         header->seq = std::uint64_t(source->frame);
+    if (source->transform >= 0) {
+        if (auto* transform = static_cast<spa_meta_videotransform*>(
+                spa_buffer_find_meta_data(buffer->buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
+            transform->transform = std::uint32_t(source->transform);
+    }
     plane.chunk->offset = 0;
     plane.chunk->size = plane.maxsize;
     plane.chunk->stride = source->width * 4;
@@ -308,6 +322,8 @@ int main(int argc, char** argv)
             source.sharedMemoryOnly = true;
         else if (arg == "--square" && i + 1 < argc)
             std::sscanf(argv[++i], "%dx%d", &source.squareWidth, &source.squareHeight);
+        else if (arg == "--transform" && i + 1 < argc)
+            source.transform = std::atoi(argv[++i]);
     }
     pw_init(&argc, &argv);
     source.loop = pw_main_loop_new(nullptr);

@@ -1,15 +1,20 @@
 #include "ConfigurationManager.h"
+#include "DeskCaptureBackends.h"
 #include "DeskCaptureOption.h"
+#include "DeskDuplManager.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
 #include "WinDeskCapture.h"
 #include "WinRTCapturer.h"
 
 #include "MessageCapture.h"
+#include "fakes/FakeDisplaySystem.h"
 
 #include <QtTest/QtTest>
 
+#include <atomic>
 #include <csignal>
+#include <thread>
 
 namespace {
 
@@ -53,6 +58,37 @@ cv::Mat waitForFrontFrame(WinDeskCapture& front, int width)
         QTest::qWait(20);
     }
     return cv::Mat();
+}
+
+/// The file through which the stand-in portal's user leaves the dialog open.
+QString portalHoldFile()
+{
+    return QFileInfo(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_DIALOGS")))
+        .dir()
+        .filePath(QStringLiteral("portal-hold"));
+}
+
+QByteArray portalHoldState()
+{
+    QFile file(portalHoldFile());
+    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed() : QByteArray();
+}
+
+void setPortalHold(const QByteArray& state)
+{
+    QFile file(portalHoldFile());
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(state);
+}
+
+/// Two outputs side by side, for a registry whose mode 1 is the portal.
+std::shared_ptr<Fakes::FakeDisplaySystem> twoOutputs()
+{
+    auto system = std::make_shared<Fakes::FakeDisplaySystem>();
+    auto adapter = system->addAdapter(L"Fake GPU");
+    adapter->addOutput(L"\\\\.\\DISPLAY1", 0, 0, 640, 360, 0x1001);
+    adapter->addOutput(L"\\\\.\\DISPLAY2", 640, 0, 640, 360, 0x1002);
+    return system;
 }
 
 /// Makes the portal hand out nodes of @p command for one scope.
@@ -111,6 +147,10 @@ private slots:
     void theCursorIsEmbedded();
     void aDmaBufSourceGivesFramesWithItsColours();
     void onlyWhatChangedMovesAndNothingIsLeftBehind();
+    void anOpenDialogDoesNotHoldTheRegistry();
+    void eachOutputIsAskedOncePerSession();
+    void everyTransformGivesThePictureAsTheUserSeesIt_data();
+    void everyTransformGivesThePictureAsTheUserSeesIt();
     void stoppingTheServerEndsTheSessionForGood(); // stops the fixture's PipeWire: keep last
 
 private:
@@ -288,6 +328,164 @@ void PortalCaptureTest::onlyWhatChangedMovesAndNothingIsLeftBehind()
         QTest::qWait(10);
     }
     QVERIFY(places.size() > 5); // the square did move
+}
+
+void PortalCaptureTest::anOpenDialogDoesNotHoldTheRegistry()
+{
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 1);
+    DeskDuplManager registry(twoOutputs(), &Orvanta::createDeskCaptureBackend);
+    QCOMPARE(registry.allCapturer(), (QList<QString> {"DISPLAY1-A0-O0", "DISPLAY2-A0-O1"}));
+
+    // The user leaves the portal's dialog open until the other thread is done.
+    setPortalHold("hold");
+    qint64 slowest = -1;
+    QString desc;
+    QJsonObject metadata;
+    std::atomic<bool> sawDialog {false};
+    std::atomic<bool> done {false};
+    // The user answers when the other thread is done, or after two seconds at most.
+    std::thread user([&] {
+        QElapsedTimer open;
+        open.start();
+        while (portalHoldState() != "held" && open.elapsed() < 20000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        open.restart();
+        while (!done.load() && open.elapsed() < 2000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        setPortalHold(QByteArray());
+    });
+    std::thread other([&] {
+        QElapsedTimer wait;
+        wait.start();
+        while (portalHoldState() != "held" && wait.elapsed() < 20000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        sawDialog = portalHoldState() == "held";
+        QElapsedTimer call;
+        call.start();
+        desc = registry.capturerDesc("DISPLAY2-A0-O1");
+        metadata = registry.capturerMetadata("DISPLAY2-A0-O1");
+        registry.acquireCapturer("DISPLAY2-A0-O1");
+        registry.releaseCapturer("DISPLAY2-A0-O1");
+        slowest = call.elapsed();
+        done = true;
+    });
+    QSharedPointer<IDeskCapture> front = registry.acquireCapturer("DISPLAY1-A0-O0");
+    other.join();
+    done = true;
+    user.join();
+
+    QVERIFY(sawDialog);
+    QVERIFY(front);
+    QCOMPARE(desc, QStringLiteral("DISPLAY2 640x360 (OUT2)"));
+    QCOMPARE(metadata.value("id").toString(), QStringLiteral("DISPLAY2-A0-O1"));
+    QVERIFY2(slowest >= 0 && slowest < 100, qPrintable(QString::number(slowest)));
+    QCOMPARE(registry.acquireCapturer("DISPLAY1-A0-O0"), front);
+    registry.releaseCapturer("DISPLAY1-A0-O0");
+}
+
+void PortalCaptureTest::eachOutputIsAskedOncePerSession()
+{
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", 1);
+    DeskDuplManager registry(twoOutputs(), &Orvanta::createDeskCaptureBackend);
+    auto* option = reinterpret_cast<DeskCaptureOption*>(
+        quintptr(QCoreApplication::instance()->property("runtime.options.deskCaptureOption").toLongLong()));
+    QVERIFY(option);
+    QCOMPARE(option->curMode(), 1);
+
+    // Each Start counts once its answer is out; the sessions start on the fronts' workers.
+    const QString starts = QFileInfo(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_DIALOGS")))
+                               .dir()
+                               .filePath(QStringLiteral("portal-starts"));
+    auto started = [&starts] {
+        QFile file(starts);
+        return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+    };
+    const int before = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    int expectedStarts = started() + 2;
+    QSharedPointer<IDeskCapture> first = registry.acquireCapturer("DISPLAY1-A0-O0");
+    QSharedPointer<IDeskCapture> second = registry.acquireCapturer("DISPLAY2-A0-O1");
+    QVERIFY(first && second);
+    QTRY_COMPARE_WITH_TIMEOUT(started(), expectedStarts, 20000);
+    const int asked = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    QVERIFY(asked - before <= 2); // at most once for each output, whatever ran before
+
+    // A mode change away and back rebuilds both fronts' back-ends, each with a
+    // session of its own; nobody is asked again.
+    option->setCurMode(2);
+    QTest::qWait(300);
+    expectedStarts = started() + 2;
+    option->setCurMode(1);
+    QTRY_COMPARE_WITH_TIMEOUT(started(), expectedStarts, 20000);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), asked);
+}
+
+void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt_data()
+{
+    QTest::addColumn<int>("transform");
+    QTest::addColumn<int>("turns"); // quarter turns counter-clockwise
+    QTest::addColumn<bool>("flipped");
+    const char* names[8] = {"none", "90", "180", "270", "flipped", "flipped-90", "flipped-180", "flipped-270"};
+    for (int transform = 0; transform < 8; ++transform)
+        QTest::newRow(names[transform]) << transform << transform % 4 << (transform >= 4);
+}
+
+void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt()
+{
+    QFETCH(int, transform);
+    QFETCH(int, turns);
+    QFETCH(bool, flipped);
+    // The buffer holds red, green, blue and white quadrants (top left, top
+    // right, bottom left, bottom right). What the user sees is that picture
+    // mirrored left to right for a flipped transform, then turned.
+    enum Colour { Red, Green, Blue, White };
+    Colour seen[2][2] = {{Red, Green}, {Blue, White}};
+    if (flipped) {
+        for (auto& row : seen)
+            std::swap(row[0], row[1]);
+    }
+    for (int turn = 0; turn < turns; ++turn) {
+        const Colour before[2][2] = {{seen[0][0], seen[0][1]}, {seen[1][0], seen[1][1]}};
+        // A quarter turn counter-clockwise: the top right corner comes to the top left.
+        for (int row = 0; row < 2; ++row) {
+            for (int column = 0; column < 2; ++column)
+                seen[row][column] = before[column][1 - row];
+        }
+    }
+    const int rgb[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
+
+    PortalSourceProgram program(QByteArray(ORVANTA_DMABUF_SOURCE) + " --transform " + QByteArray::number(transform));
+    WinDeskCapture front(&m_option, nullptr);
+    QCOMPARE(front.setCaptureContext(DeskCaptureContext()), 0L);
+    front.setOutputSize(QSize(40, 40));
+    // The first frames may come before the stream has named its transform.
+    QString got;
+    QString expected;
+    for (int row = 0; row < 2; ++row) {
+        for (int column = 0; column < 2; ++column)
+            expected += QString::number(int(seen[row][column]));
+    }
+    QDeadlineTimer deadline(10000);
+    while (got != expected && !deadline.hasExpired()) {
+        const cv::Mat frame = waitForFrontFrame(front, 40);
+        QVERIFY(!frame.empty());
+        QCOMPARE(frame.rows, 40);
+        got.clear();
+        for (int row = 0; row < 2; ++row) {
+            for (int column = 0; column < 2; ++column) {
+                const cv::Vec4b p = frame.at<cv::Vec4b>(row * 20 + 10, column * 20 + 10);
+                int colour = -1;
+                for (int c = 0; c < 4; ++c) {
+                    if (std::abs(p[0] - rgb[c][0]) <= 2 && std::abs(p[1] - rgb[c][1]) <= 2
+                        && std::abs(p[2] - rgb[c][2]) <= 2)
+                        colour = c;
+                }
+                got += colour < 0 ? QStringLiteral("?") : QString::number(colour);
+            }
+        }
+        if (got != expected)
+            QTest::qWait(20);
+    }
+    QCOMPARE(got, expected);
 }
 
 void PortalCaptureTest::stoppingTheServerEndsTheSessionForGood()

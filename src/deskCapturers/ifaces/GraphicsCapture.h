@@ -169,6 +169,8 @@ public:
     virtual long outputColorSpace(const std::shared_ptr<DisplayOutput>& output, int& colorSpace) = 0;
     /// The rotation the frames are delivered in now, a DXGI_MODE_ROTATION value.
     virtual long outputRotation(const std::shared_ptr<DisplayOutput>& output, int& rotation) = 0;
+    /// Whether the frames come mirrored left to right, before the rotation is applied.
+    virtual long outputMirrored(const std::shared_ptr<DisplayOutput>& output, bool& mirrored) = 0;
 
     virtual long createFreeThreadedPool(const CaptureDevice& device, int pixelFormat, int bufferCount, CaptureSize size,
         std::shared_ptr<CaptureFramePool>& pool)

@@ -185,6 +185,12 @@ int rotationFromTransform(std::uint32_t transform)
     }
 }
 
+bool isMirroredTransform(std::uint32_t transform)
+{
+    return transform == SPA_META_TRANSFORMATION_Flipped || transform == SPA_META_TRANSFORMATION_Flipped90
+        || transform == SPA_META_TRANSFORMATION_Flipped180 || transform == SPA_META_TRANSFORMATION_Flipped270;
+}
+
 bool isCorrupted(const spa_buffer* buffer)
 {
     auto* header
@@ -355,6 +361,7 @@ struct PipeWireStream::Loop
     std::atomic<int> width {0};
     std::atomic<int> height {0};
     std::atomic<int> rotation {1};
+    std::atomic<bool> mirrored {false};
     std::atomic<bool> negotiatedDmaBuf {false};
 
     class Lock
@@ -537,8 +544,10 @@ struct PipeWireStream::Loop
     void deliver(pw_buffer* newest)
     {
         if (auto* transform = static_cast<spa_meta_videotransform*>(
-                spa_buffer_find_meta_data(newest->buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
+                spa_buffer_find_meta_data(newest->buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)))) {
             rotation = rotationFromTransform(transform->transform);
+            mirrored = isMirroredTransform(transform->transform);
+        }
         const spa_buffer* buffer = newest->buffer;
         const Layout* layout = layoutOf(format);
         if (buffer->n_datas < 1 || isCorrupted(buffer) || !layout || !buffer->datas[0].chunk) {
@@ -887,6 +896,11 @@ long PipeWireStream::renegotiate(int width, int height)
 int PipeWireStream::rotation() const
 {
     return m_loop->rotation;
+}
+
+bool PipeWireStream::isMirrored() const
+{
+    return m_loop->mirrored;
 }
 
 void PipeWireStream::negotiatedSize(int& width, int& height) const

@@ -117,6 +117,8 @@ public:
     long renegotiate(int width, int height);
     /// The source's rotation as a DXGI_MODE_ROTATION value (1 until the source says otherwise).
     int rotation() const;
+    /// Whether the source's pictures are mirrored left to right before that rotation (a flipped transform).
+    bool isMirrored() const;
     /// Width and height of the negotiated format; 0 before negotiation.
     void negotiatedSize(int& width, int& height) const;
     /// True when the negotiated buffers are DMA-BUFs.

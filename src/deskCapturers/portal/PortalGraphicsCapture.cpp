@@ -457,6 +457,14 @@ long PortalGraphicsCapture::outputRotation(const std::shared_ptr<Ifaces::Display
     return S_OK;
 }
 
+long PortalGraphicsCapture::outputMirrored(const std::shared_ptr<Ifaces::DisplayOutput>&, bool& mirrored)
+{
+    std::lock_guard<std::mutex> lock(m_streamMutex);
+    const auto stream = m_stream.lock();
+    mirrored = stream && stream->isMirrored();
+    return S_OK;
+}
+
 long PortalGraphicsCapture::createFreeThreadedPool(const Ifaces::CaptureDevice& device, int, int,
     Ifaces::CaptureSize size, std::shared_ptr<Ifaces::CaptureFramePool>& pool)
 {

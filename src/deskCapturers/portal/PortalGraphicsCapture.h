@@ -26,7 +26,8 @@ class ScreenCastPortal;
  *   picks one); its restore token is kept for the life of the process per
  *   monitor handle, so the user is asked once.
  * - The cursor is embedded in the picture where the portal offers that.
- * - The stream's video transform is the rotation; a pool re-creation asks
+ * - The stream's video transform is the rotation, with the mirror that
+ *   comes before it for flipped transforms; a pool re-creation asks
  *   the source for the new size.
  * - Frames are scaled with OpenGL ES on the capture device's EGL context, or
  *   on the CPU where no context can be made. DMA-BUFs that the context
@@ -52,6 +53,7 @@ public:
     long queryOutputColorSpace(const std::shared_ptr<Ifaces::DisplayOutput>& output) override;
     long outputColorSpace(const std::shared_ptr<Ifaces::DisplayOutput>& output, int& colorSpace) override;
     long outputRotation(const std::shared_ptr<Ifaces::DisplayOutput>& output, int& rotation) override;
+    long outputMirrored(const std::shared_ptr<Ifaces::DisplayOutput>& output, bool& mirrored) override;
     long createFreeThreadedPool(const Ifaces::CaptureDevice& device, int pixelFormat, int bufferCount,
         Ifaces::CaptureSize size, std::shared_ptr<Ifaces::CaptureFramePool>& pool) override;
 

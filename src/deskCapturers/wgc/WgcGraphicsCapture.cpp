@@ -526,6 +526,12 @@ long WgcGraphicsCapture::outputRotation(const std::shared_ptr<Ifaces::DisplayOut
     return hr;
 }
 
+long WgcGraphicsCapture::outputMirrored(const std::shared_ptr<Ifaces::DisplayOutput>&, bool& mirrored)
+{
+    mirrored = false; // Windows turns outputs but does not mirror them
+    return S_OK;
+}
+
 long WgcGraphicsCapture::createFreeThreadedPool(const Ifaces::CaptureDevice& device, int pixelFormat, int bufferCount,
     Ifaces::CaptureSize size, std::shared_ptr<Ifaces::CaptureFramePool>& pool)
 {

@@ -37,6 +37,7 @@ public:
     long queryOutputColorSpace(const std::shared_ptr<Ifaces::DisplayOutput>& output) override;
     long outputColorSpace(const std::shared_ptr<Ifaces::DisplayOutput>& output, int& colorSpace) override;
     long outputRotation(const std::shared_ptr<Ifaces::DisplayOutput>& output, int& rotation) override;
+    long outputMirrored(const std::shared_ptr<Ifaces::DisplayOutput>& output, bool& mirrored) override;
     long createFreeThreadedPool(const Ifaces::CaptureDevice& device, int pixelFormat, int bufferCount,
         Ifaces::CaptureSize size, std::shared_ptr<Ifaces::CaptureFramePool>& pool) override;
 };

@@ -39,6 +39,7 @@ public:
     Orvanta::Ifaces::CaptureSize itemSize {64, 32};
     int colorSpace = 0;
     std::atomic<int> rotation {1};
+    std::atomic<bool> mirrored {false};
     bool hasCursorOption = true;
     bool hasBorderOption = true;
     bool framesAvailable = true;
@@ -365,6 +366,11 @@ public:
     {
         value = rotation.load();
         return result("outputRotation");
+    }
+    long outputMirrored(const std::shared_ptr<Orvanta::Ifaces::DisplayOutput>&, bool& value) override
+    {
+        value = mirrored.load();
+        return result("outputMirrored");
     }
     long createFreeThreadedPool(const Orvanta::Ifaces::CaptureDevice&, int pixelFormat, int bufferCount,
         Orvanta::Ifaces::CaptureSize size, std::shared_ptr<Orvanta::Ifaces::CaptureFramePool>& pool) override
