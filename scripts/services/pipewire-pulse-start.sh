@@ -10,29 +10,17 @@ set -euo pipefail
 dir=$1
 name=$2
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=service-lib.sh
+source "$here/service-lib.sh"
 T=$dir/$name.d
 [[ -d $T ]] && "$here/pipewire-pulse-stop.sh" "$dir" "$name" || true
 rm -rf "$T"
-mkdir -p "$T/home/.config/wireplumber/bluetooth.lua.d"
+mkdir -p "$T/home/.config"
 mkdir -p -m 700 "$T/xdg"
 export XDG_RUNTIME_DIR=$T/xdg HOME=$T/home XDG_CONFIG_HOME=$T/home/.config
 unset PIPEWIRE_REMOTE PIPEWIRE_RUNTIME_DIR PULSE_SERVER PULSE_RUNTIME_PATH PULSE_STATE_PATH DISPLAY WAYLAND_DISPLAY
 
-# WirePlumber exits when logind's state folders are missing (a container, a
-# root without systemd); the tests use no Bluetooth device.
-cat >"$T/home/.config/wireplumber/bluetooth.lua.d/51-no-logind.lua" <<'LUA'
-bluez_monitor.properties["with-logind"] = false
-LUA
-
-dbus-daemon --session --fork --print-pid=4 --address="unix:path=$XDG_RUNTIME_DIR/bus" 4>"$T/dbus.pid"
-export DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
-
-pipewire >"$T/pipewire.log" 2>&1 &
-echo $! >"$T/pipewire.pid"
-for _ in $(seq 100); do [[ -S $XDG_RUNTIME_DIR/pipewire-0 ]] && break; sleep 0.05; done
-[[ -S $XDG_RUNTIME_DIR/pipewire-0 ]] || { echo "pipewire did not start" >&2; cat "$T/pipewire.log" >&2; exit 1; }
-wireplumber >"$T/wireplumber.log" 2>&1 &
-echo $! >"$T/wireplumber.pid"
+start_pipewire_session "$T"
 pipewire-pulse >"$T/pipewire-pulse.log" 2>&1 &
 echo $! >"$T/pipewire-pulse.pid"
 
@@ -64,14 +52,8 @@ for _ in $(seq 200); do
 done
 pactl set-default-sink sinkA
 
-silence() {
-    local sink=$1 rate=$2
-    pacat --playback --latency-msec=20 --device="$sink" --raw --format=s16le --rate="$rate" --channels=2 \
-        </dev/zero >/dev/null 2>&1 &
-    echo $! >"$T/silence-$sink.pid"
-}
-silence sinkA 48000
-silence sinkB 44100
+play_silence "$T" sinkA 48000
+play_silence "$T" sinkB 44100
 
 cat >"$dir/$name.env" <<ENV
 export XDG_RUNTIME_DIR=$XDG_RUNTIME_DIR

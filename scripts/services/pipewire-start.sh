@@ -10,6 +10,8 @@ set -euo pipefail
 dir=$1
 name=$2
 here=$(cd "$(dirname "$0")" && pwd)
+# shellcheck source=service-lib.sh
+source "$here/service-lib.sh"
 T=$dir/$name.d
 [[ -d $T ]] && "$here/pipewire-stop.sh" "$dir" "$name" || true
 rm -rf "$T"
@@ -24,24 +26,7 @@ context.objects = [ { factory = spa-node-factory args = { factory.name = videote
   node.name = test-videotestsrc media.class = "Video/Source" Spa:Pod:Object:Param:Props:patternType = 0 } } ]
 CONF
 
-# WirePlumber's Bluetooth monitor asks logind which seat is active, and
-# WirePlumber exits when logind's state folders are missing (a container, a
-# fresh root without systemd). The tests use no Bluetooth device.
-mkdir -p "$T/home/.config/wireplumber/bluetooth.lua.d"
-cat >"$T/home/.config/wireplumber/bluetooth.lua.d/51-no-logind.lua" <<'LUA'
-bluez_monitor.properties["with-logind"] = false
-LUA
-
-dbus-daemon --session --fork --print-pid=4 --address="unix:path=$XDG_RUNTIME_DIR/bus" 4>"$T/dbus.pid"
-export DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
-
-pipewire >"$T/pipewire.log" 2>&1 &
-echo $! >"$T/pipewire.pid"
-for _ in $(seq 100); do [[ -S $XDG_RUNTIME_DIR/pipewire-0 ]] && break; sleep 0.05; done
-[[ -S $XDG_RUNTIME_DIR/pipewire-0 ]] || { echo "pipewire did not start" >&2; cat "$T/pipewire.log" >&2; exit 1; }
-
-wireplumber >"$T/wireplumber.log" 2>&1 &
-echo $! >"$T/wireplumber.pid"
+start_pipewire_session "$T"
 
 # The distribution's interpreter: the D-Bus and GLib bindings are its packages.
 /usr/bin/python3 "$here/fake-screencast-portal.py" --size "${ORVANTA_SCREENCAST_SIZE:-640x360}" \

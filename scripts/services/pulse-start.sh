@@ -9,6 +9,8 @@ set -euo pipefail
 dir=$1
 name=$2
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=service-lib.sh
+source "$here/service-lib.sh"
 base=$dir/$name
 mkdir -p "$base/run" "$base/state" "$base/home"
 chmod 700 "$base/run"
@@ -31,15 +33,8 @@ if [[ $ready -ne 1 ]]; then
     exit 1
 fi
 
-# At each sink's own rate: a stream at another rate could switch an idle sink to it.
-silence() {
-    local sink=$1 rate=$2
-    pacat --playback --latency-msec=20 --device="$sink" --raw --format=s16le --rate="$rate" --channels=2 \
-        </dev/zero >/dev/null 2>&1 &
-    echo $! >"$base/silence-$sink.pid"
-}
-silence sinkA 48000
-silence sinkB 44100
+play_silence "$base" sinkA 48000
+play_silence "$base" sinkB 44100
 
 cat >"$dir/$name.env" <<ENV
 export PULSE_RUNTIME_PATH=$base/run
