@@ -1,6 +1,9 @@
 #include "GlxContextScope.h"
 
 #include <dlfcn.h>
+#include <link.h>
+
+#include <cstddef>
 
 namespace Orvanta {
 namespace Egl {
@@ -42,12 +45,34 @@ struct GlxEntryPoints
     }
 };
 
+/// How many objects the process has loaded so far; it changes with every dlopen.
+unsigned long long loadedObjectCount()
+{
+    unsigned long long adds = 0;
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, std::size_t size, void* data) {
+            if (size >= offsetof(dl_phdr_info, dlpi_adds) + sizeof(info->dlpi_adds))
+                *static_cast<unsigned long long*>(data) = info->dlpi_adds;
+            return 1; // the counter is the same in every entry: the first will do
+        },
+        &adds);
+    return adds;
+}
+
 const GlxEntryPoints& entryPoints()
 {
-    // Looked up once a use: an application may load GLX after the library started.
+    // A scope is made for every frame. Where GLX isn't loaded, look again
+    // only once the process has loaded something new, since an application
+    // may load GLX after the library started.
     thread_local GlxEntryPoints points;
-    if (!points.complete())
-        points = GlxEntryPoints();
+    thread_local unsigned long long probedAtCount = 0;
+    if (!points.complete()) {
+        const unsigned long long count = loadedObjectCount();
+        if (count != probedAtCount) {
+            probedAtCount = count;
+            points = GlxEntryPoints();
+        }
+    }
     return points;
 }
 
