@@ -1,7 +1,6 @@
 #include "XcbScreenGrabber.h"
 
 #include "XcbConnection.h"
-#include "XcbPixelLayout.h"
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -34,7 +33,13 @@ bool XcbScreenGrabber::connect()
         return true;
     releaseSegment();
     m_connection.reset();
-    return XcbConnection::open(m_displayName.empty() ? nullptr : m_displayName.c_str(), m_connection) >= 0;
+    m_layouts.clear();
+    if (XcbConnection::open(m_displayName.empty() ? nullptr : m_displayName.c_str(), m_connection) < 0)
+        return false;
+    // A root visual lasts as long as the connection: read it once, not at every grab.
+    for (int index = 0; index < m_connection->screenCount(); ++index)
+        m_layouts.emplace_back(m_connection->screen(index));
+    return true;
 }
 
 bool XcbScreenGrabber::monitorRect(std::uintptr_t monitor, Ifaces::ScreenRect& rect)
@@ -113,7 +118,7 @@ bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& re
         || rect.right > screenWidth || rect.bottom > screenHeight)
         return false;
     // 32 bits a pixel: B, G, R and a spare byte, or deeper channels converted below.
-    const XcbPixelLayout layout(screen);
+    const XcbPixelLayout& layout = m_layouts[std::size_t(screenIndex)];
     if (!layout.isSupported())
         return false;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "XcbPixelLayout.h"
 #include "ifaces/ScreenGrabber.h"
 
 #include <xcb/shm.h>
@@ -40,6 +41,7 @@ private:
     std::mutex m_mutex;
     std::string m_displayName;
     std::shared_ptr<XcbConnection> m_connection;
+    std::vector<XcbPixelLayout> m_layouts; // one a screen of the connection
     xcb_shm_seg_t m_segment = 0;
     unsigned char* m_segmentMemory = nullptr;
     std::size_t m_segmentSize = 0;
