@@ -28,6 +28,9 @@ packages=(
     # displays: XCB with RandR, SHM, DAMAGE, an X server for the tests
     libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-damage0-dev
     libxcb-xfixes0-dev libxcb-image0-dev xvfb x11-xserver-utils x11-utils
+    # Wayland displays: the client library, xdg-output's description and the
+    # scanner that turns protocol descriptions into client code
+    libwayland-dev wayland-protocols libwayland-bin
     # GPU scaling: EGL + OpenGL ES with Mesa's software rasteriser
     libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
     # machine information: PCI ID database
