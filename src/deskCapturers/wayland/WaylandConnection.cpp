@@ -53,8 +53,13 @@ struct WaylandConnection::Output
 
 namespace {
 
-/// The clockwise rotation that shows a picture of @p transform as its user sees it.
-/// Wayland counts counter-clockwise, as RandR does; mirrored outputs keep their turn.
+/**
+ * The rotation of an output's pictures, in the blit and duplication back-ends'
+ * sense. Wayland counts its transforms counter-clockwise: an output turned
+ * by 270 (what sway calls a clockwise quarter turn) is handed out with its
+ * user's top left corner at the picture's top right, which a quarter turn
+ * counter-clockwise (Rotate90) undoes. Mirrored outputs keep their turn.
+ */
 Ifaces::OutputRotation rotationFromTransform(std::int32_t transform)
 {
     switch (transform & 3) {

@@ -42,6 +42,7 @@ long WaylandDuplication::create(
         return DXGI_ERROR_NOT_CURRENTLY_AVAILABLE;
     if (info.modeWidth <= 0 || info.modeHeight <= 0)
         return DXGI_ERROR_NOT_CURRENTLY_AVAILABLE;
+    // The compositor's pictures are the mode's size, before any turning.
     duplication.reset(new WaylandDuplication(std::move(output), geometry, info.modeWidth, info.modeHeight));
     return S_OK;
 }
@@ -58,11 +59,26 @@ WaylandDuplication::WaylandDuplication(
 
 WaylandDuplication::~WaylandDuplication() = default;
 
+namespace {
+
+bool isQuarterTurn(Ifaces::OutputRotation rotation)
+{
+    return rotation == Ifaces::OutputRotation::Rotate90 || rotation == Ifaces::OutputRotation::Rotate270;
+}
+
+bool isTurned(Ifaces::OutputRotation rotation)
+{
+    return isQuarterTurn(rotation) || rotation == Ifaces::OutputRotation::Rotate180;
+}
+
+} // namespace
+
 Ifaces::DuplicationDescription WaylandDuplication::description() const
 {
     Ifaces::DuplicationDescription description;
-    description.width = unsigned(m_width);
-    description.height = unsigned(m_height);
+    const bool quarter = isQuarterTurn(m_geometry.rotation);
+    description.width = unsigned(quarter ? m_height : m_width);
+    description.height = unsigned(quarter ? m_width : m_height);
     description.format = kBgraFormat;
     description.rotation = int(m_geometry.rotation);
     return description;
@@ -89,9 +105,45 @@ long WaylandDuplication::acquireNextFrame(unsigned timeoutMilliseconds)
     if (m_copy->width() != m_width || m_copy->height() != m_height)
         return DXGI_ERROR_ACCESS_LOST;
     m_changedAll = m_firstFrame || m_copy->changedRects().empty();
+    if (isTurned(m_geometry.rotation)) {
+        turnPicture();
+        // The changed parts are in the unturned picture's coordinates.
+        m_changedAll = true;
+    }
     m_firstFrame = false;
     m_frameHeld = true;
     return S_OK;
+}
+
+void WaylandDuplication::turnPicture()
+{
+    const int width = m_width;
+    const int height = m_height;
+    const std::size_t stride = m_copy->bytesPerLine();
+    const auto* from = m_copy->pixels();
+    m_turned.resize(std::size_t(width) * std::size_t(height) * 4);
+    auto* to = reinterpret_cast<std::uint32_t*>(m_turned.data());
+    const Ifaces::OutputRotation rotation = m_geometry.rotation;
+    // Rotate90 turns a quarter counter-clockwise, Rotate270 a quarter clockwise.
+    const int turnedWidth = isQuarterTurn(rotation) ? height : width;
+    for (int y = 0; y < height; ++y) {
+        const auto* line = reinterpret_cast<const std::uint32_t*>(from + stride * std::size_t(y));
+        for (int x = 0; x < width; ++x) {
+            int toX = 0;
+            int toY = 0;
+            if (rotation == Ifaces::OutputRotation::Rotate90) {
+                toX = y;
+                toY = width - 1 - x;
+            } else if (rotation == Ifaces::OutputRotation::Rotate270) {
+                toX = height - 1 - y;
+                toY = x;
+            } else {
+                toX = width - 1 - x;
+                toY = height - 1 - y;
+            }
+            to[std::size_t(toY) * std::size_t(turnedWidth) + std::size_t(toX)] = line[x];
+        }
+    }
 }
 
 long WaylandDuplication::frameSource(Ifaces::ScalerSource& source)
@@ -99,6 +151,15 @@ long WaylandDuplication::frameSource(Ifaces::ScalerSource& source)
     if (!m_frameHeld)
         return DXGI_ERROR_INVALID_CALL;
     source = Ifaces::ScalerSource();
+    if (isTurned(m_geometry.rotation)) {
+        const bool quarter = isQuarterTurn(m_geometry.rotation);
+        source.pixels = m_turned.data();
+        source.width = quarter ? m_height : m_width;
+        source.height = quarter ? m_width : m_height;
+        source.bytesPerLine = std::size_t(source.width) * 4;
+        source.format = Ifaces::PixelFormat::B8G8R8X8Unorm;
+        return S_OK;
+    }
     source.pixels = m_copy->pixels();
     source.bytesPerLine = m_copy->bytesPerLine();
     source.width = m_width;

@@ -4,6 +4,7 @@
 #include "ifaces/DisplayOutput.h"
 #include "ifaces/OutputDuplication.h"
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -26,7 +27,8 @@ class WaylandScreencopy;
  * its picture too; every later one asks for a copy once the compositor drew
  * something new, and answers DXGI_ERROR_WAIT_TIMEOUT while nothing was. The
  * picture stays in shared memory, which the scaler reads as B, G, R, padding,
- * told which parts changed. A change of the output's position, size or
+ * told which parts changed; a turned output's picture is turned here first,
+ * so that frames show it as its user sees it. A change of the output's position, size or
  * rotation, or the output going away, answers DXGI_ERROR_ACCESS_LOST, so that
  * the capturer makes a new session; a broken connection answers
  * DXGI_ERROR_SESSION_DISCONNECTED.
@@ -49,12 +51,15 @@ private:
     WaylandDuplication(
         std::shared_ptr<WaylandOutput> output, const Ifaces::OutputDescription& geometry, int width, int height);
     bool geometryChanged() const;
+    void turnPicture();
 
     std::shared_ptr<WaylandOutput> m_output;
     Ifaces::OutputDescription m_geometry;
     int m_width = 0;
     int m_height = 0;
     std::unique_ptr<WaylandScreencopy> m_copy;
+    /// The picture as the output's user sees it, for a turned output.
+    std::vector<std::uint8_t> m_turned;
     bool m_firstFrame = true;
     bool m_changedAll = true;
     bool m_frameHeld = false;
