@@ -28,9 +28,6 @@ packages=(
     # displays: XCB with RandR, SHM, DAMAGE, an X server for the tests
     libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-damage0-dev
     libxcb-xfixes0-dev libxcb-image0-dev xvfb x11-xserver-utils x11-utils
-    # Wayland displays: the client library, xdg-output's description and the
-    # scanner that turns protocol descriptions into client code
-    libwayland-dev wayland-protocols libwayland-bin
     # GPU scaling: EGL + OpenGL ES with Mesa's software rasteriser
     libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri
     # machine information: PCI ID database
@@ -46,6 +43,13 @@ packages=(
     # portal written with the D-Bus and GLib bindings of Python
     libdbus-1-dev libpipewire-0.3-dev dbus pipewire pipewire-bin wireplumber
     libspa-0.2-modules python3-dbus python3-gi
+    # Wayland: the client library and its protocol descriptions; for the tests a
+    # headless sway with wallpapers, XWayland and a screenshot tool, the desktop
+    # portal with its wlroots back-end, and setpriv/xhost to run sway as a user
+    libwayland-dev libwayland-bin wayland-protocols
+    sway swaybg xwayland grim xdg-desktop-portal xdg-desktop-portal-wlr fuse3 util-linux
+    # the example and its test pattern on Wayland: Qt's Wayland platform
+    qtwayland5
     # audio tests against PipeWire's PulseAudio-compatible server
     pipewire-pulse
     # https tests: the openssl tool makes the test certificate authority
