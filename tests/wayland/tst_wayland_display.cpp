@@ -28,7 +28,17 @@
 
 #include <opencv2/core.hpp>
 
+#include <wayland-server.h>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 using Orvanta::Ifaces::OutputDescription;
 
@@ -99,6 +109,134 @@ private:
     QProcess m_process;
 };
 
+/**
+ * A compositor of the test's own that only announces outputs, for what sway
+ * 1.7's headless outputs cannot do: go away (switching one off fails there).
+ * It runs on a thread of its own; the test changes it through run().
+ */
+class StandInCompositor
+{
+public:
+    StandInCompositor()
+    {
+        m_display = wl_display_create();
+        const char* socket = wl_display_add_socket_auto(m_display);
+        m_socket = socket ? socket : "";
+        m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        m_wakeSource
+            = wl_event_loop_add_fd(wl_display_get_event_loop(m_display), m_wake, WL_EVENT_READABLE, &wake, this);
+        m_thread = std::thread([this] {
+            wl_event_loop* loop = wl_display_get_event_loop(m_display);
+            while (!m_stop) {
+                wl_display_flush_clients(m_display);
+                wl_event_loop_dispatch(loop, 100);
+            }
+        });
+    }
+    ~StandInCompositor()
+    {
+        run([this] { m_stop = true; });
+        m_thread.join();
+        wl_event_source_remove(m_wakeSource);
+        wl_display_destroy_clients(m_display);
+        wl_display_destroy(m_display);
+        ::close(m_wake);
+    }
+    QString socket() const
+    {
+        return QString::fromLocal8Bit(m_socket.c_str());
+    }
+    /// Announces an output; its global, for removeOutput().
+    wl_global* addOutput(const std::string& name, int x, int y, int width, int height)
+    {
+        wl_global* global = nullptr;
+        run([&] {
+            auto* output = new Output {name, x, y, width, height};
+            global = wl_global_create(m_display, &wl_output_interface, 4, output, &bindOutput);
+            m_outputs.push_back(std::unique_ptr<Output>(output));
+        });
+        return global;
+    }
+    void removeOutput(wl_global* global)
+    {
+        run([global] { wl_global_destroy(global); });
+    }
+
+private:
+    struct Output
+    {
+        std::string name;
+        int x, y, width, height;
+    };
+
+    static void bindOutput(wl_client* client, void* data, std::uint32_t version, std::uint32_t id)
+    {
+        const auto* output = static_cast<const Output*>(data);
+        wl_resource* resource = wl_resource_create(client, &wl_output_interface, int(version), id);
+        wl_resource_set_implementation(resource, &outputRequests, nullptr, nullptr);
+        wl_output_send_geometry(resource, output->x, output->y, 0, 0, WL_OUTPUT_SUBPIXEL_UNKNOWN, "stand-in",
+            "stand-in", WL_OUTPUT_TRANSFORM_NORMAL);
+        wl_output_send_mode(resource, WL_OUTPUT_MODE_CURRENT, output->width, output->height, 60000);
+        if (version >= WL_OUTPUT_NAME_SINCE_VERSION)
+            wl_output_send_name(resource, output->name.c_str());
+        wl_output_send_done(resource);
+    }
+    static void release(wl_client*, wl_resource* resource)
+    {
+        wl_resource_destroy(resource);
+    }
+    static int wake(int fd, std::uint32_t, void* data)
+    {
+        std::uint64_t count = 0;
+        if (::read(fd, &count, sizeof count) < 0)
+            return 0;
+        auto* self = static_cast<StandInCompositor*>(data);
+        std::vector<std::function<void()>> work;
+        {
+            std::lock_guard<std::mutex> lock(self->m_mutex);
+            work.swap(self->m_work);
+        }
+        for (const auto& job : work)
+            job();
+        return 0;
+    }
+    /// Runs @p job on the compositor's thread and waits for it.
+    void run(const std::function<void()>& job)
+    {
+        std::mutex doneMutex;
+        std::condition_variable doneCondition;
+        bool done = false;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_work.push_back([&] {
+                job();
+                std::lock_guard<std::mutex> doneLock(doneMutex);
+                done = true;
+                doneCondition.notify_all();
+            });
+        }
+        const std::uint64_t one = 1;
+        if (::write(m_wake, &one, sizeof one) < 0)
+            return;
+        std::unique_lock<std::mutex> doneLock(doneMutex);
+        doneCondition.wait(doneLock, [&] { return done; });
+    }
+
+    static const struct wl_output_interface outputRequests;
+
+    wl_display* m_display = nullptr;
+    std::string m_socket;
+    int m_wake = -1;
+    wl_event_source* m_wakeSource = nullptr;
+    bool m_stop = false;
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::vector<std::function<void()>> m_work;
+    std::vector<std::unique_ptr<Output>> m_outputs;
+};
+
+const struct wl_output_interface StandInCompositor::outputRequests = {&StandInCompositor::release};
+
 /// The compositor's output named @p name through a display system of its own.
 std::shared_ptr<Orvanta::Ifaces::DisplayOutput> findOutput(
     Orvanta::Ifaces::DisplayAdapter& adapter, const QString& name, unsigned* index = nullptr)
@@ -150,6 +288,7 @@ private slots:
     void rowsNameEveryOutput();
     void outputsDescribeThemselves();
     void addedOutputsAreFollowed();
+    void outputTakenAwayIsNoLongerListed();
     void eachOutputGivesItsColour_data();
     void eachOutputGivesItsColour();
     void turnedOutputComesAsItsUserSeesIt_data();
@@ -274,6 +413,45 @@ void TestWaylandDisplay::addedOutputsAreFollowed()
     Orvanta::Ifaces::ScreenImage image;
     QVERIFY(grabber.grab(description.monitor, rect, image));
     QVERIFY(bgrxIs(image.pixels, image.bytesPerLine, 540, 960, QColor(0x10, 0xc0, 0x40)));
+}
+
+void TestWaylandDisplay::outputTakenAwayIsNoLongerListed()
+{
+    StandInCompositor compositor;
+    QVERIFY(!compositor.socket().isEmpty());
+    compositor.addOutput("LEFT", 0, 0, 800, 600);
+    wl_global* right = compositor.addOutput("RIGHT", 800, 0, 1024, 768);
+    Orvanta::Wayland::WaylandDisplaySystem system(compositor.socket().toStdString());
+    QCOMPARE(system.open(), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
+    QCOMPARE(system.enumAdapter(0, adapter), S_OK);
+    QCOMPARE(outputNames(*adapter), (QStringList {"LEFT", "RIGHT"}));
+    const std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output = findOutput(*adapter, "RIGHT");
+    QVERIFY(output);
+    OutputDescription description;
+    QCOMPARE(output->describe(description), S_OK);
+    // Without xdg-output, wl_output's position and the mode's size.
+    QCOMPARE(description.left, 800L);
+    QCOMPARE(description.right, 1824L);
+    QCOMPARE(description.bottom, 768L);
+    auto duplicator = Orvanta::Ifaces::createPlatformDesktopDuplicator(adapter, nullptr, output);
+    QCOMPARE(duplicator->enumOutput(1), S_OK);
+    // Without screencopy, nothing can be duplicated.
+    std::unique_ptr<Orvanta::Ifaces::OutputDuplication> duplication;
+    QCOMPARE(duplicator->queryDuplicationOutput(), S_OK);
+    QCOMPARE(duplicator->duplicateOutput({87}, duplication), DXGI_ERROR_UNSUPPORTED);
+
+    compositor.removeOutput(right);
+    QTRY_COMPARE_WITH_TIMEOUT(outputNames(*adapter), QStringList {"LEFT"}, 5000);
+    QCOMPARE(output->describe(description), DXGI_ERROR_NOT_CURRENTLY_AVAILABLE);
+    // Found by what it is, not by an index that now names nothing or another output.
+    QCOMPARE(duplicator->enumOutput(1), DXGI_ERROR_NOT_FOUND);
+    QCOMPARE(duplicator->enumOutput(0), DXGI_ERROR_NOT_FOUND);
+
+    // Plugged in again under its name, it is the same output.
+    compositor.addOutput("RIGHT", 800, 0, 1024, 768);
+    QTRY_COMPARE_WITH_TIMEOUT(output->describe(description), S_OK, 5000);
+    QCOMPARE(duplicator->enumOutput(0), S_OK);
 }
 
 void TestWaylandDisplay::eachOutputGivesItsColour_data()

@@ -35,6 +35,16 @@ struct WaylandConnection::Output
     /// Set at the first done event: before it the output is not fully described.
     bool described = false;
 
+    ~Output()
+    {
+        if (xdgOutput)
+            zxdg_output_v1_destroy(xdgOutput);
+        if (version >= WL_OUTPUT_RELEASE_SINCE_VERSION)
+            wl_output_release(proxy);
+        else
+            wl_output_destroy(proxy);
+    }
+
     WaylandOutputInfo current() const
     {
         WaylandOutputInfo result = info;
@@ -244,14 +254,7 @@ WaylandConnection::~WaylandConnection()
     }
     if (m_wakeFd >= 0)
         ::close(m_wakeFd);
-    for (auto& entry : m_outputs) {
-        if (entry.second->xdgOutput)
-            zxdg_output_v1_destroy(entry.second->xdgOutput);
-        if (entry.second->version >= WL_OUTPUT_RELEASE_SINCE_VERSION)
-            wl_output_release(entry.second->proxy);
-        else
-            wl_output_destroy(entry.second->proxy);
-    }
+    m_outputs.clear();
     if (m_xdgOutputManager)
         zxdg_output_manager_v1_destroy(m_xdgOutputManager);
     if (m_screencopy)
@@ -335,16 +338,8 @@ void WaylandConnection::removeGlobal(std::uint32_t name)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_outputs.find(name);
-    if (found == m_outputs.end())
-        return;
-    Output& output = *found->second;
-    if (output.xdgOutput)
-        zxdg_output_v1_destroy(output.xdgOutput);
-    if (output.version >= WL_OUTPUT_RELEASE_SINCE_VERSION)
-        wl_output_release(output.proxy);
-    else
-        wl_output_destroy(output.proxy);
-    m_outputs.erase(found);
+    if (found != m_outputs.end())
+        m_outputs.erase(found);
 }
 
 wl_display* WaylandConnection::display() const
