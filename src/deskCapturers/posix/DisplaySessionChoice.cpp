@@ -14,8 +14,8 @@
 
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cstdlib>
-#include <cstring>
 
 namespace Orvanta {
 
