@@ -1,13 +1,16 @@
 #include "WinRTCapturer.h"
 
+#include "ConfigurationManager.h"
 #include "D3DTextureResizer.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
 #include "ifaces/GraphicsCapture.h"
 
 #include <QtCore/QDebug>
+#include <QtCore/QJsonObject>
 #include <QtCore/QMutexLocker>
 
+#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,6 +85,38 @@ quint64 versionNumber(const std::string& text)
     return value;
 }
 
+/// The name under which the consent of @p context's output is kept.
+QString consentName(const DeskCaptureContext& context)
+{
+    // A context without a name stands for the primary monitor.
+    return context.deviceName.isEmpty() ? QStringLiteral("primary") : context.deviceName;
+}
+
+std::string savedRestoreToken(const QString& output)
+{
+    const QJsonValue tokens
+        = ConfigurationManager::instance()->globalValue(QLatin1String(WinRTCapturer::RestoreTokensKey));
+    return tokens.toObject().value(output).toString().toStdString();
+}
+
+void saveRestoreToken(const QString& output, const std::string& token)
+{
+    ConfigurationManager* configuration = ConfigurationManager::instance();
+    configuration->setGlobalValue(
+        QStringList {QLatin1String(WinRTCapturer::RestoreTokensKey), output}, QString::fromStdString(token));
+    configuration->saveGlobalValues();
+}
+
+/// Whether the picked source is @p context's output: the same top left
+/// corner where the runtime tells the place, else the same size either way round.
+bool isContextOutput(const DeskCaptureContext& context, const ItemGrant& grant, const CaptureSize& size)
+{
+    if (grant.hasSourcePosition)
+        return context.position.topLeft() == QPoint(grant.sourceX, grant.sourceY);
+    const QSize picked(size.width, size.height);
+    return picked == context.position.size() || picked.transposed() == context.position.size();
+}
+
 void logSystemVersion(const std::string& version)
 {
     const quint64 v = versionNumber(version);
@@ -139,12 +174,35 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
             }
         }
 
+        const QString output = consentName(newContext);
+        ItemRequest request;
+        request.monitor = newContext.monitor;
+        request.restoreToken = savedRestoreToken(output);
         std::shared_ptr<CaptureItem> item;
-        long hr = system->createItemForMonitor(newContext.monitor, item);
+        ItemGrant grant;
+        long hr = system->createItemForOutput(request, item, grant);
         if (hr < 0 || !item) {
             qCritical() << "Failed to create IGraphicsCaptureItem for monitor"
                         << win32ErrorMsg(hr < 0 ? hr : E_POINTER);
             return false;
+        }
+        CaptureSize size;
+        check(item->size(size));
+        keepConsent(output, request, grant);
+        if (grant.consent != CaptureConsent::NotAsked && !newContext.position.isEmpty()
+            && !isContextOutput(newContext, grant, size)) {
+            const QRect& row = newContext.position;
+            const QString picked = grant.hasSourcePosition
+                ? QStringLiteral("%1,%2 %3x%4").arg(grant.sourceX).arg(grant.sourceY).arg(size.width).arg(size.height)
+                : QStringLiteral("%1x%2").arg(size.width).arg(size.height);
+            qWarning().noquote() << QStringLiteral("[WinRTCapturer]: The user picked another output than %1 "
+                                                   "(%2,%3 %4x%5): capturing the one at %6 instead")
+                                        .arg(output)
+                                        .arg(row.x())
+                                        .arg(row.y())
+                                        .arg(row.width())
+                                        .arg(row.height())
+                                        .arg(picked);
         }
 
         if (system->queryDxgiDevice(newContext.device) != 0) {
@@ -158,9 +216,6 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
             qCritical() << "Failed to get WinRT device" << win32ErrorMsg(hr < 0 ? hr : E_POINTER);
             return false;
         }
-
-        CaptureSize size;
-        check(item->size(size));
 
         hr = system->queryOutputColorSpace(newContext.output);
         if (hr < 0) {
@@ -207,6 +262,22 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
         qCritical() << "[WinRTCapturer]: An unexpected exception occurred while initializing the winrt capture ";
     }
     return false;
+}
+
+void WinRTCapturer::keepConsent(const QString& output, const ItemRequest& request, const ItemGrant& grant)
+{
+    if (grant.restoreTokenRefused) {
+        qInfo().noquote() << QStringLiteral(
+            "[WinRTCapturer]: The portal refused the consent kept for %1; the user was asked again")
+                                 .arg(output);
+    }
+    if (!grant.restoreToken.empty() && grant.restoreToken != request.restoreToken)
+        saveRestoreToken(output, grant.restoreToken);
+    static std::atomic<bool> toldPerSession {false};
+    if (grant.consent == CaptureConsent::PerSession && !toldPerSession.exchange(true)) {
+        qWarning() << "[WinRTCapturer]: The desktop portal keeps no consent beyond a session (it needs ScreenCast "
+                      "version 4 with restore tokens): the user is asked at every start";
+    }
 }
 
 void WinRTCapturer::borderlessAndEnableCursor()
