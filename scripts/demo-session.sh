@@ -13,6 +13,8 @@
 # ORVANTA_DEMO_OWN_SERVICES set to 1 to start both services even where some are running
 # ORVANTA_DEMO_TONE_HZ      play one steady tone of this frequency instead of the sweep
 # ORVANTA_DEMO_MONITORS     how many 1920x1080 monitors side by side the own X server has (default 2)
+# ORVANTA_DEMO_WAYLAND      set to 1 to start a headless Wayland desktop (scripts/services/wayland-start.sh:
+#                           sway with two outputs, the desktop portal, PipeWire) instead of the X server
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 pattern=${ORVANTA_PATTERN_PROGRAM:-$root/build/examples/testpattern/orvanta_testpattern}
@@ -21,6 +23,7 @@ pids=()
 own=${ORVANTA_DEMO_OWN_SERVICES:-0}
 tone=${ORVANTA_DEMO_TONE_HZ:-}
 monitors=${ORVANTA_DEMO_MONITORS:-2}
+wayland=${ORVANTA_DEMO_WAYLAND:-0}
 [[ $monitors =~ ^[1-8]$ ]] || { echo "demo-session: ORVANTA_DEMO_MONITORS must be 1 to 8" >&2; exit 2; }
 
 stop_all() {
@@ -34,11 +37,30 @@ stop_all() {
     for pid in "${pids[@]}"; do
         wait "$pid" 2>/dev/null || true
     done
+    [[ -r $state/wayland.state ]] && "$root/scripts/services/wayland-stop.sh" "$state" wayland
     rm -rf "$state"
 }
 trap stop_all EXIT
 
-if [[ $own == 1 ]] || [[ -z ${DISPLAY:-} ]] || ! xdpyinfo >/dev/null 2>&1; then
+# A Wayland session of the caller's own counts as a screen, as an X display does.
+has_wayland() {
+    local socket=${WAYLAND_DISPLAY:-}
+    [[ -n $socket ]] || return 1
+    [[ $socket == /* ]] || socket=${XDG_RUNTIME_DIR:-/nonexistent}/$socket
+    [[ -S $socket ]]
+}
+
+if [[ $wayland == 1 ]]; then
+    "$root/scripts/services/wayland-start.sh" "$state" wayland
+    # shellcheck disable=SC1091
+    source "$state/wayland.env"
+    # The pattern is a Wayland window of its own; the compositor tiles it over
+    # the first output. Qt follows XDG_SESSION_TYPE to its Wayland platform.
+    "$pattern" >"$state/pattern.log" 2>&1 &
+    pids+=($!)
+    echo "demo-session: started a headless Wayland desktop ($WAYLAND_DISPLAY: HEADLESS-1 1280x720, HEADLESS-2" \
+        "1920x1080) with the desktop portal and a moving test pattern"
+elif [[ $own == 1 ]] || { ! has_wayland && { [[ -z ${DISPLAY:-} ]] || ! xdpyinfo >/dev/null 2>&1; }; }; then
     Xvfb -displayfd 3 -screen 0 $((1920 * monitors))x1080x24 +extension RANDR +extension DAMAGE +extension MIT-SHM \
          -nolisten tcp -noreset 3>"$state/display" 2>"$state/xvfb.log" &
     pids+=($!)

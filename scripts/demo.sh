@@ -4,8 +4,14 @@
 #
 #     bash scripts/demo.sh
 #
-# Arguments after the script name go to the example (see --help). Where no X
-# display or no sound server is running, the demo starts its own.
+# Arguments after the script name go to the example (see --help). Where no
+# screen (X or Wayland) or no sound server is running, the demo starts its own.
+#
+#     bash scripts/demo.sh --wayland
+#
+# starts a headless Wayland desktop (sway with two outputs, the desktop portal
+# and PipeWire) instead of the X server, so that the example can be watched on
+# Wayland on any machine.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/install-deps.sh"
@@ -19,6 +25,10 @@ for argument in "$@"; do
         exec "$root/build/examples/ambilight/orvanta_ambilight" "$@"
     fi
 done
+if [[ ${1:-} == --wayland ]]; then
+    export ORVANTA_DEMO_WAYLAND=1
+    shift
+fi
 # On a machine without a desktop, a virtual screen with a moving pattern and a
 # sound server playing a tone sweep stand in for the user's.
 exec "$root/scripts/demo-session.sh" "$root/build/examples/ambilight/orvanta_ambilight" "$@"

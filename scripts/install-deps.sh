@@ -43,6 +43,13 @@ packages=(
     # portal written with the D-Bus and GLib bindings of Python
     libdbus-1-dev libpipewire-0.3-dev dbus pipewire pipewire-bin wireplumber
     libspa-0.2-modules python3-dbus python3-gi
+    # Wayland: the client library and its protocol descriptions; for the tests a
+    # headless sway with wallpapers, XWayland and a screenshot tool, the desktop
+    # portal with its wlroots back-end, and setpriv/xhost to run sway as a user
+    libwayland-dev libwayland-bin wayland-protocols
+    sway swaybg xwayland grim xdg-desktop-portal xdg-desktop-portal-wlr fuse3 util-linux
+    # the example and its test pattern on Wayland: Qt's Wayland platform
+    qtwayland5
     # audio tests against PipeWire's PulseAudio-compatible server
     pipewire-pulse
     # https tests: the openssl tool makes the test certificate authority
