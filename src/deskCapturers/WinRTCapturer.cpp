@@ -107,14 +107,19 @@ void saveRestoreToken(const QString& output, const std::string& token)
     configuration->saveGlobalValues();
 }
 
-/// Whether the picked source is @p context's output: the same top left
-/// corner where the runtime tells the place, else the same size either way round.
+/**
+ * Whether the picked source can be @p context's output: the same size either
+ * way round (a turned output keeps its unturned size in the stream), and the
+ * same top left corner where the runtime tells one. Some back-ends put every
+ * monitor at 0,0, so that corner only counts against a source elsewhere.
+ */
 bool isContextOutput(const DeskCaptureContext& context, const ItemGrant& grant, const CaptureSize& size)
 {
-    if (grant.hasSourcePosition)
-        return context.position.topLeft() == QPoint(grant.sourceX, grant.sourceY);
     const QSize picked(size.width, size.height);
-    return picked == context.position.size() || picked.transposed() == context.position.size();
+    if (picked != context.position.size() && picked.transposed() != context.position.size())
+        return false;
+    const QPoint corner(grant.sourceX, grant.sourceY);
+    return !grant.hasSourcePosition || corner.isNull() || corner == context.position.topLeft();
 }
 
 void logSystemVersion(const std::string& version)
@@ -186,22 +191,23 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
                         << win32ErrorMsg(hr < 0 ? hr : E_POINTER);
             return false;
         }
-        CaptureSize size;
-        check(item->size(size));
-        keepConsent(output, request, grant);
-        if (grant.consent != CaptureConsent::NotAsked && !newContext.position.isEmpty()
-            && !isContextOutput(newContext, grant, size)) {
+        CaptureSize pickedSize;
+        const bool pickedOther = grant.consent != CaptureConsent::NotAsked && !newContext.position.isEmpty()
+            && item->size(pickedSize) >= 0 && !isContextOutput(newContext, grant, pickedSize);
+        keepConsent(output, request, grant, pickedOther);
+        if (pickedOther) {
             const QRect& row = newContext.position;
-            const QString picked = grant.hasSourcePosition
-                ? QStringLiteral("%1,%2 %3x%4").arg(grant.sourceX).arg(grant.sourceY).arg(size.width).arg(size.height)
-                : QStringLiteral("%1x%2").arg(size.width).arg(size.height);
-            qWarning().noquote() << QStringLiteral("[WinRTCapturer]: The user picked another output than %1 "
-                                                   "(%2,%3 %4x%5): capturing the one at %6 instead")
+            QString picked = QStringLiteral("%1x%2").arg(pickedSize.width).arg(pickedSize.height);
+            if (grant.hasSourcePosition && (grant.sourceX != 0 || grant.sourceY != 0))
+                picked += QStringLiteral(" at %1,%2").arg(grant.sourceX).arg(grant.sourceY);
+            qWarning().noquote() << QStringLiteral("[WinRTCapturer]: The user picked another output than %1 (%2x%3 at "
+                                                   "%4,%5): capturing the picked one (%6) for now, without keeping "
+                                                   "the choice")
                                         .arg(output)
-                                        .arg(row.x())
-                                        .arg(row.y())
                                         .arg(row.width())
                                         .arg(row.height())
+                                        .arg(row.x())
+                                        .arg(row.y())
                                         .arg(picked);
         }
 
@@ -216,6 +222,9 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
             qCritical() << "Failed to get WinRT device" << win32ErrorMsg(hr < 0 ? hr : E_POINTER);
             return false;
         }
+
+        CaptureSize size;
+        check(item->size(size));
 
         hr = system->queryOutputColorSpace(newContext.output);
         if (hr < 0) {
@@ -264,15 +273,19 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
     return false;
 }
 
-void WinRTCapturer::keepConsent(const QString& output, const ItemRequest& request, const ItemGrant& grant)
+void WinRTCapturer::keepConsent(
+    const QString& output, const ItemRequest& request, const ItemGrant& grant, bool pickedOther)
 {
     if (grant.restoreTokenRefused) {
         qInfo().noquote() << QStringLiteral(
             "[WinRTCapturer]: The portal refused the consent kept for %1; the user was asked again")
                                  .arg(output);
     }
-    if (!grant.restoreToken.empty() && grant.restoreToken != request.restoreToken)
-        saveRestoreToken(output, grant.restoreToken);
+    // A choice of another output is not this output's consent: the next start
+    // asks again rather than capture the wrong monitor for good.
+    const std::string kept = pickedOther ? std::string() : grant.restoreToken;
+    if (kept != request.restoreToken && (!kept.empty() || !request.restoreToken.empty()))
+        saveRestoreToken(output, kept);
     static std::atomic<bool> toldPerSession {false};
     if (grant.consent == CaptureConsent::PerSession && !toldPerSession.exchange(true)) {
         qWarning() << "[WinRTCapturer]: The desktop portal keeps no consent beyond a session (it needs ScreenCast "

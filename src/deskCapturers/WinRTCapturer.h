@@ -50,8 +50,11 @@ struct ItemRequest;
  * - once per process, as a warning, when the portal keeps no consent beyond
  *   a session;
  * - at info level, when the portal refused a kept token;
- * - as a warning, when the user picked another output than the context's (a
- *   source elsewhere on the desktop); that source is captured anyway.
+ * - as a warning, when the user picked another output than the context's:
+ *   one of another size, or one that the portal places elsewhere on the
+ *   desktop (a place of 0,0 counts as unknown: some portals give it for every
+ *   monitor). That source is captured for this session, but its token is not
+ *   kept, so the next start asks again.
  */
 class WinRTCapturer : public IDeskCapture
 {
@@ -85,9 +88,10 @@ public:
 
 private:
     cv::Mat captureFrame();
-    /// Keeps the token that @p grant handed out for @p output, and says what needs saying.
-    static void keepConsent(
-        const QString& output, const Orvanta::Ifaces::ItemRequest& request, const Orvanta::Ifaces::ItemGrant& grant);
+    /// Keeps the token that @p grant handed out for @p output, unless the user
+    /// picked another output, and says what needs saying.
+    static void keepConsent(const QString& output, const Orvanta::Ifaces::ItemRequest& request,
+        const Orvanta::Ifaces::ItemGrant& grant, bool pickedOther);
     void endSession();
 
     std::shared_ptr<Orvanta::Ifaces::GraphicsCaptureSystem> system;

@@ -420,13 +420,15 @@ void PortalCaptureTest::aTokenThePortalNoLongerKnowsIsAnsweredAnew()
 
 void PortalCaptureTest::aUserWhoPicksAnotherOutputIsLogged()
 {
-    PortalSideFile position(QStringLiteral("portal-position"), "0,0");
+    PortalSideFile position(QStringLiteral("portal-position"), "640,0");
     MessageCapture log;
     WinRTCapturer capturer;
-    QCOMPARE(capturer.setCaptureContext(outputContext(QStringLiteral("\\\\.\\DISPLAY2"), QRect(640, 0, 640, 360))), 0L);
+    QCOMPARE(capturer.setCaptureContext(outputContext(QStringLiteral("\\\\.\\DISPLAY1"), QRect(0, 0, 640, 360))), 0L);
     QCOMPARE(log.texts(QtWarningMsg),
-        QStringList {QStringLiteral("[WinRTCapturer]: The user picked another output than \\\\.\\DISPLAY2 (640,0 "
-                                    "640x360): capturing the one at 0,0 640x360 instead")});
+        QStringList {
+            QStringLiteral("[WinRTCapturer]: The user picked another output than \\\\.\\DISPLAY1 (640x360 at "
+                           "0,0): capturing the picked one (640x360 at 640,0) for now, without keeping the choice")});
+    QVERIFY(!savedRestoreTokens(m_configDir.path()).contains(QStringLiteral("\\\\.\\DISPLAY1")));
     // What the user picked is what comes.
     QVERIFY(!waitForFrame(capturer).empty());
 }
@@ -598,9 +600,13 @@ void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt_data()
     QTest::addColumn<int>("transform");
     QTest::addColumn<int>("turns"); // quarter turns counter-clockwise
     QTest::addColumn<bool>("flipped");
+    // The transform is what the compositor did to the picture, so the user sees
+    // it undone: a turn the other way, and a flip, which undoes itself, as it is.
     const char* names[8] = {"none", "90", "180", "270", "flipped", "flipped-90", "flipped-180", "flipped-270"};
-    for (int transform = 0; transform < 8; ++transform)
-        QTest::newRow(names[transform]) << transform << transform % 4 << (transform >= 4);
+    for (int transform = 0; transform < 8; ++transform) {
+        const bool flipped = transform >= 4;
+        QTest::newRow(names[transform]) << transform << (flipped ? transform % 4 : (4 - transform % 4) % 4) << flipped;
+    }
 }
 
 void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt()
