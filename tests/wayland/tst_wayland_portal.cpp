@@ -172,6 +172,8 @@ private slots:
     void cleanup();
     void eachOutputGivesItsColour_data();
     void eachOutputGivesItsColour();
+    void bothOutputsAtOnceEachGiveTheirOwn();
+    void aStillOutputGivesItsFirstPictureAtItsFirstChange();
     void aSecondSessionOfAnOutputAsksNobody();
     void aStaleTokenFallsBackToTheQuestion();
     void aUserWhoPicksTheOtherOutputIsLogged();
@@ -234,6 +236,44 @@ void WaylandPortalTest::eachOutputGivesItsColour()
     }
     for (const QString& warning : log.texts(QtWarningMsg))
         QVERIFY2(!warning.startsWith(PickedAnother), qPrintable(warning));
+}
+
+void WaylandPortalTest::bothOutputsAtOnceEachGiveTheirOwn()
+{
+    // Two rows capture side by side, each through a session of its own.
+    choose(Left.name);
+    WinRTCapturer left;
+    QCOMPARE(left.setCaptureContext(contextOf(Left)), 0L);
+    choose(Right.name);
+    WinRTCapturer right;
+    QCOMPARE(right.setCaptureContext(contextOf(Right)), 0L);
+    left.setOutputSize(QSize(16, 9));
+    right.setOutputSize(QSize(16, 9));
+    QVERIFY(!waitForColour(left, Left).empty());
+    QVERIFY(!waitForColour(right, Right).empty());
+    // Both go on delivering their own output, not the one picked last.
+    QVERIFY(!waitForColour(left, Left).empty());
+    QCOMPARE(left.originSize(), Left.position.size());
+    QCOMPARE(right.originSize(), Right.position.size());
+}
+
+void WaylandPortalTest::aStillOutputGivesItsFirstPictureAtItsFirstChange()
+{
+    // The wlr back-end asks the compositor for changed pictures only: a session
+    // on an output where nothing moves gets no picture until something does.
+    // What earlier tests drew has settled first.
+    QTest::qWait(300);
+    choose(Right.name);
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(contextOf(Right)), 0L);
+    capturer.setOutputSize(QSize(16, 9));
+    QElapsedTimer still;
+    still.start();
+    while (still.elapsed() < 500) {
+        QVERIFY(capturer.nextFrame().empty());
+        QTest::qWait(20);
+    }
+    QVERIFY(!waitForColour(capturer, Right).empty());
 }
 
 void WaylandPortalTest::aSecondSessionOfAnOutputAsksNobody()

@@ -29,6 +29,9 @@ class ScreenCastPortal;
  *   tell whether the user picked the output it asked for. A token the
  *   portal fails the session over is dropped and the user asked anew.
  * - The cursor is embedded in the picture where the portal offers that.
+ * - A session shows what the compositor sends. Some portal back-ends (the
+ *   wlroots one) ask the compositor for changed pictures only, so on an
+ *   output where nothing moves the first frame comes with the first change.
  * - The stream's video transform is the rotation, with the mirror that
  *   comes before it for flipped transforms; a pool re-creation asks
  *   the source for the new size.
