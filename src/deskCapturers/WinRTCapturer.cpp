@@ -179,10 +179,13 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
             }
         }
 
+        // Only where the user picks the monitor is there consent to keep.
+        const bool userPicks = system->userPicksSource();
         const QString output = consentName(newContext);
         ItemRequest request;
         request.monitor = newContext.monitor;
-        request.restoreToken = savedRestoreToken(output);
+        if (userPicks)
+            request.restoreToken = savedRestoreToken(output);
         std::shared_ptr<CaptureItem> item;
         ItemGrant grant;
         long hr = system->createItemForOutput(request, item, grant);
@@ -192,9 +195,10 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
             return false;
         }
         CaptureSize pickedSize;
-        const bool pickedOther = grant.consent != CaptureConsent::NotAsked && !newContext.position.isEmpty()
-            && item->size(pickedSize) >= 0 && !isContextOutput(newContext, grant, pickedSize);
-        keepConsent(output, request, grant, pickedOther);
+        const bool pickedOther = userPicks && !newContext.position.isEmpty() && item->size(pickedSize) >= 0
+            && !isContextOutput(newContext, grant, pickedSize);
+        if (userPicks)
+            keepConsent(output, request, grant, pickedOther);
         if (pickedOther) {
             const QRect& row = newContext.position;
             QString picked = QStringLiteral("%1x%2").arg(pickedSize.width).arg(pickedSize.height);

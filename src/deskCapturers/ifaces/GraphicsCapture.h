@@ -189,6 +189,12 @@ public:
     /// The monitors of the desktop, in the platform's order.
     virtual long enumerateMonitors(std::vector<MonitorEntry>& monitors) = 0;
     virtual long createItemForMonitor(std::uintptr_t monitor, std::shared_ptr<CaptureItem>& item) = 0;
+    /// Whether the user, not the caller, picks what an item captures (and
+    /// createItemForOutput() takes and hands out consent).
+    virtual bool userPicksSource() const
+    {
+        return false;
+    }
     /**
      * An item for the output of @p request, with what the runtime granted in
      * @p grant. Runtimes where the caller picks the monitor need nothing more

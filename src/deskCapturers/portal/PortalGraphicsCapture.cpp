@@ -356,6 +356,11 @@ long PortalGraphicsCapture::createItemForMonitor(std::uintptr_t monitor, std::sh
     return createItemForOutput(request, item, grant);
 }
 
+bool PortalGraphicsCapture::userPicksSource() const
+{
+    return true;
+}
+
 long PortalGraphicsCapture::createItemForOutput(
     const Ifaces::ItemRequest& request, std::shared_ptr<Ifaces::CaptureItem>& item, Ifaces::ItemGrant& grant)
 {

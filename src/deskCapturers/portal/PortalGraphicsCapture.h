@@ -53,6 +53,7 @@ public:
     long requestBorderlessAccess(AccessHandler completed) override;
     long enumerateMonitors(std::vector<Ifaces::MonitorEntry>& monitors) override;
     long createItemForMonitor(std::uintptr_t monitor, std::shared_ptr<Ifaces::CaptureItem>& item) override;
+    bool userPicksSource() const override;
     long createItemForOutput(const Ifaces::ItemRequest& request, std::shared_ptr<Ifaces::CaptureItem>& item,
         Ifaces::ItemGrant& grant) override;
     long queryDxgiDevice(const std::shared_ptr<Ifaces::GraphicsDevice>& device) override;
