@@ -6,6 +6,7 @@
 // through each buffer's list of changed parts. Only the capture call that
 // delivers a frame is timed; waiting for the source is not. The PipeWire
 // server, its portal and the X server are private and started here.
+#include "ConfigurationManager.h"
 #include "DXGICapturer.h"
 #include "WinRTCapturer.h"
 #include "ifaces/DisplayAdapter.h"
@@ -82,6 +83,9 @@ public:
                 continue;
             ::setenv(line.substr(prefix.size(), equals - prefix.size()).c_str(), line.substr(equals + 1).c_str(), 1);
         }
+        // Mode 1 keeps the portal's restore tokens in the configuration: a
+        // private one, unless another benchmark made the store first.
+        ConfigurationManager::setConfigPath(QString::fromStdString(m_dir + "/config"));
         m_running = true;
     }
     ~ScreenCastServices()

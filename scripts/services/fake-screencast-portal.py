@@ -10,7 +10,18 @@ A restore token restores one session only; its Start hands out a new one.
 The number of Start requests answered goes to the file "portal-starts" beside
 the --dialogs file.
 
-The cursor mode of the last SelectSources goes to the file named by --cursor.
+The cursor mode of the last SelectSources goes to the file named by --cursor,
+its persist mode to the file "portal-persist" beside the --dialogs file.
+
+More files beside the --dialogs file change what the portal does, for the
+sessions created after they were written:
+- "portal-position" holds "X,Y", where the monitor the user picks lies on the
+  desktop (0,0 without the file).
+- "portal-version" holds the interface's version (4 without the file); below
+  4 it takes no persist mode and hands out no restore token.
+- "portal-stale-tokens" saying "fail" makes a Start with a restore token that
+  the portal does not know fail (response 2), as some portals do, instead of
+  asking the user again.
 
 While the file "portal-hold" beside the --dialogs file says "hold", the user
 leaves the dialog open: Start answers only once the file says something else
@@ -116,6 +127,8 @@ class Session(dbus.service.Object):
         self.portal = portal
         self.path = path
         self.restored = False
+        self.stale = False
+        self.persist = 0
         self.node = None
         self.process = None
 
@@ -144,6 +157,7 @@ class ScreenCast(dbus.service.Object):
         self.width, self.height = (int(v) for v in args.size.split("x"))
         self.sessions = {}
         self.tokens = set()
+        self.issued = 0
         self.dialogs = 0
         self.starts = 0
         self.counter = 0
@@ -162,6 +176,19 @@ class ScreenCast(dbus.service.Object):
         token = str(options.get("handle_token", "t%d" % self.counter))
         self.counter += 1
         return "%s/request/%s/%s" % (PORTAL_PATH, sender[1:].replace(".", "_"), token)
+
+    def side_file(self, name, default=""):
+        try:
+            with open(os.path.join(os.path.dirname(os.path.abspath(self.args.dialogs)), name)) as f:
+                return f.read().strip()
+        except OSError:
+            return default
+
+    def version(self):
+        try:
+            return int(self.side_file("portal-version", "4"))
+        except ValueError:
+            return 4
 
     def hold_path(self):
         return os.path.join(os.path.dirname(os.path.abspath(self.args.dialogs)), "portal-hold")
@@ -203,7 +230,7 @@ class ScreenCast(dbus.service.Object):
         if interface != SCREENCAST:
             raise dbus.exceptions.DBusException("no such interface", name="org.freedesktop.DBus.Error.UnknownInterface")
         return dbus.Dictionary({
-            "version": dbus.UInt32(4),
+            "version": dbus.UInt32(self.version()),
             "AvailableSourceTypes": dbus.UInt32(1 | 2),
             "AvailableCursorModes": dbus.UInt32(1 | 2 | 4),
         }, signature="sv")
@@ -223,18 +250,24 @@ class ScreenCast(dbus.service.Object):
         if session is None or int(options.get("types", 1)) & 1 == 0:
             return self.respond(path, 2, {})
         # As with the real portal, a restore token serves once; Start hands out the next.
+        if self.version() < 4 and ("restore_token" in options or "persist_mode" in options):
+            return self.respond(path, 2, {})
         token = str(options.get("restore_token", ""))
         session.restored = token in self.tokens
+        session.stale = bool(token) and not session.restored
+        session.persist = int(options.get("persist_mode", 0))
         self.tokens.discard(token)
         with open(self.args.cursor, "w") as f:
             f.write(str(int(options.get("cursor_mode", 0))))
+        with open(os.path.join(os.path.dirname(os.path.abspath(self.args.dialogs)), "portal-persist"), "w") as f:
+            f.write(str(session.persist))
         return self.respond(path, 0, {})
 
     @dbus.service.method(SCREENCAST, in_signature="osa{sv}", out_signature="o", sender_keyword="sender")
     def Start(self, session_handle, parent_window, options, sender=None):
         path = self.request_path(sender, options)
         session = self.sessions.get(str(session_handle))
-        if session is None:
+        if session is None or (session.stale and self.side_file("portal-stale-tokens") == "fail"):
             return self.respond(path, 2, {})
         self.counter += 1
         name = "screencast-%d-%d" % (os.getpid(), self.counter)
@@ -249,17 +282,22 @@ class ScreenCast(dbus.service.Object):
         if not session.restored:
             self.dialogs += 1
             self.write_dialogs()
-        token = "restore-%d" % len(self.tokens)
-        self.tokens.add(token)
+        try:
+            x, y = (int(v) for v in self.side_file("portal-position", "0,0").split(","))
+        except ValueError:
+            x, y = 0, 0
         stream = dbus.Struct((dbus.UInt32(node), dbus.Dictionary({
             "size": dbus.Struct((dbus.Int32(self.width), dbus.Int32(self.height)), signature="ii"),
-            "position": dbus.Struct((dbus.Int32(0), dbus.Int32(0)), signature="ii"),
+            "position": dbus.Struct((dbus.Int32(x), dbus.Int32(y)), signature="ii"),
             "source_type": dbus.UInt32(1),
         }, signature="sv")), signature="ua{sv}")
-        return self.respond(path, 0, {
-            "streams": dbus.Array([stream], signature="(ua{sv})"),
-            "restore_token": dbus.String(token),
-        }, hold=True)
+        results = {"streams": dbus.Array([stream], signature="(ua{sv})")}
+        if session.persist:
+            self.issued += 1
+            token = "restore-%d-%d" % (os.getpid(), self.issued)
+            self.tokens.add(token)
+            results["restore_token"] = dbus.String(token)
+        return self.respond(path, 0, results, hold=True)
 
     @dbus.service.method(SCREENCAST, in_signature="oa{sv}", out_signature="h")
     def OpenPipeWireRemote(self, session_handle, options):

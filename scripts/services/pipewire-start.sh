@@ -62,5 +62,6 @@ export DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS
 export ORVANTA_PIPEWIRE_PIDFILE=$T/pipewire.pid
 export ORVANTA_PORTAL_DIALOGS=$T/portal-dialogs
 export ORVANTA_PORTAL_CURSOR=$T/portal-cursor
+export ORVANTA_PORTAL_PERSIST=$T/portal-persist
 export ORVANTA_PORTAL_SOURCE=$T/portal-source
 ENV

@@ -19,6 +19,8 @@ class CaptureFramePool;
 class CaptureSession;
 class CursorCaptureOption;
 class GraphicsCaptureSystem;
+struct ItemGrant;
+struct ItemRequest;
 } // namespace Ifaces
 } // namespace Orvanta
 
@@ -35,6 +37,24 @@ class GraphicsCaptureSystem;
  * Any failure while polling ends the session for good: the pool is closed and
  * every later poll logs once and returns an empty matrix. Only a new capturer
  * brings capture back.
+ *
+ * Where the user picks the monitor (the desktop portal), the consent is kept
+ * per output in the global configuration value "screenCaptureRestoreTokens":
+ * an object with one restore token per output, under the output's platform
+ * name (context.deviceName, "primary" for a context without one). The name
+ * and not the capturer identifier, so that the consent follows the monitor
+ * when outputs are added or reordered. A session of an output hands in its
+ * token, so the user is asked once per output and not at every start; the
+ * token it gets back replaces the kept one at once. A token the portal no
+ * longer honours makes it ask again, and the new answer is kept. The log says:
+ * - once per process, as a warning, when the portal keeps no consent beyond
+ *   a session;
+ * - at info level, when the portal refused a kept token;
+ * - as a warning, when the user picked another output than the context's:
+ *   one of another size, or one that the portal places elsewhere on the
+ *   desktop (a place of 0,0 counts as unknown: some portals give it for every
+ *   monitor). That source is captured for this session, but its token is not
+ *   kept, so the next start asks again.
  */
 class WinRTCapturer : public IDeskCapture
 {
@@ -45,6 +65,9 @@ public:
     explicit WinRTCapturer(QObject* parent = nullptr);
     WinRTCapturer(std::shared_ptr<Orvanta::Ifaces::GraphicsCaptureSystem> system, QObject* parent = nullptr);
     ~WinRTCapturer() override;
+
+    /// The global configuration value that keeps the restore tokens, one per output.
+    static constexpr const char* RestoreTokensKey = "screenCaptureRestoreTokens";
 
     /// The whole setup; false when capture cannot start on @p context.
     bool init(DeskCaptureContext context);
@@ -65,6 +88,10 @@ public:
 
 private:
     cv::Mat captureFrame();
+    /// Keeps the token that @p grant handed out for @p output, unless the user
+    /// picked another output, and says what needs saying.
+    static void keepConsent(const QString& output, const Orvanta::Ifaces::ItemRequest& request,
+        const Orvanta::Ifaces::ItemGrant& grant, bool pickedOther);
     void endSession();
 
     std::shared_ptr<Orvanta::Ifaces::GraphicsCaptureSystem> system;

@@ -81,6 +81,50 @@ void setPortalHold(const QByteArray& state)
         file.write(state);
 }
 
+/// Writes @p content into the stand-in portal's file @p name for one scope.
+class PortalSideFile
+{
+public:
+    PortalSideFile(const QString& name, const QByteArray& content)
+        : m_file(QFileInfo(QString::fromLocal8Bit(qgetenv("ORVANTA_PORTAL_DIALOGS"))).dir().filePath(name))
+    {
+        if (m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            m_file.write(content);
+        m_file.close();
+    }
+    ~PortalSideFile()
+    {
+        m_file.remove();
+    }
+
+private:
+    QFile m_file;
+};
+
+/// The restore tokens as the configuration file on disk holds them.
+QJsonObject savedRestoreTokens(const QString& configDir)
+{
+    QFile file(QDir(configDir).filePath(QStringLiteral("global.json")));
+    if (!file.open(QIODevice::ReadOnly))
+        return QJsonObject();
+    return QJsonDocument::fromJson(file.readAll())
+        .object()
+        .value(QStringLiteral("screenCaptureRestoreTokens"))
+        .toObject();
+}
+
+/// A context for one output of the desktop, as the registry makes them.
+DeskCaptureContext outputContext(const QString& name, const QRect& position)
+{
+    DeskCaptureContext context;
+    context.monitor = 0x1001;
+    context.deviceName = name;
+    context.position = position;
+    context.width = position.width();
+    context.height = position.height();
+    return context;
+}
+
 /// Two outputs side by side, for a registry whose mode 1 is the portal.
 std::shared_ptr<Fakes::FakeDisplaySystem> twoOutputs()
 {
@@ -145,6 +189,12 @@ private slots:
     void outputSizeChangesTheNextFrame();
     void theUserIsAskedOnce();
     void theCursorIsEmbedded();
+    void theConsentOutlivesTheProcess();
+    void eachOutputKeepsItsOwnConsent();
+    void aTokenThePortalFailsOnFallsBackToTheQuestion();
+    void aTokenThePortalNoLongerKnowsIsAnsweredAnew();
+    void aUserWhoPicksAnotherOutputIsLogged();
+    void aPortalWithoutPersistenceIsLoggedOnce();
     void aDmaBufSourceGivesFramesWithItsColours();
     void onlyWhatChangedMovesAndNothingIsLeftBehind();
     void anOpenDialogDoesNotHoldTheRegistry();
@@ -273,6 +323,132 @@ void PortalCaptureTest::theCursorIsEmbedded()
     WinRTCapturer capturer;
     QCOMPARE(capturer.setCaptureContext(DeskCaptureContext()), 0L);
     QCOMPARE(portalRecord("ORVANTA_PORTAL_CURSOR"), 2); // embedded in the picture
+}
+
+void PortalCaptureTest::theConsentOutlivesTheProcess()
+{
+    const QString output = QStringLiteral("CONSENT-1");
+    const int before = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    {
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(outputContext(output, QRect(0, 0, 640, 360))), 0L);
+        QVERIFY(!waitForFrame(capturer).empty());
+    }
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), before + 1);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_PERSIST"), 2); // until the user revokes it
+    // The token is on disk at once: a process started now finds it.
+    const QString first = savedRestoreTokens(m_configDir.path()).value(output).toString();
+    QVERIFY(!first.isEmpty());
+
+    // The next session hands it in: nobody is asked, and its new token replaces the old one.
+    {
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(outputContext(output, QRect(0, 0, 640, 360))), 0L);
+        QVERIFY(!waitForFrame(capturer).empty());
+    }
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), before + 1);
+    const QString second = savedRestoreTokens(m_configDir.path()).value(output).toString();
+    QVERIFY(!second.isEmpty());
+    QVERIFY(second != first);
+}
+
+void PortalCaptureTest::eachOutputKeepsItsOwnConsent()
+{
+    const int before = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    const QString left = QStringLiteral("CONSENT-LEFT");
+    const QString right = QStringLiteral("CONSENT-RIGHT");
+    {
+        PortalSideFile position(QStringLiteral("portal-position"), "0,0");
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(outputContext(left, QRect(0, 0, 640, 360))), 0L);
+    }
+    {
+        PortalSideFile position(QStringLiteral("portal-position"), "640,0");
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(outputContext(right, QRect(640, 0, 640, 360))), 0L);
+    }
+    // One question for each output: the consent for the first does not stand for the second.
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), before + 2);
+    const QJsonObject tokens = savedRestoreTokens(m_configDir.path());
+    QVERIFY(!tokens.value(left).toString().isEmpty());
+    QVERIFY(!tokens.value(right).toString().isEmpty());
+    QVERIFY(tokens.value(left) != tokens.value(right));
+    {
+        PortalSideFile position(QStringLiteral("portal-position"), "640,0");
+        MessageCapture log;
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(outputContext(right, QRect(640, 0, 640, 360))), 0L);
+        QVERIFY(log.texts(QtWarningMsg).isEmpty());
+    }
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), before + 2);
+}
+
+void PortalCaptureTest::aTokenThePortalFailsOnFallsBackToTheQuestion()
+{
+    const QString output = QStringLiteral("STALE-1");
+    ConfigurationManager::instance()->setGlobalValue(
+        QStringList {QStringLiteral("screenCaptureRestoreTokens"), output}, QStringLiteral("forgotten-token"));
+    PortalSideFile stale(QStringLiteral("portal-stale-tokens"), "fail");
+    const int before = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    MessageCapture log;
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(outputContext(output, QRect(0, 0, 640, 360))), 0L);
+    QVERIFY(!waitForFrame(capturer).empty());
+    QCOMPARE(log.texts(QtInfoMsg).count(QStringLiteral(
+                 "[WinRTCapturer]: The portal refused the consent kept for STALE-1; the user was asked again")),
+        1);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), before + 1);
+    const QString kept = savedRestoreTokens(m_configDir.path()).value(output).toString();
+    QVERIFY(!kept.isEmpty());
+    QVERIFY(kept != QStringLiteral("forgotten-token"));
+}
+
+void PortalCaptureTest::aTokenThePortalNoLongerKnowsIsAnsweredAnew()
+{
+    // Most portals ask the user again over a token they do not know.
+    const QString output = QStringLiteral("STALE-2");
+    ConfigurationManager::instance()->setGlobalValue(
+        QStringList {QStringLiteral("screenCaptureRestoreTokens"), output}, QStringLiteral("forgotten-token"));
+    const int before = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(outputContext(output, QRect(0, 0, 640, 360))), 0L);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), before + 1);
+    const QString kept = savedRestoreTokens(m_configDir.path()).value(output).toString();
+    QVERIFY(!kept.isEmpty());
+    QVERIFY(kept != QStringLiteral("forgotten-token"));
+}
+
+void PortalCaptureTest::aUserWhoPicksAnotherOutputIsLogged()
+{
+    PortalSideFile position(QStringLiteral("portal-position"), "640,0");
+    MessageCapture log;
+    WinRTCapturer capturer;
+    QCOMPARE(capturer.setCaptureContext(outputContext(QStringLiteral("\\\\.\\DISPLAY1"), QRect(0, 0, 640, 360))), 0L);
+    QCOMPARE(log.texts(QtWarningMsg),
+        QStringList {
+            QStringLiteral("[WinRTCapturer]: The user picked another output than \\\\.\\DISPLAY1 (640x360 at "
+                           "0,0): capturing the picked one (640x360 at 640,0) for now, without keeping the choice")});
+    QVERIFY(!savedRestoreTokens(m_configDir.path()).contains(QStringLiteral("\\\\.\\DISPLAY1")));
+    // What the user picked is what comes.
+    QVERIFY(!waitForFrame(capturer).empty());
+}
+
+void PortalCaptureTest::aPortalWithoutPersistenceIsLoggedOnce()
+{
+    PortalSideFile version(QStringLiteral("portal-version"), "3");
+    const QString output = QStringLiteral("SESSION-ONLY");
+    const int before = portalRecord("ORVANTA_PORTAL_DIALOGS");
+    MessageCapture log;
+    for (int i = 0; i < 2; ++i) {
+        WinRTCapturer capturer;
+        QCOMPARE(capturer.setCaptureContext(outputContext(output, QRect(0, 0, 640, 360))), 0L);
+    }
+    QCOMPARE(log.count(QtWarningMsg,
+                 QStringLiteral("[WinRTCapturer]: The desktop portal keeps no consent beyond a session (it needs "
+                                "ScreenCast version 4 with restore tokens): the user is asked at every start")),
+        1);
+    QCOMPARE(portalRecord("ORVANTA_PORTAL_DIALOGS"), before + 2);
+    QVERIFY(!savedRestoreTokens(m_configDir.path()).contains(output));
 }
 
 void PortalCaptureTest::aDmaBufSourceGivesFramesWithItsColours()
@@ -424,9 +600,13 @@ void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt_data()
     QTest::addColumn<int>("transform");
     QTest::addColumn<int>("turns"); // quarter turns counter-clockwise
     QTest::addColumn<bool>("flipped");
+    // The transform is what the compositor did to the picture, so the user sees
+    // it undone: a turn the other way, and a flip, which undoes itself, as it is.
     const char* names[8] = {"none", "90", "180", "270", "flipped", "flipped-90", "flipped-180", "flipped-270"};
-    for (int transform = 0; transform < 8; ++transform)
-        QTest::newRow(names[transform]) << transform << transform % 4 << (transform >= 4);
+    for (int transform = 0; transform < 8; ++transform) {
+        const bool flipped = transform >= 4;
+        QTest::newRow(names[transform]) << transform << (flipped ? transform % 4 : (4 - transform % 4) % 4) << flipped;
+    }
 }
 
 void PortalCaptureTest::everyTransformGivesThePictureAsTheUserSeesIt()

@@ -28,6 +28,40 @@ struct MonitorEntry
     unsigned long flags = 0;
 };
 
+/**
+ * What the capturer knows of the output it asks an item for. Where the user,
+ * not the caller, picks what is captured (the desktop portal), the runtime
+ * may skip the question with consent the user gave an earlier session.
+ */
+struct ItemRequest
+{
+    /// The monitor, as the platform names it.
+    std::uintptr_t monitor = 0;
+    /// The consent an earlier session of this output handed out; empty for none.
+    std::string restoreToken;
+};
+
+/// How long the user's consent to a capture lasts.
+enum class CaptureConsent {
+    NotAsked, ///< The caller picks the source; nobody is asked.
+    PerSession, ///< The user is asked again at the next session or process.
+    Persistent, ///< ItemGrant::restoreToken spares the question until the user revokes it.
+};
+
+/// What the runtime granted with an item.
+struct ItemGrant
+{
+    CaptureConsent consent = CaptureConsent::NotAsked;
+    /// The consent to hand in for the next session of this output; empty for none.
+    std::string restoreToken;
+    /// True when the runtime refused ItemRequest::restoreToken and asked the user anew.
+    bool restoreTokenRefused = false;
+    /// Where the source the user picked lies on the desktop, where the runtime says so.
+    bool hasSourcePosition = false;
+    std::int32_t sourceX = 0;
+    std::int32_t sourceY = 0;
+};
+
 /// What can be captured: one monitor, with the size the runtime gives it.
 class CaptureItem
 {
@@ -155,6 +189,22 @@ public:
     /// The monitors of the desktop, in the platform's order.
     virtual long enumerateMonitors(std::vector<MonitorEntry>& monitors) = 0;
     virtual long createItemForMonitor(std::uintptr_t monitor, std::shared_ptr<CaptureItem>& item) = 0;
+    /// Whether the user, not the caller, picks what an item captures (and
+    /// createItemForOutput() takes and hands out consent).
+    virtual bool userPicksSource() const
+    {
+        return false;
+    }
+    /**
+     * An item for the output of @p request, with what the runtime granted in
+     * @p grant. Runtimes where the caller picks the monitor need nothing more
+     * than createItemForMonitor().
+     */
+    virtual long createItemForOutput(const ItemRequest& request, std::shared_ptr<CaptureItem>& item, ItemGrant& grant)
+    {
+        grant = ItemGrant();
+        return createItemForMonitor(request.monitor, item);
+    }
 
     /// Checks that @p device can be shared with the runtime (IDXGIDevice).
     virtual long queryDxgiDevice(const std::shared_ptr<GraphicsDevice>& device) = 0;

@@ -168,16 +168,23 @@ std::uint32_t buildFormats(spa_pod_builder* builder, const std::vector<Ifaces::D
     return count;
 }
 
+/**
+ * The display rotation that shows a buffer as the user sees it. The transform
+ * is the one the compositor applied to the picture (a turned output's buffer
+ * holds it turned), so the picture must be turned back: a quarter turn one
+ * way undoes one the other way. A flipped transform undoes itself, since a
+ * mirror followed by a turn is its own inverse.
+ */
 int rotationFromTransform(std::uint32_t transform)
 {
     switch (transform) {
-    case SPA_META_TRANSFORMATION_90:
+    case SPA_META_TRANSFORMATION_270:
     case SPA_META_TRANSFORMATION_Flipped90:
         return 2;
     case SPA_META_TRANSFORMATION_180:
     case SPA_META_TRANSFORMATION_Flipped180:
         return 3;
-    case SPA_META_TRANSFORMATION_270:
+    case SPA_META_TRANSFORMATION_90:
     case SPA_META_TRANSFORMATION_Flipped270:
         return 4;
     default:

@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <cctype>
-#include <map>
 
 namespace Orvanta {
 
@@ -28,38 +27,6 @@ namespace Portal {
 namespace {
 
 constexpr int RequestCompleted = 1; // Windows.Foundation.AsyncStatus::Completed
-
-/// Restore tokens by monitor handle, for the life of the process: the user
-/// chooses a monitor once, later sessions reuse the choice.
-class RestoreTokens
-{
-public:
-    static std::string take(std::uintptr_t monitor)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        auto it = tokens().find(monitor);
-        return it == tokens().end() ? std::string() : it->second;
-    }
-    static void keep(std::uintptr_t monitor, const std::string& token)
-    {
-        if (token.empty())
-            return;
-        std::lock_guard<std::mutex> lock(mutex());
-        tokens()[monitor] = token;
-    }
-
-private:
-    static std::mutex& mutex()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::map<std::uintptr_t, std::string>& tokens()
-    {
-        static std::map<std::uintptr_t, std::string> t;
-        return t;
-    }
-};
 
 class PortalItem final : public Ifaces::CaptureItem
 {
@@ -383,7 +350,22 @@ long PortalGraphicsCapture::enumerateMonitors(std::vector<Ifaces::MonitorEntry>&
 
 long PortalGraphicsCapture::createItemForMonitor(std::uintptr_t monitor, std::shared_ptr<Ifaces::CaptureItem>& item)
 {
+    Ifaces::ItemRequest request;
+    request.monitor = monitor;
+    Ifaces::ItemGrant grant;
+    return createItemForOutput(request, item, grant);
+}
+
+bool PortalGraphicsCapture::userPicksSource() const
+{
+    return true;
+}
+
+long PortalGraphicsCapture::createItemForOutput(
+    const Ifaces::ItemRequest& request, std::shared_ptr<Ifaces::CaptureItem>& item, Ifaces::ItemGrant& grant)
+{
     item.reset();
+    grant = Ifaces::ItemGrant();
     long hr = ensurePortal();
     if (hr < 0)
         return hr;
@@ -399,10 +381,22 @@ long PortalGraphicsCapture::createItemForMonitor(std::uintptr_t monitor, std::sh
     const bool embedCursor = (portal->availableCursorModes() & ScreenCastPortal::CursorEmbedded) != 0;
     ScreenCastPortal::Stream stream;
     std::string nextToken;
-    hr = portal->openMonitorSession(embedCursor, RestoreTokens::take(monitor), stream, nextToken);
+    hr = portal->openMonitorSession(embedCursor, request.restoreToken, stream, nextToken);
+    // A portal that fails the session over a token it no longer knows gets the
+    // plain question. The user's own no, or no answer at all, stands.
+    if (hr == E_FAIL && !request.restoreToken.empty()) {
+        grant.restoreTokenRefused = true;
+        stream = ScreenCastPortal::Stream();
+        nextToken.clear();
+        hr = portal->openMonitorSession(embedCursor, std::string(), stream, nextToken);
+    }
     if (hr < 0)
         return hr;
-    RestoreTokens::keep(monitor, nextToken);
+    grant.consent = nextToken.empty() ? Ifaces::CaptureConsent::PerSession : Ifaces::CaptureConsent::Persistent;
+    grant.restoreToken = nextToken;
+    grant.hasSourcePosition = stream.hasPosition;
+    grant.sourceX = stream.x;
+    grant.sourceY = stream.y;
     int fd = -1;
     hr = portal->openPipeWireRemote(fd);
     if (hr < 0) {

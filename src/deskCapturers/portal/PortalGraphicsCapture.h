@@ -23,9 +23,15 @@ class ScreenCastPortal;
  *
  * - Availability is a portal on the session bus with a ScreenCast interface.
  * - The portal, not the caller, decides which monitor is captured (the user
- *   picks one); its restore token is kept for the life of the process per
- *   monitor handle, so the user is asked once.
+ *   picks one). Each item is a session of its own, asked for with the
+ *   restore token the caller kept for that output; the grant hands out the
+ *   next token and where the picked monitor lies, so that the caller can
+ *   tell whether the user picked the output it asked for. A token the
+ *   portal fails the session over is dropped and the user asked anew.
  * - The cursor is embedded in the picture where the portal offers that.
+ * - A session shows what the compositor sends. Some portal back-ends (the
+ *   wlroots one) ask the compositor for changed pictures only, so on an
+ *   output where nothing moves the first frame comes with the first change.
  * - The stream's video transform is the rotation, with the mirror that
  *   comes before it for flipped transforms; a pool re-creation asks
  *   the source for the new size.
@@ -47,6 +53,9 @@ public:
     long requestBorderlessAccess(AccessHandler completed) override;
     long enumerateMonitors(std::vector<Ifaces::MonitorEntry>& monitors) override;
     long createItemForMonitor(std::uintptr_t monitor, std::shared_ptr<Ifaces::CaptureItem>& item) override;
+    bool userPicksSource() const override;
+    long createItemForOutput(const Ifaces::ItemRequest& request, std::shared_ptr<Ifaces::CaptureItem>& item,
+        Ifaces::ItemGrant& grant) override;
     long queryDxgiDevice(const std::shared_ptr<Ifaces::GraphicsDevice>& device) override;
     long createCaptureDevice(const std::shared_ptr<Ifaces::GraphicsDevice>& device,
         std::shared_ptr<Ifaces::CaptureDevice>& captureDevice) override;

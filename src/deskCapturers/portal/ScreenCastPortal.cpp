@@ -19,7 +19,7 @@ constexpr const char* PortalPath = "/org/freedesktop/portal/desktop";
 constexpr const char* ScreenCastInterface = "org.freedesktop.portal.ScreenCast";
 constexpr const char* RequestInterface = "org.freedesktop.portal.Request";
 constexpr std::uint32_t SourceMonitor = 1;
-constexpr std::uint32_t PersistWhileRunning = 1;
+constexpr std::uint32_t PersistUntilRevoked = 2;
 
 struct MessageDeleter
 {
@@ -136,6 +136,25 @@ std::string stringOf(DBusMessageIter* value)
     const char* text = nullptr;
     dbus_message_iter_get_basic(value, &text);
     return text ? std::string(text) : std::string();
+}
+
+/// Reads the (ii) structure at @p value; false when it is something else.
+bool readIntPair(DBusMessageIter* value, std::int32_t& first, std::int32_t& second)
+{
+    if (dbus_message_iter_get_arg_type(value) != DBUS_TYPE_STRUCT)
+        return false;
+    DBusMessageIter pair;
+    dbus_message_iter_recurse(value, &pair);
+    dbus_int32_t numbers[2] = {0, 0};
+    for (dbus_int32_t& number : numbers) {
+        if (dbus_message_iter_get_arg_type(&pair) != DBUS_TYPE_INT32)
+            return false;
+        dbus_message_iter_get_basic(&pair, &number);
+        dbus_message_iter_next(&pair);
+    }
+    first = numbers[0];
+    second = numbers[1];
+    return true;
 }
 
 long codeForError(const Error& error)
@@ -366,7 +385,7 @@ long ScreenCastPortal::openMonitorSession(
             if (m_cursorModes & CursorEmbedded)
                 options.add("cursor_mode", std::uint32_t(embedCursor ? CursorEmbedded : CursorHidden));
             if (m_version >= 4) {
-                options.add("persist_mode", PersistWhileRunning);
+                options.add("persist_mode", PersistUntilRevoked);
                 if (!restoreToken.empty())
                     options.add("restore_token", restoreToken);
             }
@@ -411,19 +430,18 @@ long ScreenCastPortal::openMonitorSession(
                     found = true;
                     dbus_message_iter_next(&fields);
                     forEachOption(&fields, [&](const std::string& property, DBusMessageIter* v) {
-                        if (property != "size" || dbus_message_iter_get_arg_type(v) != DBUS_TYPE_STRUCT)
+                        std::int32_t first = 0;
+                        std::int32_t second = 0;
+                        if (!readIntPair(v, first, second))
                             return;
-                        DBusMessageIter size;
-                        dbus_message_iter_recurse(v, &size);
-                        dbus_int32_t w = 0;
-                        dbus_int32_t h = 0;
-                        if (dbus_message_iter_get_arg_type(&size) == DBUS_TYPE_INT32)
-                            dbus_message_iter_get_basic(&size, &w);
-                        dbus_message_iter_next(&size);
-                        if (dbus_message_iter_get_arg_type(&size) == DBUS_TYPE_INT32)
-                            dbus_message_iter_get_basic(&size, &h);
-                        stream.width = w;
-                        stream.height = h;
+                        if (property == "size") {
+                            stream.width = first;
+                            stream.height = second;
+                        } else if (property == "position") {
+                            stream.x = first;
+                            stream.y = second;
+                            stream.hasPosition = true;
+                        }
                     });
                 }
             });

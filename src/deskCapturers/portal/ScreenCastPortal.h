@@ -28,6 +28,10 @@ public:
         std::uint32_t nodeId = 0;
         std::int32_t width = 0;
         std::int32_t height = 0;
+        /// Where the monitor lies on the desktop, where the portal says so.
+        bool hasPosition = false;
+        std::int32_t x = 0;
+        std::int32_t y = 0;
     };
 
     /// Cursor modes of the interface (AvailableCursorModes bits).
@@ -53,9 +57,11 @@ public:
 
     /**
      * Opens a session for one monitor: CreateSession, SelectSources (the
-     * cursor embedded if @p embedCursor, the choice kept while the program
-     * runs), then Start. @p restoreToken from an earlier session spares the
-     * user the question; @p nextRestoreToken receives the one to use next time.
+     * cursor embedded if @p embedCursor, the choice kept until the user
+     * revokes it, where the interface has version 4), then Start.
+     * @p restoreToken from an earlier session spares the user the question;
+     * @p nextRestoreToken receives the one to use next time, or stays empty
+     * when the portal keeps no choice.
      */
     long openMonitorSession(
         bool embedCursor, const std::string& restoreToken, Stream& stream, std::string& nextRestoreToken);
