@@ -524,9 +524,9 @@ bool SoftwareScaler::drawChangedParts()
         parts.push_back({columns.first, columns.second, lines.first, lines.second});
         area += (long long)(columns.second - columns.first) * (lines.second - lines.first);
     }
-    // Drawn pixel by pixel, a part costs several times what the vectorised
-    // whole picture does per pixel.
-    if (area * 4 > (long long)m_targetWidth * m_targetHeight) {
+    // Drawn pixel by pixel, a part costs about eight times what the
+    // vectorised whole picture does per target pixel.
+    if (area * 8 > (long long)m_targetWidth * m_targetHeight) {
         return false;
     }
     const std::size_t rowPitch = std::size_t(m_targetWidth) * 4;
