@@ -102,6 +102,9 @@ void timeResize(benchmark::State& state, std::shared_ptr<Orvanta::Ifaces::GpuSca
 
 void ResizeGpuOurs(benchmark::State& state)
 {
+    // The GL path even where the renderer is a software one, which capture
+    // leaves to the CPU scaler without making an output's device at all.
+    qputenv("ORVANTA_SCALER", "gpu");
     std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
     {
         serverFor("1920x1080x24");
@@ -111,8 +114,6 @@ void ResizeGpuOurs(benchmark::State& state)
             device = context.device;
         }
     }
-    // The GL path even where the renderer is a software one, which capture leaves to the CPU scaler.
-    qputenv("ORVANTA_SCALER", "gpu");
     auto scaler = Orvanta::Ifaces::createPlatformGpuScaler(device);
     qunsetenv("ORVANTA_SCALER");
     timeResize(state, std::move(scaler));

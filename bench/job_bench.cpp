@@ -1,18 +1,22 @@
 // The whole job and the way to a picture, on a private 1920x1080 X server:
-//   CaptureLatency/<mode>  from a drawing on the X server to its colour in
+//   CaptureLatency/<mode>  from a drawing on the X server (mode 1: by the
+//                          screen cast's source) to its colour in
 //                          nextFrame(), polled on the front's 33 ms tick;
 //   MainJobCpu             the example application's CPU time per second of
 //                          its run, against ffmpeg's x11grab at the same size
 //                          and rate. Its time column is CPU time per second.
 #include "DXGICapturer.h"
 #include "GDICapturer.h"
+#include "WinRTCapturer.h"
 
 #include <QtCore/QByteArray>
 
 #include "BenchCapture.h"
+#include "BenchScreenCast.h"
 
 #include <benchmark/benchmark.h>
 
+#include <csignal>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,7 +24,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,16 +61,11 @@ double percentile(std::vector<double> values, double fraction)
     return values[index];
 }
 
-// Each iteration waits a pseudo-random part of a tick, fills the screen with a
-// new colour and polls on a fixed 33 ms cadence until a frame shows it.
-template <typename Capturer> void captureLatency(benchmark::State& state)
+// Each iteration waits a pseudo-random part of a tick, has @p paint fill the
+// screen with a new colour and polls on a fixed 33 ms cadence until a frame
+// shows it.
+template <typename Paint> void measureLatency(benchmark::State& state, IDeskCapture& capturer, Paint paint)
 {
-    std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
-    Capturer capturer;
-    if (!bindFirstOutput(state, capturer, kScreen, QSize(160, 90), system)) {
-        return;
-    }
-    ScreenPainter painter;
     for (int poll = 0; poll < 30 && capturer.nextFrame().empty(); ++poll) {
         std::this_thread::sleep_for(kTick);
     }
@@ -77,7 +78,7 @@ template <typename Capturer> void captureLatency(benchmark::State& state)
         seed = seed * 1664525u + 1013904223u;
         std::this_thread::sleep_for(std::chrono::microseconds((seed >> 8) % 33000));
         const std::uint32_t colour = (++step % 2 ? 0x204060u : 0xC08020u) + (step % 16) * 0x010101u;
-        painter.fill(colour);
+        paint(colour);
         const Clock::time_point drawn = Clock::now();
         bool seen = false;
         while (!seen && Clock::now() - drawn < std::chrono::seconds(2)) {
@@ -100,6 +101,17 @@ template <typename Capturer> void captureLatency(benchmark::State& state)
     state.counters["p99_ms"] = percentile(latencies, 0.99) * 1000.0;
 }
 
+template <typename Capturer> void captureLatency(benchmark::State& state)
+{
+    std::shared_ptr<Orvanta::Ifaces::DisplaySystem> system;
+    Capturer capturer;
+    if (!bindFirstOutput(state, capturer, kScreen, QSize(160, 90), system)) {
+        return;
+    }
+    ScreenPainter painter;
+    measureLatency(state, capturer, [&painter](std::uint32_t colour) { painter.fill(colour); });
+}
+
 void CaptureLatencyDuplication(benchmark::State& state)
 {
     captureLatency<DXGICapturer>(state);
@@ -108,6 +120,49 @@ void CaptureLatencyDuplication(benchmark::State& state)
 void CaptureLatencyBlit(benchmark::State& state)
 {
     captureLatency<GDICapturer>(state);
+}
+
+// Mode 1 on the stand-in portal: the drawing is the stream source's, which
+// paints the colour at its next frame (60 a second, as a compositor's frame
+// clock) once told to.
+void CaptureLatencyScreenCast(benchmark::State& state)
+{
+#ifdef ORVANTA_DMABUF_SOURCE
+    if (!screenCast1080().running()) {
+        state.SkipWithError("PipeWire or the portal did not start");
+        return;
+    }
+    const std::string folder = std::getenv("ORVANTA_PORTAL_SOURCE");
+    const std::string pidFile = folder + ".latency-pid";
+    const std::string colourFile = folder + ".latency-colour";
+    std::remove(pidFile.c_str());
+    std::ofstream(folder, std::ios::trunc)
+        << ORVANTA_DMABUF_SOURCE << " --shm --pid-file " << pidFile << " --colour-file " << colourFile;
+    WinRTCapturer capturer;
+    if (capturer.setCaptureContext(DeskCaptureContext()) < 0) {
+        state.SkipWithError("no screen cast");
+        return;
+    }
+    capturer.setOutputSize(QSize(160, 90));
+    pid_t source = 0;
+    for (int attempt = 0; attempt < 200 && source <= 0; ++attempt) {
+        std::ifstream(pidFile) >> source;
+        if (source <= 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    if (source <= 0) {
+        state.SkipWithError("the stream's source did not start");
+        return;
+    }
+    measureLatency(state, capturer, [&](std::uint32_t colour) {
+        std::ofstream(colourFile, std::ios::trunc) << std::hex << "0x" << colour << std::endl;
+        kill(source, SIGUSR1);
+    });
+    std::ofstream(folder, std::ios::trunc);
+#else
+    state.SkipWithError("built without the screen-cast source program");
+#endif
 }
 
 struct JobUsage
@@ -212,6 +267,11 @@ void MainJobCpuReference(benchmark::State& state)
 
 BENCHMARK(CaptureLatencyDuplication)
     ->Name("CaptureLatency/mode0")
+    ->UseManualTime()
+    ->Iterations(60)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(CaptureLatencyScreenCast)
+    ->Name("CaptureLatency/mode1")
     ->UseManualTime()
     ->Iterations(60)
     ->Unit(benchmark::kMillisecond);

@@ -261,7 +261,7 @@ void AudioCapturerPrivate::calculateSpectrum(const QVector<unsigned char>& buffe
             const double amplitude = std::sqrt(im * im + re * re) / divisor;
             out[i].frequency = Orvanta::SpectrumMath::bandFrequency(bin, rate);
             out[i].amplitude = static_cast<float>(amplitude);
-            out[i].decibel = static_cast<float>(std::log10(amplitude) * 20.0);
+            out[i].decibel = Orvanta::SpectrumMath::decibelOf(amplitude);
         }
     }
 

@@ -231,7 +231,7 @@ QVector<SoundChannel> SpectrumAnalyzer::calculateSpectrum(AVFrame* frame)
             Spectrum& band = bands[i];
             band.frequency = bandFrequency(bin, rate);
             band.amplitude = static_cast<float>(amplitude);
-            band.decibel = static_cast<float>(std::log10(amplitude) * 20.0);
+            band.decibel = Orvanta::SpectrumMath::decibelOf(amplitude);
         }
     }
     return channels;

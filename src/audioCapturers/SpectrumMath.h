@@ -41,5 +41,15 @@ inline float bandFrequency(int bin, int rate)
     return static_cast<float>(bin) / static_cast<float>(binCount) * static_cast<float>(rate);
 }
 
+/// A band's level, 20 * log10(amplitude), to single precision: the base-2
+/// logarithm of the float costs a third of the double-precision base-10 one,
+/// and the result is a float either way. Silence gives negative infinity.
+inline float decibelOf(double amplitude)
+{
+    // 20 * log10(2): 20 * log10(x) = 20 * log10(2) * log2(x).
+    constexpr float decibelsPerOctave = 6.0205999132796239f;
+    return std::log2(static_cast<float>(amplitude)) * decibelsPerOctave;
+}
+
 } // namespace SpectrumMath
 } // namespace Orvanta

@@ -230,6 +230,9 @@ void* D3DTextureResizer::resize(const ScalerSource& source)
 cv::Mat D3DTextureResizer::resizeToCVMat(const ScalerSource& source)
 {
     const ScalerUse use(m_scaler.get());
+    if (m_scaler && m_scaler->drawsIntoMemory()) {
+        return drawIntoFrame(source);
+    }
     if (!resize(source)) {
         qCritical() << "[D3DTextureResizer]: Failed to resize D3D11Texture";
         return cv::Mat();
@@ -263,6 +266,25 @@ cv::Mat D3DTextureResizer::resizeToCVMat(const ScalerSource& source)
     }
     m_scaler->unmapStaging();
     m_scaler->releaseStaging();
+    return frame;
+}
+
+cv::Mat D3DTextureResizer::drawIntoFrame(const ScalerSource& source)
+{
+    // The scaler writes the frame itself: no target or staging copy to read back.
+    if (!m_hasTarget || !m_hasVertexBuffer) {
+        qCritical() << "[D3DTextureResizer]: Failed to resize D3D11Texture";
+        return cv::Mat();
+    }
+    const long result = m_scaler->createSourceView(source);
+    if (result < 0) {
+        qCritical() << "Failed to create D3D11DhaderResourceView" << win32ErrorMsg(result);
+        qCritical() << "[D3DTextureResizer]: Failed to resize D3D11Texture";
+        return cv::Mat();
+    }
+    cv::Mat frame(m_targetSize.height, m_targetSize.width, CV_8UC4);
+    m_scaler->drawInto(frame.data, frame.step[0]);
+    m_scaler->releaseSourceView();
     return frame;
 }
 

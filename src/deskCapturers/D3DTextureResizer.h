@@ -69,6 +69,9 @@ public:
     static Orvanta::Ifaces::SamplerDescription samplerDescription();
 
 private:
+    /// resizeToCVMat() for a scaler that draws into memory.
+    cv::Mat drawIntoFrame(const Orvanta::Ifaces::ScalerSource& source);
+
     std::shared_ptr<Orvanta::Ifaces::GpuScaler> m_scaler;
     /// 0 no scaler yet, 1 a GPU scaler, 2 the CPU one; read by other threads.
     enum class ScalerKind { None, Gpu, Cpu };

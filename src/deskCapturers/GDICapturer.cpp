@@ -1,5 +1,6 @@
 #include "GDICapturer.h"
 
+#include "cpu/ChannelOrder.h"
 #include "ifaces/DisplayOutput.h"
 #include "ifaces/ScreenGrabber.h"
 
@@ -108,10 +109,11 @@ cv::Mat GDICapturer::screenshot()
     const int W = size.width();
     const int H = size.height();
 
-    // A header on the grabber's memory. Scaling and turning work in a
-    // buffer kept from call to call; only the exchange of blue and red writes
-    // the frame, a buffer of its own, so nothing delivered points into the
-    // grabber or is written again.
+    // A header on the grabber's memory. The frame, a buffer of its own, is
+    // scaled into straight from it (through a buffer kept from call to call
+    // where it is turned), and blue and red are exchanged on the small
+    // picture in place, so nothing delivered points into the grabber or is
+    // written again.
     const cv::Mat copied(
         image.height, image.width, CV_8UC4, const_cast<unsigned char*>(image.pixels), image.bytesPerLine);
     cv::Mat frame;
@@ -119,24 +121,24 @@ cv::Mat GDICapturer::screenshot()
         switch (rotation()) {
         case int(OutputRotation::Rotate90):
             cv::resize(copied, scratch, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
-            cv::transpose(scratch, scratch);
-            cv::flip(scratch, scratch, 0);
+            cv::transpose(scratch, frame);
+            cv::flip(frame, frame, 0);
             break;
         case int(OutputRotation::Rotate180):
-            cv::resize(copied, scratch, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
-            cv::flip(scratch, scratch, -1);
+            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
+            cv::flip(frame, frame, -1);
             break;
         case int(OutputRotation::Rotate270):
             cv::resize(copied, scratch, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
-            cv::transpose(scratch, scratch);
-            cv::flip(scratch, scratch, 1);
+            cv::transpose(scratch, frame);
+            cv::flip(frame, frame, 1);
             break;
         default:
-            cv::resize(copied, scratch, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
+            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
             break;
         }
         // B, G, R, X becomes R, G, B, X; the fourth byte stays.
-        cv::cvtColor(scratch, frame, cv::COLOR_BGR2RGBA);
+        Orvanta::Cpu::swapRedAndBlue(frame.data, frame.total(), false);
     } catch (const cv::Exception& exception) {
         // An output size OpenCV can't scale to (such as 0) must not escape
         // into the timer that polls.

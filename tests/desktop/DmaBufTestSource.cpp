@@ -20,7 +20,13 @@
 // mirrored monitor does: the picture above is then the buffer, not what the
 // user sees.
 //
+// With --colour-file FILE, each SIGUSR1 makes the pictures from the next
+// frame on one colour, read from FILE as 0xRRGGBB, the whole picture named as
+// changed: a drawing whose way to a consumer can be timed. --pid-file FILE
+// tells where to write the process's id for that.
+//
 // Usage: orvanta-dmabuf-source --name NODE --size WxH [--square WxH] [--unmappable | --shm] [--transform N]
+//                              [--colour-file FILE] [--pid-file FILE]
 // --shm offers shared memory only.
 // It prints "ready" once consumers can find the node.
 
@@ -60,6 +66,9 @@ struct Source
     bool dmaBuf = false;
     bool announced = false;
     int transform = -1; // none sent
+    std::string colourFile;
+    bool solid = false; ///< the picture is one colour, set by SIGUSR1
+    std::uint32_t colour = 0; ///< 0xRRGGBB
 };
 
 const spa_pod* buildFormat(spa_pod_builder* builder, const Source& source, bool withModifier, bool fixed)
@@ -185,6 +194,13 @@ spa_region squareAt(const Source& source, int frame)
 /// of frame @p painted (-1: nothing yet): only what changed in between.
 void paint(const Source& source, std::uint8_t* pixels, int painted)
 {
+    if (source.solid) {
+        const std::uint32_t pixel = 0xFF000000u | source.colour; // B, G, R, A in memory
+        const std::size_t count = std::size_t(source.width) * std::size_t(source.height);
+        for (std::size_t i = 0; i < count; ++i)
+            std::memcpy(pixels + i * 4, &pixel, sizeof pixel);
+        return;
+    }
     const spa_region square = squareAt(source, source.frame);
     int top = 0;
     int bottom = source.height;
@@ -232,7 +248,7 @@ void describeChange(const Source& source, spa_buffer* buffer)
     if (!meta || meta->size < sizeof(spa_meta_region) * 3)
         return;
     auto* regions = static_cast<spa_meta_region*>(meta->data);
-    if (source.frame == 0) {
+    if (source.frame == 0 || source.solid) {
         regions[0].region = makeRegion(0, 0, source.width, source.height);
         regions[1].region = makeRegion(0, 0, 0, 0);
         return;
@@ -299,6 +315,19 @@ void onStateChanged(void* data, pw_stream_state, pw_stream_state state, const ch
         pw_main_loop_get_loop(source->loop), source->timer, streaming ? &interval : &none, &interval, false);
 }
 
+void takeColour(void* data, int)
+{
+    auto* source = static_cast<Source*>(data);
+    if (FILE* file = std::fopen(source->colourFile.c_str(), "r")) {
+        unsigned colour = 0;
+        if (std::fscanf(file, "%x", &colour) == 1) {
+            source->colour = colour & 0xFFFFFFu;
+            source->solid = true;
+        }
+        std::fclose(file);
+    }
+}
+
 void quit(void* data, int)
 {
     pw_main_loop_quit(static_cast<Source*>(data)->loop);
@@ -310,6 +339,7 @@ int main(int argc, char** argv)
 {
     Source source;
     std::string name = "test-dmabufsrc";
+    std::string pidFile;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--name" && i + 1 < argc)
@@ -324,12 +354,24 @@ int main(int argc, char** argv)
             std::sscanf(argv[++i], "%dx%d", &source.squareWidth, &source.squareHeight);
         else if (arg == "--transform" && i + 1 < argc)
             source.transform = std::atoi(argv[++i]);
+        else if (arg == "--colour-file" && i + 1 < argc)
+            source.colourFile = argv[++i];
+        else if (arg == "--pid-file" && i + 1 < argc)
+            pidFile = argv[++i];
     }
     pw_init(&argc, &argv);
     source.loop = pw_main_loop_new(nullptr);
     pw_loop* loop = pw_main_loop_get_loop(source.loop);
     pw_loop_add_signal(loop, SIGINT, quit, &source);
     pw_loop_add_signal(loop, SIGTERM, quit, &source);
+    if (!source.colourFile.empty())
+        pw_loop_add_signal(loop, SIGUSR1, takeColour, &source);
+    if (!pidFile.empty()) {
+        if (FILE* file = std::fopen(pidFile.c_str(), "w")) {
+            std::fprintf(file, "%d\n", int(getpid()));
+            std::fclose(file);
+        }
+    }
     source.timer = pw_loop_add_timer(loop, onTimeout, &source);
 
     pw_stream_events events {};

@@ -160,6 +160,7 @@ private slots:
     void monitorsAreClampedToTheScreen();
     void randrRotationsBecomeClockwiseSteps();
     void eglDeviceWithoutTheXServer();
+    void outputsOnSoftwareRenderersGetNoDevice();
     void coloursComeBackAtTheRightPlace();
     void framesComeAtTheRequestedSize();
     void acquireAndReleaseFollowTheCount();
@@ -334,6 +335,42 @@ void TestX11Desktop::eglDeviceWithoutTheXServer()
     QCOMPARE(second->doneCurrent(), S_OK);
     QCOMPARE(Orvanta::Egl::EglDevice::resultFromEglError(EGL_BAD_ALLOC), E_OUTOFMEMORY);
     QCOMPARE(Orvanta::Egl::EglDevice::resultFromEglError(EGL_CONTEXT_LOST), DXGI_ERROR_DEVICE_REMOVED);
+}
+
+void TestX11Desktop::outputsOnSoftwareRenderersGetNoDevice()
+{
+    // The suite runs on Mesa's llvmpipe, where frames are scaled on the CPU:
+    // an output's device would only hold the GL driver in memory.
+    Orvanta::X11::XcbDisplaySystem system;
+    QCOMPARE(system.open(), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
+    QCOMPARE(system.enumAdapter(0, adapter), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
+    QCOMPARE(adapter->enumOutput(0, output), S_OK);
+    const QByteArray saved = qgetenv("ORVANTA_SCALER");
+    const auto restore = qScopeGuard([saved] {
+        if (saved.isNull())
+            qunsetenv("ORVANTA_SCALER");
+        else
+            qputenv("ORVANTA_SCALER", saved);
+    });
+
+    qunsetenv("ORVANTA_SCALER");
+    QVERIFY(Orvanta::Egl::EglDevice::cpuScalingWithoutDevice());
+    std::shared_ptr<Orvanta::Ifaces::GraphicsDevice> device;
+    QCOMPARE(adapter->createDevice(output, device), S_OK);
+    QVERIFY(!device);
+
+    // Asked for the GPU, the output gets its EGL context.
+    qputenv("ORVANTA_SCALER", "gpu");
+    QVERIFY(!Orvanta::Egl::EglDevice::cpuScalingWithoutDevice());
+    QCOMPARE(adapter->createDevice(output, device), S_OK);
+    QVERIFY(std::dynamic_pointer_cast<Orvanta::Egl::EglDevice>(device));
+
+    qputenv("ORVANTA_SCALER", "cpu");
+    QVERIFY(Orvanta::Egl::EglDevice::cpuScalingWithoutDevice());
+    QCOMPARE(adapter->createDevice(output, device), S_OK);
+    QVERIFY(!device);
 }
 
 void TestX11Desktop::coloursComeBackAtTheRightPlace()

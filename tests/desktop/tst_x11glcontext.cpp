@@ -31,6 +31,10 @@ void TestX11GlContext::initTestCase()
 {
     QVERIFY2(!qEnvironmentVariableIsEmpty("DISPLAY"), "the desktop_xvfb fixture gives the display");
     QCOMPARE(QGuiApplication::platformName(), QStringLiteral("xcb"));
+    // The outputs' own GL contexts even on a software renderer, where capture
+    // would otherwise scale on the CPU and make none: they are what must leave
+    // the application's context current.
+    qputenv("ORVANTA_SCALER", "gpu");
     QStandardPaths::setTestModeEnabled(true);
     QVERIFY(m_configDir.isValid());
     ConfigurationManager::setConfigPath(m_configDir.path());
@@ -60,6 +64,7 @@ void TestX11GlContext::applicationContextStaysCurrentThroughCapture()
     QTRY_VERIFY_WITH_TIMEOUT(XcbPainter::pixelIs(left->nextFrame(), 40, 100, mixed), 10000);
     // The outputs got their GPU devices, and the GPU scaled the frames.
     QVERIFY2(messages.texts(QtCriticalMsg).isEmpty(), qPrintable(messages.texts(QtCriticalMsg).join('\n')));
+    QVERIFY(messages.texts(QtInfoMsg).contains(QStringLiteral("[DXGICapturer]: Frames are scaled on the GPU")));
 
     // The application's context is current again, and works.
     QCOMPARE(QOpenGLContext::currentContext(), &context);

@@ -11,6 +11,8 @@
 
 #include <QtTest/QtTest>
 
+#include <opencv2/imgproc.hpp>
+
 #include <cstring>
 #include <limits>
 
@@ -150,6 +152,7 @@ private slots:
     void nullMappingIsSilent();
     void readBackSkipsThePitchPadding();
     void everyFrameOwnsItsBuffer();
+    void scalersThatDrawIntoMemoryWriteTheFrame();
     void everyOperationIsOneRun();
 
     // The real scalers: the CPU path and OpenGL ES on Mesa.
@@ -165,6 +168,8 @@ private slots:
     void blueFirstSourcesComeOutRedFirst();
     void changedPartsAloneAreEnough_data();
     void changedPartsAloneAreEnough();
+    void cpuDrawsOnlyTheChangedPartsOfASeries_data();
+    void cpuDrawsOnlyTheChangedPartsOfASeries();
     void zeroTargetFailsInTheTexture_data();
     void zeroTargetFailsInTheTexture();
 
@@ -521,6 +526,48 @@ void TextureResizerTest::everyFrameOwnsItsBuffer()
     QCOMPARE(maxChannelDifference(b, second), 0);
 }
 
+void TextureResizerTest::scalersThatDrawIntoMemoryWriteTheFrame()
+{
+    // A CPU scaler draws the frame itself: no target or staging copy is read back.
+    class MemoryScaler : public FakeGpuScaler
+    {
+    public:
+        bool drawsIntoMemory() const override
+        {
+            return true;
+        }
+        void drawInto(std::uint8_t* pixels, std::size_t rowPitch) override
+        {
+            calls << QStringLiteral("drawInto");
+            for (int y = 0; y < 5; ++y) {
+                for (int x = 0; x < 7; ++x) {
+                    std::uint8_t* pixel = pixels + std::size_t(y) * rowPitch + std::size_t(x) * 4;
+                    pixel[0] = std::uint8_t(x);
+                    pixel[1] = std::uint8_t(y);
+                    pixel[2] = 1;
+                    pixel[3] = 2;
+                }
+            }
+        }
+    };
+    auto scaler = std::make_shared<MemoryScaler>();
+    D3DTextureResizer resizer;
+    QVERIFY(resizer.setContext(scaler));
+    QVERIFY(resizer.setTargetSize(cv::Size(7, 5)));
+    scaler->calls.clear();
+    const cv::Mat pixels = gradient(cv::Size(16, 16));
+    const cv::Mat frame = resizer.resizeToCVMat(sourceOf(pixels, PixelFormat::R8G8B8A8Unorm));
+    QCOMPARE(scaler->calls,
+        QStringList(
+            {QStringLiteral("createSourceView"), QStringLiteral("drawInto"), QStringLiteral("releaseSourceView")}));
+    QCOMPARE(frame.size(), cv::Size(7, 5));
+    for (int y = 0; y < 5; ++y) {
+        for (int x = 0; x < 7; ++x) {
+            QCOMPARE(frame.at<cv::Vec4b>(y, x), cv::Vec4b(uchar(x), uchar(y), 1, 2));
+        }
+    }
+}
+
 void TextureResizerTest::everyOperationIsOneRun()
 {
     // Records the depth of runs at each call: every call must come inside one,
@@ -771,6 +818,52 @@ void TextureResizerTest::changedPartsAloneAreEnough()
     source.changedRects = nullptr;
     source.changedRectCount = 0;
     QCOMPARE(resizer.resizeToCVMat(source).at<cv::Vec4b>(24, 32), cv::Vec4b(7, 8, 9, 255));
+}
+
+void TextureResizerTest::cpuDrawsOnlyTheChangedPartsOfASeries_data()
+{
+    QTest::addColumn<int>("rotation");
+    for (int rotation = 1; rotation <= 4; ++rotation) {
+        QTest::newRow(qPrintable(QStringLiteral("rotation %1").arg(rotation))) << rotation;
+    }
+}
+
+void TextureResizerTest::cpuDrawsOnlyTheChangedPartsOfASeries()
+{
+    QFETCH(int, rotation);
+    D3DTextureResizer resizer;
+    QVERIFY(resizer.setContext(makeScaler(QStringLiteral("cpu"))));
+    QVERIFY(resizer.setTargetSize(cv::Size(64, 48)));
+    resizer.setRotation(rotation);
+    cv::Mat pixels = gradient(cv::Size(256, 192));
+    ScalerSource source = sourceOf(pixels, PixelFormat::B8G8R8X8Unorm);
+    int series = 0; // a stream's pictures, as a screen cast delivers them
+    source.series = &series;
+    QVERIFY(!resizer.resizeToCVMat(source).empty());
+
+    // One part changes and is named; another changes unnamed, which only a
+    // scaler that draws the whole picture again would show.
+    const cv::Rect named(10, 20, 50, 40);
+    const cv::Rect unnamed(180, 120, 60, 60);
+    pixels(named).setTo(cv::Scalar(255, 0, 0, 255));
+    cv::Mat expectedSource = pixels.clone();
+    pixels(unnamed).setTo(cv::Scalar(0, 0, 255, 255));
+    const Orvanta::Ifaces::ScalerRect changed[] = {{named.x, named.y, named.width, named.height}};
+    source.changedRects = changed;
+    source.changedRectCount = 1;
+    const cv::Mat frame = resizer.resizeToCVMat(source);
+    QCOMPARE(frame.size(), cv::Size(64, 48));
+    cv::Mat expected = referenceScale(expectedSource, cv::Size(64, 48), rotation);
+    cv::cvtColor(expected, expected, cv::COLOR_BGRA2RGBA);
+    QVERIFY2(maxChannelDifference(frame, expected) <= 1,
+        qPrintable(QStringLiteral("largest difference %1").arg(maxChannelDifference(frame, expected))));
+
+    // Another series is drawn whole.
+    int otherSeries = 0;
+    source.series = &otherSeries;
+    expected = referenceScale(pixels, cv::Size(64, 48), rotation);
+    cv::cvtColor(expected, expected, cv::COLOR_BGRA2RGBA);
+    QVERIFY(maxChannelDifference(resizer.resizeToCVMat(source), expected) <= 1);
 }
 
 void TextureResizerTest::zeroTargetFailsInTheTexture_data()

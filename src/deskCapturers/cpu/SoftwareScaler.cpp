@@ -198,6 +198,145 @@ std::vector<Tap> taps(int count, double slope, double offset, int texels, bool l
     return result;
 }
 
+/// How a quad that fills the whole target at a quarter turn maps the target
+/// onto the source: every target line and every column samples the same texels.
+struct AxisMapping
+{
+    bool turned = false; ///< target columns follow source lines
+    bool linear = false;
+    bool whole = false; ///< both target axes span their source axes edge to edge
+    WholeTextureResampler::Layout layout;
+    Plane plane;
+    // Filled by mapTaps():
+    std::vector<Tap> columns; ///< along source x, or source y when turned
+    std::vector<Tap> lines; ///< along source y, or source x when turned
+};
+
+/**
+ * The mapping of @p vertices drawn over a @p width by @p height target, for
+ * 8-bit sources; false where the quad is not such a one.
+ */
+bool mapAxes(const std::vector<Ifaces::ScalerVertex>& vertices, int width, int height,
+    const Ifaces::ScalerSource& source, const Ifaces::SamplerDescription& sampler, AxisMapping& mapping)
+{
+    const Ifaces::PixelFormat format = source.format;
+    if (format != Ifaces::PixelFormat::R8G8B8A8Unorm && format != Ifaces::PixelFormat::B8G8R8A8Unorm
+        && format != Ifaces::PixelFormat::B8G8R8X8Unorm) {
+        return false;
+    }
+    if (vertices.size() != 6) {
+        return false;
+    }
+    Plane plane, second;
+    if (!trianglePlane(&vertices[0], width, height, plane) || !trianglePlane(&vertices[3], width, height, second)
+        || !samePlane(plane, second)) {
+        return false;
+    }
+    // The two triangles must make up the whole target: every corner of it is a vertex.
+    for (const auto& corner : {std::pair<float, float> {-1, -1}, {-1, 1}, {1, -1}, {1, 1}}) {
+        const bool found = std::any_of(vertices.begin(), vertices.end(), [&](const Ifaces::ScalerVertex& v) {
+            return std::abs(v.x - corner.first) < 1e-5f && std::abs(v.y - corner.second) < 1e-5f;
+        });
+        if (!found) {
+            return false;
+        }
+    }
+    // A quarter turn in 32-bit floats leaves the quad a hair off the axes; a
+    // drift that stays far below a texel over the whole target counts as none.
+    constexpr double kFlat = 1e-6;
+    const double across = width;
+    const double down = height;
+    if (std::abs(plane.ub) * down < kFlat && std::abs(plane.va) * across < kFlat) {
+        mapping.turned = false; // u follows the columns, v the lines
+    } else if (std::abs(plane.ua) * across < kFlat && std::abs(plane.vb) * down < kFlat) {
+        mapping.turned = true; // u follows the lines, v the columns
+    } else {
+        return false;
+    }
+
+    const double texelsPerX = std::hypot(plane.ua * source.width, plane.va * source.height);
+    const double texelsPerY = std::hypot(plane.ub * source.width, plane.vb * source.height);
+    const bool minifying = std::max(texelsPerX, texelsPerY) > 1.0;
+    mapping.linear = minifying ? (sampler.filter & 0x10) != 0 : (sampler.filter & 0x04) != 0;
+
+    WholeTextureResampler::Layout& layout = mapping.layout;
+    layout.turned = mapping.turned;
+    mapping.whole = mapping.turned ? spansWholeAxis(plane.va, plane.vc, width, layout.mirroredAcross)
+            && spansWholeAxis(plane.ub, plane.uc, height, layout.mirroredDown)
+                                   : spansWholeAxis(plane.ua, plane.uc, width, layout.mirroredAcross)
+            && spansWholeAxis(plane.vb, plane.vc, height, layout.mirroredDown);
+    mapping.plane = plane;
+    return true;
+}
+
+/// Fills the taps of @p mapping, for drawing pixel by pixel.
+void mapTaps(AxisMapping& mapping, int width, int height, const Ifaces::ScalerSource& source)
+{
+    const Plane& plane = mapping.plane;
+    mapping.columns = mapping.turned ? taps(width, plane.va, plane.vc, source.height, mapping.linear)
+                                     : taps(width, plane.ua, plane.uc, source.width, mapping.linear);
+    mapping.lines = mapping.turned ? taps(height, plane.ub, plane.uc, source.width, mapping.linear)
+                                   : taps(height, plane.vb, plane.vc, source.height, mapping.linear);
+}
+
+/// Draws target columns [@p left, @p right) of lines [@p top, @p bottom) pixel by pixel.
+void drawMapped(const AxisMapping& mapping, const Ifaces::ScalerSource& source, std::uint8_t* target,
+    std::size_t rowPitch, int left, int right, int top, int bottom)
+{
+    int red = 0, blue = 2;
+    if (source.format != Ifaces::PixelFormat::R8G8B8A8Unorm) {
+        red = 2;
+        blue = 0;
+    }
+    const bool opaque = source.format == Ifaces::PixelFormat::B8G8R8X8Unorm;
+    const auto* pixels = static_cast<const std::uint8_t*>(source.pixels);
+    const std::size_t pitch = source.bytesPerLine;
+    auto texel = [pixels, pitch](int x, int y) {
+        return pixels + pitch * std::size_t(y) + std::size_t(x) * 4;
+    };
+
+    for (int y = top; y < bottom; ++y) {
+        const Tap& line = mapping.lines[std::size_t(y)];
+        std::uint8_t* out = target + std::size_t(y) * rowPitch + std::size_t(left) * 4;
+        for (int x = left; x < right; ++x, out += 4) {
+            const Tap& column = mapping.columns[std::size_t(x)];
+            // Source x and y of the four texels, and the weights along each.
+            const Tap& alongX = mapping.turned ? line : column;
+            const Tap& alongY = mapping.turned ? column : line;
+            const std::uint8_t* a = texel(alongX.first, alongY.first);
+            const std::uint8_t* b = texel(alongX.second, alongY.first);
+            const std::uint8_t* c = texel(alongX.first, alongY.second);
+            const std::uint8_t* d = texel(alongX.second, alongY.second);
+            const float wx = alongX.weight;
+            const float wy = alongY.weight;
+            auto channel = [&](int i) {
+                const float top = a[i] + (b[i] - a[i]) * wx;
+                const float bottom = c[i] + (d[i] - c[i]) * wx;
+                return static_cast<std::uint8_t>(top + (bottom - top) * wy + 0.5f);
+            };
+            out[0] = channel(red);
+            out[1] = channel(1);
+            out[2] = channel(blue);
+            out[3] = opaque ? 255 : channel(3);
+        }
+    }
+}
+
+/// The first and one past the last entry of @p entries that read texels in [@p low, @p high); empty when none do.
+std::pair<int, int> tapsReading(const std::vector<Tap>& entries, int low, int high)
+{
+    int first = int(entries.size());
+    int last = -1;
+    for (int i = 0; i < int(entries.size()); ++i) {
+        const Tap& tap = entries[std::size_t(i)];
+        if (std::max(tap.first, tap.second) >= low && std::min(tap.first, tap.second) < high) {
+            first = std::min(first, i);
+            last = i;
+        }
+    }
+    return {first, last + 1};
+}
+
 } // namespace
 
 SoftwareScaler::SoftwareScaler() = default;
@@ -226,6 +365,7 @@ long SoftwareScaler::createInputLayout()
 
 long SoftwareScaler::createSamplerState(const Ifaces::SamplerDescription& description)
 {
+    m_kept.valid = false;
     m_sampler = description;
     m_hasSampler = true;
     return S_OK;
@@ -236,12 +376,14 @@ long SoftwareScaler::createVertexBuffer(const Ifaces::ScalerVertex* vertices, st
     if (!vertices || count == 0) {
         return E_INVALIDARG;
     }
+    m_kept.valid = false;
     m_vertices.assign(vertices, vertices + count);
     return S_OK;
 }
 
 long SoftwareScaler::createTargetTexture(int width, int height)
 {
+    m_kept.valid = false;
     m_target.clear();
     m_targetWidth = 0;
     m_targetHeight = 0;
@@ -267,6 +409,7 @@ long SoftwareScaler::createRenderTargetView()
 
 void SoftwareScaler::bindRenderTarget(int width, int height)
 {
+    m_kept.valid = false;
     m_targetBound = m_hasTargetView;
     m_viewportWidth = width;
     m_viewportHeight = height;
@@ -289,116 +432,132 @@ void SoftwareScaler::draw()
     if (!m_targetBound || !m_hasSourceView || !m_hasSampler) {
         return;
     }
-    if (drawAxisAligned()) {
+    if (drawChangedParts()) {
+        return;
+    }
+    drawPicture(m_target.data());
+    // The target now holds this source's picture, for a next one that names what changed.
+    m_kept.valid = true;
+    m_kept.series = m_source.series ? m_source.series : m_source.pixels;
+    m_kept.bytesPerLine = m_source.bytesPerLine;
+    m_kept.width = m_source.width;
+    m_kept.height = m_source.height;
+    m_kept.format = m_source.format;
+}
+
+bool SoftwareScaler::drawsIntoMemory() const
+{
+    return true;
+}
+
+void SoftwareScaler::drawInto(std::uint8_t* pixels, std::size_t rowPitch)
+{
+    if (!m_targetBound || !m_hasSourceView || !m_hasSampler || !pixels) {
+        return;
+    }
+    const std::size_t lineBytes = std::size_t(m_targetWidth) * 4;
+    // Pictures of a series are drawn into the target, which keeps the last
+    // one, so that the next needs only its changed parts drawn; the others go
+    // straight into the caller's memory.
+    if (m_source.changedRects || m_source.series || rowPitch != lineBytes) {
+        draw();
+        for (int line = 0; line < m_targetHeight; ++line) {
+            std::memcpy(
+                pixels + std::size_t(line) * rowPitch, m_target.data() + std::size_t(line) * lineBytes, lineBytes);
+        }
+        return;
+    }
+    m_kept.valid = false;
+    drawPicture(pixels);
+}
+
+void SoftwareScaler::drawPicture(std::uint8_t* target)
+{
+    if (drawAxisAligned(target)) {
         return;
     }
     for (std::size_t first = 0; first + 3 <= m_vertices.size(); first += 3) {
-        drawTriangle(&m_vertices[first]);
+        drawTriangle(&m_vertices[first], target);
     }
 }
 
-bool SoftwareScaler::drawAxisAligned()
+bool SoftwareScaler::drawChangedParts()
 {
-    // The quad at any quarter turn maps each target axis onto one source axis,
-    // so every line and every column samples the same texels: those are worked
-    // out once, and 8-bit pixels are read directly.
-    const Ifaces::PixelFormat format = m_source.format;
-    if (format != Ifaces::PixelFormat::R8G8B8A8Unorm && format != Ifaces::PixelFormat::B8G8R8A8Unorm
-        && format != Ifaces::PixelFormat::B8G8R8X8Unorm) {
+    const void* series = m_source.series ? m_source.series : m_source.pixels;
+    if (!m_source.changedRects || !m_kept.valid || m_kept.series != series
+        || m_kept.bytesPerLine != m_source.bytesPerLine || m_kept.width != m_source.width
+        || m_kept.height != m_source.height || m_kept.format != m_source.format) {
         return false;
     }
-    if (m_vertices.size() != 6 || m_viewportWidth != m_targetWidth || m_viewportHeight != m_targetHeight) {
+    if (m_viewportWidth != m_targetWidth || m_viewportHeight != m_targetHeight) {
         return false;
     }
-    Plane plane, second;
-    if (!trianglePlane(&m_vertices[0], m_viewportWidth, m_viewportHeight, plane)
-        || !trianglePlane(&m_vertices[3], m_viewportWidth, m_viewportHeight, second) || !samePlane(plane, second)) {
+    AxisMapping mapping;
+    if (!mapAxes(m_vertices, m_targetWidth, m_targetHeight, m_source, m_sampler, mapping)) {
         return false;
     }
-    // The two triangles must make up the whole target: every corner of it is a vertex.
-    for (const auto& corner : {std::pair<float, float> {-1, -1}, {-1, 1}, {1, -1}, {1, 1}}) {
-        const bool found = std::any_of(m_vertices.begin(), m_vertices.end(), [&](const Ifaces::ScalerVertex& v) {
-            return std::abs(v.x - corner.first) < 1e-5f && std::abs(v.y - corner.second) < 1e-5f;
-        });
-        if (!found) {
-            return false;
-        }
-    }
-    // A quarter turn in 32-bit floats leaves the quad a hair off the axes; a
-    // drift that stays far below a texel over the whole target counts as none.
-    constexpr double kFlat = 1e-6;
-    const double across = m_targetWidth;
-    const double down = m_targetHeight;
-    bool turned;
-    if (std::abs(plane.ub) * down < kFlat && std::abs(plane.va) * across < kFlat) {
-        turned = false; // u follows the columns, v the lines
-    } else if (std::abs(plane.ua) * across < kFlat && std::abs(plane.vb) * down < kFlat) {
-        turned = true; // u follows the lines, v the columns
-    } else {
-        return false;
-    }
-
-    const double texelsPerX = std::hypot(plane.ua * m_source.width, plane.va * m_source.height);
-    const double texelsPerY = std::hypot(plane.ub * m_source.width, plane.vb * m_source.height);
-    const bool minifying = std::max(texelsPerX, texelsPerY) > 1.0;
-    const bool linear = minifying ? (m_sampler.filter & 0x10) != 0 : (m_sampler.filter & 0x04) != 0;
-
-    WholeTextureResampler::Layout layout;
-    layout.turned = turned;
-    const bool whole = turned ? spansWholeAxis(plane.va, plane.vc, m_targetWidth, layout.mirroredAcross)
-            && spansWholeAxis(plane.ub, plane.uc, m_targetHeight, layout.mirroredDown)
-                              : spansWholeAxis(plane.ua, plane.uc, m_targetWidth, layout.mirroredAcross)
-            && spansWholeAxis(plane.vb, plane.vc, m_targetHeight, layout.mirroredDown);
-    if (linear && whole && m_resampler.draw(m_source, layout, m_target.data(), m_targetWidth, m_targetHeight)) {
-        return true;
-    }
-
-    const std::vector<Tap> columns = turned ? taps(m_targetWidth, plane.va, plane.vc, m_source.height, linear)
-                                            : taps(m_targetWidth, plane.ua, plane.uc, m_source.width, linear);
-    const std::vector<Tap> lines = turned ? taps(m_targetHeight, plane.ub, plane.uc, m_source.width, linear)
-                                          : taps(m_targetHeight, plane.vb, plane.vc, m_source.height, linear);
-
-    int red = 0, blue = 2;
-    if (format != Ifaces::PixelFormat::R8G8B8A8Unorm) {
-        red = 2;
-        blue = 0;
-    }
-    const bool opaque = format == Ifaces::PixelFormat::B8G8R8X8Unorm;
-    const auto* pixels = static_cast<const std::uint8_t*>(m_source.pixels);
-    const std::size_t pitch = m_source.bytesPerLine;
-    auto texel = [pixels, pitch](int x, int y) {
-        return pixels + pitch * std::size_t(y) + std::size_t(x) * 4;
+    mapTaps(mapping, m_targetWidth, m_targetHeight, m_source);
+    // The target parts whose samples read a changed texel, each drawn anew;
+    // where they add up to much of the target, the whole picture is cheaper.
+    struct Part
+    {
+        int left, right, top, bottom;
     };
-
-    for (int y = 0; y < m_targetHeight; ++y) {
-        const Tap& line = lines[std::size_t(y)];
-        std::uint8_t* out = m_target.data() + std::size_t(y) * std::size_t(m_targetWidth) * 4;
-        for (int x = 0; x < m_targetWidth; ++x, out += 4) {
-            const Tap& column = columns[std::size_t(x)];
-            // Source x and y of the four texels, and the weights along each.
-            const Tap& alongX = turned ? line : column;
-            const Tap& alongY = turned ? column : line;
-            const std::uint8_t* a = texel(alongX.first, alongY.first);
-            const std::uint8_t* b = texel(alongX.second, alongY.first);
-            const std::uint8_t* c = texel(alongX.first, alongY.second);
-            const std::uint8_t* d = texel(alongX.second, alongY.second);
-            const float wx = alongX.weight;
-            const float wy = alongY.weight;
-            auto channel = [&](int i) {
-                const float top = a[i] + (b[i] - a[i]) * wx;
-                const float bottom = c[i] + (d[i] - c[i]) * wx;
-                return static_cast<std::uint8_t>(top + (bottom - top) * wy + 0.5f);
-            };
-            out[0] = channel(red);
-            out[1] = channel(1);
-            out[2] = channel(blue);
-            out[3] = opaque ? 255 : channel(3);
+    std::vector<Part> parts;
+    long long area = 0;
+    for (std::size_t i = 0; i < m_source.changedRectCount; ++i) {
+        const Ifaces::ScalerRect& rect = m_source.changedRects[i];
+        const int left = std::max(rect.x, 0);
+        const int top = std::max(rect.y, 0);
+        const int right = std::min(rect.x + std::max(rect.width, 0), m_source.width);
+        const int bottom = std::min(rect.y + std::max(rect.height, 0), m_source.height);
+        if (left >= right || top >= bottom) {
+            continue;
         }
+        const auto columns
+            = mapping.turned ? tapsReading(mapping.columns, top, bottom) : tapsReading(mapping.columns, left, right);
+        const auto lines
+            = mapping.turned ? tapsReading(mapping.lines, left, right) : tapsReading(mapping.lines, top, bottom);
+        if (columns.first >= columns.second || lines.first >= lines.second) {
+            continue;
+        }
+        parts.push_back({columns.first, columns.second, lines.first, lines.second});
+        area += (long long)(columns.second - columns.first) * (lines.second - lines.first);
+    }
+    // Drawn pixel by pixel, a part costs about eight times what the
+    // vectorised whole picture does per target pixel.
+    if (area * 8 > (long long)m_targetWidth * m_targetHeight) {
+        return false;
+    }
+    const std::size_t rowPitch = std::size_t(m_targetWidth) * 4;
+    for (const Part& part : parts) {
+        drawMapped(mapping, m_source, m_target.data(), rowPitch, part.left, part.right, part.top, part.bottom);
     }
     return true;
 }
 
-void SoftwareScaler::drawTriangle(const Ifaces::ScalerVertex* triangle)
+bool SoftwareScaler::drawAxisAligned(std::uint8_t* target)
+{
+    // The quad at any quarter turn maps each target axis onto one source axis,
+    // so every line and every column samples the same texels: those are worked
+    // out once, and 8-bit pixels are read directly.
+    if (m_viewportWidth != m_targetWidth || m_viewportHeight != m_targetHeight) {
+        return false;
+    }
+    AxisMapping mapping;
+    if (!mapAxes(m_vertices, m_targetWidth, m_targetHeight, m_source, m_sampler, mapping)) {
+        return false;
+    }
+    if (mapping.linear && mapping.whole
+        && m_resampler.draw(m_source, mapping.layout, target, m_targetWidth, m_targetHeight)) {
+        return true;
+    }
+    mapTaps(mapping, m_targetWidth, m_targetHeight, m_source);
+    drawMapped(mapping, m_source, target, std::size_t(m_targetWidth) * 4, 0, m_targetWidth, 0, m_targetHeight);
+    return true;
+}
+
+void SoftwareScaler::drawTriangle(const Ifaces::ScalerVertex* triangle, std::uint8_t* target)
 {
     // Viewport transform: clip-space y points up, target rows go down.
     const int width = std::min(m_viewportWidth, m_targetWidth);
@@ -445,8 +604,7 @@ void SoftwareScaler::drawTriangle(const Ifaces::ScalerVertex* triangle)
 
     for (int y = static_cast<int>(minY); y < static_cast<int>(maxY); ++y) {
         const double py = y + 0.5;
-        std::uint8_t* line
-            = m_target.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(m_targetWidth) * 4;
+        std::uint8_t* line = target + static_cast<std::size_t>(y) * static_cast<std::size_t>(m_targetWidth) * 4;
         for (int x = static_cast<int>(minX); x < static_cast<int>(maxX); ++x) {
             const double px = x + 0.5;
             // Pixel centres on a shared edge are drawn by both triangles with

@@ -20,6 +20,9 @@ namespace Cpu {
  * when it enlarges it, coordinates clamped to the edge, colours saturated to
  * 0..1 and rounded to 8 bits. Sources must be CPU pixels; device textures are
  * refused.
+ *
+ * The target keeps the last picture drawn into it: a source that names its
+ * changed parts is then drawn only where its samples read them.
  */
 class SoftwareScaler final : public Ifaces::GpuScaler
 {
@@ -40,6 +43,8 @@ public:
     void draw() override;
     void releaseSourceView() override;
     void* nativeTarget() const override;
+    bool drawsIntoMemory() const override;
+    void drawInto(std::uint8_t* pixels, std::size_t rowPitch) override;
     long createStagingTexture() override;
     void copyTargetToStaging() override;
     long mapStaging(Ifaces::MappedImage& image) override;
@@ -47,8 +52,10 @@ public:
     void releaseStaging() override;
 
 private:
-    bool drawAxisAligned();
-    void drawTriangle(const Ifaces::ScalerVertex* triangle);
+    void drawPicture(std::uint8_t* target);
+    bool drawChangedParts();
+    bool drawAxisAligned(std::uint8_t* target);
+    void drawTriangle(const Ifaces::ScalerVertex* triangle, std::uint8_t* target);
 
     std::vector<Ifaces::ScalerVertex> m_vertices;
     Ifaces::SamplerDescription m_sampler;
@@ -66,6 +73,19 @@ private:
     bool m_hasSourceView = false;
 
     WholeTextureResampler m_resampler;
+
+    /// Which source's picture the target holds, so that a next picture of the
+    /// same series is drawn only where it changed.
+    struct KeptPicture
+    {
+        bool valid = false;
+        const void* series = nullptr;
+        std::size_t bytesPerLine = 0;
+        int width = 0;
+        int height = 0;
+        Ifaces::PixelFormat format = Ifaces::PixelFormat::Unknown;
+    };
+    KeptPicture m_kept;
 
     std::vector<std::uint8_t> m_staging;
     bool m_hasStaging = false;

@@ -183,6 +183,45 @@ bool EglDevice::prefersCpuScaling(const std::string& renderer, const char* overr
     return false;
 }
 
+bool EglDevice::cpuScalingWithoutDevice()
+{
+    const char* override = std::getenv("ORVANTA_SCALER");
+    if (override && std::strcmp(override, "cpu") == 0) {
+        return true;
+    }
+    if (override && std::strcmp(override, "gpu") == 0) {
+        return false;
+    }
+    // Listing the devices reads no driver; Mesa marks its software rasteriser
+    // as a device of its own, and a real GPU is a device without that mark.
+    const char* clientExtensions = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
+    if (!hasExtension(clientExtensions, "EGL_EXT_device_enumeration")
+        && !hasExtension(clientExtensions, "EGL_EXT_device_base")) {
+        return false;
+    }
+    auto queryDevices = reinterpret_cast<PFNEGLQUERYDEVICESEXTPROC>(eglGetProcAddress("eglQueryDevicesEXT"));
+    auto queryDeviceString
+        = reinterpret_cast<PFNEGLQUERYDEVICESTRINGEXTPROC>(eglGetProcAddress("eglQueryDeviceStringEXT"));
+    if (!queryDevices || !queryDeviceString) {
+        return false;
+    }
+    EGLint count = 0;
+    if (!queryDevices(0, nullptr, &count) || count <= 0) {
+        return false;
+    }
+    std::vector<EGLDeviceEXT> devices(static_cast<std::size_t>(count));
+    if (!queryDevices(count, devices.data(), &count) || count <= 0) {
+        return false;
+    }
+    devices.resize(static_cast<std::size_t>(count));
+    for (EGLDeviceEXT device : devices) {
+        if (!hasExtension(queryDeviceString(device, EGL_EXTENSIONS), "EGL_MESA_device_software")) {
+            return false;
+        }
+    }
+    return true;
+}
+
 long EglDevice::makeCurrent() const
 {
     if (!eglMakeCurrent(m_connection->display(), EGL_NO_SURFACE, EGL_NO_SURFACE, m_context))

@@ -48,6 +48,15 @@ public:
     /// The choice of prefersCpuScaling() for a renderer text and an override (null when unset).
     static bool prefersCpuScaling(const std::string& renderer, const char* override);
 
+    /**
+     * Whether the CPU scaler is known to be the choice before a device is
+     * made: ORVANTA_SCALER asks for "cpu", or it does not ask for "gpu" and
+     * every EGL device of the system is Mesa's software one. Found without
+     * initialising a display, which loads the GL driver and its compiler, tens
+     * of megabytes that a context unused for scaling would hold for nothing.
+     */
+    static bool cpuScalingWithoutDevice();
+
     /// Makes the context current on the calling thread, without a surface.
     long makeCurrent() const;
     /// Releases the context from the calling thread.

@@ -221,6 +221,21 @@ public:
     /// The target as a device texture (ID3D11Texture2D* for Direct3D 11), or null.
     virtual void* nativeTarget() const = 0;
 
+    /// True for a scaler that can draw straight into the caller's memory
+    /// (drawInto), so that a frame read back needs no target or staging copy.
+    virtual bool drawsIntoMemory() const
+    {
+        return false;
+    }
+    /// Draws what draw() would, but into @p pixels: RGBA8 lines of the
+    /// target's size, @p rowPitch bytes apart. Only where drawsIntoMemory();
+    /// the target's own contents are unspecified afterwards.
+    virtual void drawInto(std::uint8_t* pixels, std::size_t rowPitch)
+    {
+        (void)pixels;
+        (void)rowPitch;
+    }
+
     /// A CPU-readable copy of the target: made per frame, copied into, mapped,
     /// unmapped and released. mapStaging waits until drawing has finished.
     virtual long createStagingTexture() = 0;

@@ -417,7 +417,7 @@ long PortalGraphicsCapture::createCaptureDevice(
 {
     auto result = std::make_shared<PortalDevice>();
     std::shared_ptr<Egl::EglDevice> egl = std::dynamic_pointer_cast<Egl::EglDevice>(device);
-    if (!egl && Egl::EglDevice::create(egl) < 0)
+    if (!egl && (Egl::EglDevice::cpuScalingWithoutDevice() || Egl::EglDevice::create(egl) < 0))
         egl.reset();
     // On a software renderer the CPU scaler is the faster one; the stream then
     // negotiates buffers in shared memory, which it reads in place.

@@ -51,6 +51,10 @@ long XcbScreenAdapter::enumOutput(unsigned int index, std::shared_ptr<Ifaces::Di
 long XcbScreenAdapter::createDevice(
     const std::shared_ptr<Ifaces::DisplayOutput>&, std::shared_ptr<Ifaces::GraphicsDevice>& device)
 {
+    device.reset();
+    // The output is scaled on the CPU then, which needs no device.
+    if (Egl::EglDevice::cpuScalingWithoutDevice())
+        return S_OK;
     std::shared_ptr<Egl::EglDevice> made;
     const long result = Egl::EglDevice::create(made);
     device = made;

@@ -21,7 +21,8 @@ public:
 
     std::wstring description() const override;
     long enumOutput(unsigned int index, std::shared_ptr<Ifaces::DisplayOutput>& output) override;
-    /// An EGL context of its own, not on the X server.
+    /// An EGL context of its own, not on the X server; none, with success,
+    /// where the output would be scaled on the CPU anyway.
     long createDevice(
         const std::shared_ptr<Ifaces::DisplayOutput>& output, std::shared_ptr<Ifaces::GraphicsDevice>& device) override;
 
