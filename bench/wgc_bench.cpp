@@ -6,7 +6,6 @@
 // through each buffer's list of changed parts. Only the capture call that
 // delivers a frame is timed; waiting for the source is not. The PipeWire
 // server, its portal and the X server are private and started here.
-#include "ConfigurationManager.h"
 #include "DXGICapturer.h"
 #include "WinRTCapturer.h"
 #include "ifaces/DisplayAdapter.h"
