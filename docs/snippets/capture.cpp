@@ -17,7 +17,7 @@ void chooseCaptureMode()
     const QVariant address = qApp->property("runtime.options.deskCaptureOption");
     auto* option = reinterpret_cast<DeskCaptureOption*>(quintptr(address.toLongLong()));
 
-    // On a Wayland session only the portal sees the screen.
+    // Mode 1 works on every Wayland compositor, mode 0 only on those with screencopy.
     const bool wayland = !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
     option->setCurMode(wayland ? 1 : 0); // saved as "screenCaptureMode"; running capturers switch
 

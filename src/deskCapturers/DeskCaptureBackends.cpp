@@ -3,30 +3,26 @@
 #include "DXGICapturer.h"
 #include "GDICapturer.h"
 #include "WinRTCapturer.h"
+#include "ifaces/ScreenGrabber.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QtGlobal>
 
+#include <string>
+
 namespace Orvanta {
-
-namespace {
-
-/// On a Wayland desktop the X server only sees its own clients' windows, so
-/// the duplication and blit modes cannot capture the screen there.
-bool isWaylandSession()
-{
-    return !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
-        || qEnvironmentVariable("XDG_SESSION_TYPE").compare(QLatin1String("wayland"), Qt::CaseInsensitive) == 0;
-}
-
-} // namespace
 
 IDeskCapture* createDeskCaptureBackend(int mode)
 {
-    if ((mode == 0 || mode == 2) && isWaylandSession())
-        qWarning() << "[WinDeskCapture]: This is a Wayland session: capture mode" << mode
-                   << "reads the X server, which cannot see the screen here; choose capture mode 1 (WinRT), which "
-                      "captures through the desktop portal";
+    if (mode == 0 || mode == 2) {
+        const std::string obstacle = Ifaces::platformScreenReadingObstacle();
+        if (!obstacle.empty())
+            qWarning().noquote() << QStringLiteral("[WinDeskCapture]: Capture mode %1 cannot read the screen here: %2; "
+                                                   "choose capture mode 1 (WinRT), which captures through the desktop "
+                                                   "portal")
+                                        .arg(mode)
+                                        .arg(QString::fromStdString(obstacle));
+    }
     switch (mode) {
     case 0:
         return new DXGICapturer(nullptr);

@@ -11,6 +11,11 @@ std::unique_ptr<Ifaces::ScreenGrabber> Ifaces::createPlatformScreenGrabber()
     return std::make_unique<Gdi::GdiScreenGrabber>();
 }
 
+std::string Ifaces::platformScreenReadingObstacle()
+{
+    return {};
+}
+
 namespace Gdi {
 
 namespace {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace Orvanta {
 namespace Ifaces {
@@ -55,6 +56,12 @@ public:
 
 /// A grabber of the platform the library was built for; each call makes a new one.
 std::unique_ptr<ScreenGrabber> createPlatformScreenGrabber();
+
+/**
+ * Why the screen of this session cannot be read by copying it (the
+ * duplication and blit back-ends); empty where it can.
+ */
+std::string platformScreenReadingObstacle();
 
 } // namespace Ifaces
 } // namespace Orvanta

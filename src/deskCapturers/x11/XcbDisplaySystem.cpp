@@ -6,11 +6,6 @@
 
 namespace Orvanta {
 
-std::shared_ptr<Ifaces::DisplaySystem> Ifaces::createPlatformDisplaySystem()
-{
-    return std::make_shared<X11::XcbDisplaySystem>();
-}
-
 namespace X11 {
 
 XcbDisplaySystem::XcbDisplaySystem(std::string displayName)

@@ -496,16 +496,4 @@ std::shared_ptr<Ifaces::GpuScaler> XcbDuplicator::deviceScaler()
 
 } // namespace X11
 
-namespace Ifaces {
-
-std::unique_ptr<DesktopDuplicator> createPlatformDesktopDuplicator(std::shared_ptr<DisplayAdapter> adapter,
-    std::shared_ptr<GraphicsDevice> device, std::shared_ptr<DisplayOutput> output)
-{
-    if (!adapter) {
-        return nullptr;
-    }
-    return std::make_unique<X11::XcbDuplicator>(std::move(adapter), std::move(device), std::move(output));
-}
-
-} // namespace Ifaces
 } // namespace Orvanta

@@ -10,11 +10,6 @@
 
 namespace Orvanta {
 
-std::unique_ptr<Ifaces::ScreenGrabber> Ifaces::createPlatformScreenGrabber()
-{
-    return std::make_unique<X11::XcbScreenGrabber>();
-}
-
 namespace X11 {
 
 XcbScreenGrabber::XcbScreenGrabber(std::string displayName)
