@@ -62,6 +62,27 @@ struct ItemGrant
     std::int32_t sourceY = 0;
 };
 
+/**
+ * Keeps the user's consent to capture, one restore token per output, from
+ * session to session and from process to process (the application's
+ * configuration). Used where the user, not the caller, picks the source.
+ */
+class ConsentStore
+{
+public:
+    virtual ~ConsentStore() = default;
+
+    /// The consent an earlier session of @p output handed out; empty for none.
+    virtual std::string restoreToken(const std::string& output) = 0;
+    /**
+     * Keeps what @p grant handed out for @p output after a session asked with
+     * @p request; @p pickedOther (the user picked another output than the one
+     * asked for) keeps nothing, so that the next session asks again.
+     */
+    virtual void keep(const std::string& output, const ItemRequest& request, const ItemGrant& grant, bool pickedOther)
+        = 0;
+};
+
 /// What can be captured: one monitor, with the size the runtime gives it.
 class CaptureItem
 {
