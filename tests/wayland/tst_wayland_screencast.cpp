@@ -268,8 +268,10 @@ void TestWaylandScreenCast::aStillOutputAnswersNothingChanged()
 
 void TestWaylandScreenCast::aChangingPictureArrives()
 {
+    const int sessions = portalSessions();
     std::unique_ptr<Orvanta::Ifaces::OutputDuplication> duplication = duplicate(Left);
     QVERIFY(duplication);
+    QVERIFY(portalSessions() > sessions);
     QVERIFY(waitForPicture(*duplication, Left, Left.colour));
     const QColor yellow(0xe0, 0xd0, 0x10);
     const auto restore = qScopeGuard([] { paint(Left.name, Left.colour); });
