@@ -91,21 +91,6 @@ QString consentName(const DeskCaptureContext& context)
     return context.deviceName.isEmpty() ? QStringLiteral("primary") : context.deviceName;
 }
 
-/**
- * Whether the picked source can be @p context's output: the same size either
- * way round (a turned output keeps its unturned size in the stream), and the
- * same top left corner where the runtime tells one. Some back-ends put every
- * monitor at 0,0, so that corner only counts against a source elsewhere.
- */
-bool isContextOutput(const DeskCaptureContext& context, const ItemGrant& grant, const CaptureSize& size)
-{
-    const QSize picked(size.width, size.height);
-    if (picked != context.position.size() && picked.transposed() != context.position.size())
-        return false;
-    const QPoint corner(grant.sourceX, grant.sourceY);
-    return !grant.hasSourcePosition || corner.isNull() || corner == context.position.topLeft();
-}
-
 void logSystemVersion(const std::string& version)
 {
     const quint64 v = versionNumber(version);
@@ -180,7 +165,8 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
         }
         CaptureSize pickedSize;
         const bool pickedOther = userPicks && !newContext.position.isEmpty() && item->size(pickedSize) >= 0
-            && !isContextOutput(newContext, grant, pickedSize);
+            && !isPickedOutput(grant, pickedSize, newContext.position.x(), newContext.position.y(),
+                newContext.position.width(), newContext.position.height());
         if (userPicks)
             ScreenCastConsent::keep(output, request, grant, pickedOther);
         if (pickedOther) {

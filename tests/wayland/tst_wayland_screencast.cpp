@@ -8,7 +8,7 @@
 #include "MessageCapture.h"
 #include "ResultCodes.h"
 #include "ScreenCastConsent.h"
-#include "TestFiles.h"
+#include "WaylandFixture.h"
 #include "ifaces/DesktopDuplicator.h"
 #include "ifaces/DisplayAdapter.h"
 #include "ifaces/DisplayOutput.h"
@@ -43,29 +43,10 @@ const Output Left {
 const Output Right {
     QStringLiteral("HEADLESS-2"), QStringLiteral("HEADLESS-2-A0-O1"), QSize(1920, 1080), QColor(0x20, 0x60, 0xc0)};
 
-QString fixtureFile(const char* variable)
-{
-    return qEnvironmentVariable(variable);
-}
-
-/// What "the user" picks in the portal's chooser from now on.
-void choose(const QString& output)
-{
-    QFile file(fixtureFile("ORVANTA_WAYLAND_CHOICE"));
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(output.toUtf8() + '\n');
-}
-
-/// How often the portal has asked the user so far.
-int questions()
-{
-    return readFile(fixtureFile("ORVANTA_WAYLAND_STARTS")).count('\n');
-}
-
 /// How many screen casts the portal started so far: asked for, or restored from kept consent.
 int portalSessions()
 {
-    return questions() + readFile(fixtureFile("ORVANTA_WAYLAND_PORTAL_LOG")).count("dbus: restoring session from data");
+    return questions() + restoredSessions();
 }
 
 /// Paints @p output in @p colour through the compositor, which draws it anew.
@@ -140,13 +121,6 @@ bool waitForPicture(Orvanta::Ifaces::OutputDuplication& duplication, const Outpu
     return false;
 }
 
-void addModeRows()
-{
-    QTest::addColumn<int>("mode");
-    QTest::newRow("duplication") << 0;
-    QTest::newRow("blit") << 2;
-}
-
 } // namespace
 
 class TestWaylandScreenCast : public QObject
@@ -215,7 +189,7 @@ std::unique_ptr<Orvanta::Ifaces::OutputDuplication> TestWaylandScreenCast::dupli
 
 void TestWaylandScreenCast::eachOutputGivesItsColour_data()
 {
-    addModeRows();
+    addCopyModeRows();
 }
 
 void TestWaylandScreenCast::eachOutputGivesItsColour()
@@ -281,7 +255,7 @@ void TestWaylandScreenCast::aChangingPictureArrives()
 
 void TestWaylandScreenCast::aSecondSessionOfAnOutputAsksNobody_data()
 {
-    addModeRows();
+    addCopyModeRows();
 }
 
 void TestWaylandScreenCast::aSecondSessionOfAnOutputAsksNobody()

@@ -63,6 +63,24 @@ struct ItemGrant
 };
 
 /**
+ * Whether the source the user picked, of @p picked size, can be the output
+ * at @p x, @p y of @p width by @p height: the same size either way round (a
+ * turned output keeps its unturned size in a stream), and the same top left
+ * corner where the runtime tells one. Some back-ends put every monitor at
+ * 0,0, so that corner only counts against a source elsewhere.
+ */
+inline bool isPickedOutput(const ItemGrant& grant, const CaptureSize& picked, std::int32_t x, std::int32_t y,
+    std::int32_t width, std::int32_t height)
+{
+    const bool sameSize
+        = (picked.width == width && picked.height == height) || (picked.width == height && picked.height == width);
+    if (!sameSize)
+        return false;
+    const bool cornerUnknown = !grant.hasSourcePosition || (grant.sourceX == 0 && grant.sourceY == 0);
+    return cornerUnknown || (grant.sourceX == x && grant.sourceY == y);
+}
+
+/**
  * Keeps the user's consent to capture, one restore token per output, from
  * session to session and from process to process (the application's
  * configuration). Used where the user, not the caller, picks the source.

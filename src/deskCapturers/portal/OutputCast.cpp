@@ -12,18 +12,6 @@ namespace {
 constexpr int kBgraFormat = 87;
 constexpr int kPoolBuffers = 2;
 
-/// Whether the stream the user picked can be @p output (see the graphics-capture back-end).
-bool isOutput(const OutputCast::Output& output, const Ifaces::ItemGrant& grant, const Ifaces::CaptureSize& size)
-{
-    const bool sameSize = (size.width == output.width && size.height == output.height)
-        || (size.width == output.height && size.height == output.width);
-    if (!sameSize)
-        return false;
-    // Some back-ends put every monitor at 0,0: that corner tells nothing.
-    const bool cornerUnknown = !grant.hasSourcePosition || (grant.sourceX == 0 && grant.sourceY == 0);
-    return cornerUnknown || (grant.sourceX == output.x && grant.sourceY == output.y);
-}
-
 } // namespace
 
 long OutputCast::open(
@@ -45,7 +33,7 @@ long OutputCast::open(
     Ifaces::CaptureSize size;
     if ((hr = item->size(size)) < 0)
         return hr;
-    const bool pickedOther = !isOutput(output, grant, size);
+    const bool pickedOther = !Ifaces::isPickedOutput(grant, size, output.x, output.y, output.width, output.height);
     if (consent)
         consent->keep(output.name, request, grant, pickedOther);
     if (pickedOther)
