@@ -283,5 +283,5 @@ void TestWaylandScreenCast::aSecondSessionOfAnOutputAsksNobody()
     QCOMPARE(questions(), asked);
 }
 
-QTEST_MAIN(TestWaylandScreenCast)
+QTEST_GUILESS_MAIN(TestWaylandScreenCast)
 #include "tst_wayland_screencast.moc"

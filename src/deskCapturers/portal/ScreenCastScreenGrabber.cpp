@@ -11,8 +11,10 @@ namespace Portal {
 
 namespace {
 
-/// How long a grab of an output without a picture yet waits for the stream's first.
-constexpr auto kFirstPictureTimeout = std::chrono::milliseconds(1000);
+/// How long the grab that opened a cast waits for the stream's first picture.
+/// Later grabs never wait: a still output's first picture may come only with
+/// its first change, and a tick must not stall until then.
+constexpr auto kFirstPictureTimeout = std::chrono::milliseconds(200);
 constexpr auto kPollInterval = std::chrono::milliseconds(4);
 
 } // namespace
@@ -78,7 +80,8 @@ bool ScreenCastScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenR
     if (name.empty())
         return false;
     Cast& cast = m_casts[name];
-    if (!cast.stream) {
+    const bool opening = !cast.stream;
+    if (opening) {
         OutputCast::Output wanted;
         wanted.name = name;
         wanted.x = int(output.left);
@@ -97,7 +100,7 @@ bool ScreenCastScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenR
             m_casts.erase(name);
             return false;
         }
-        if (cast.frame || std::chrono::steady_clock::now() >= deadline)
+        if (cast.frame || !opening || std::chrono::steady_clock::now() >= deadline)
             break;
         std::this_thread::sleep_for(kPollInterval);
     }

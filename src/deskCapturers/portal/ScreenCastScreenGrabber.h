@@ -17,8 +17,9 @@ class OutputCast;
 /**
  * The blit grabber of Wayland compositors without screencopy: each output is
  * a screen cast of its own, opened at its first grab with the consent kept
- * for it, and each grab gives the newest picture the stream brought. Where
- * the outputs lie comes from @p outputs, the compositor's own grabber.
+ * for it, and each grab gives the newest picture the stream brought; until
+ * the first one came, grabs fail without waiting. Where the outputs lie
+ * comes from @p outputs, the compositor's own grabber.
  */
 class ScreenCastScreenGrabber final : public Ifaces::ScreenGrabber
 {
