@@ -17,9 +17,7 @@ void chooseCaptureMode()
     const QVariant address = qApp->property("runtime.options.deskCaptureOption");
     auto* option = reinterpret_cast<DeskCaptureOption*>(quintptr(address.toLongLong()));
 
-    // Mode 1 works on every Wayland compositor, mode 0 only on those with screencopy.
-    const bool wayland = !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
-    option->setCurMode(wayland ? 1 : 0); // saved as "screenCaptureMode"; running capturers switch
+    option->setCurMode(0); // saved as "screenCaptureMode"; running capturers switch
 
     QSharedPointer<IDeskCapture> screen = desk.acquireCapturer(desk.defaultCapturer());
     if (screen) {

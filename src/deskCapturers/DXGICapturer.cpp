@@ -3,6 +3,7 @@
 #include "D3DTextureResizer.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
+#include "ScreenCastConsent.h"
 #include "ifaces/DesktopDuplicator.h"
 #include "ifaces/RetryClock.h"
 
@@ -174,6 +175,8 @@ long DXGICapturer::setCaptureContext(DeskCaptureContext context)
     if (!d->duplicatorInjected) {
         d->duplication.reset();
         d->duplicator = Orvanta::Ifaces::createPlatformDesktopDuplicator(d->adapter, d->device, d->output);
+        if (d->duplicator)
+            d->duplicator->keepConsentIn(std::make_shared<ScreenCastConsent>());
     }
     if (!d->duplicator) {
         d->bound = false;

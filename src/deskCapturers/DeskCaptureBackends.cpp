@@ -22,6 +22,11 @@ IDeskCapture* createDeskCaptureBackend(int mode)
                                                    "portal")
                                         .arg(mode)
                                         .arg(QString::fromStdString(obstacle));
+        const std::string path = Ifaces::platformScreenReadingPath();
+        if (!path.empty())
+            qInfo().noquote() << QStringLiteral("[WinDeskCapture]: Capture mode %1 reads the screen through %2")
+                                     .arg(mode)
+                                     .arg(QString::fromStdString(path));
     }
     switch (mode) {
     case 0:

@@ -1,5 +1,6 @@
 #include "GDICapturer.h"
 
+#include "ScreenCastConsent.h"
 #include "cpu/ChannelOrder.h"
 #include "ifaces/DisplayOutput.h"
 #include "ifaces/ScreenGrabber.h"
@@ -13,6 +14,8 @@ using Orvanta::Ifaces::OutputRotation;
 GDICapturer::GDICapturer()
     : GDICapturer(Orvanta::Ifaces::createPlatformScreenGrabber())
 {
+    if (grabber)
+        grabber->keepConsentIn(std::make_shared<ScreenCastConsent>());
 }
 
 GDICapturer::GDICapturer(std::unique_ptr<Orvanta::Ifaces::ScreenGrabber> grabber)

@@ -1,16 +1,15 @@
 #include "WinRTCapturer.h"
 
-#include "ConfigurationManager.h"
+#include "ScreenCastConsent.h"
+
 #include "D3DTextureResizer.h"
 #include "Helpers.h"
 #include "ResultCodes.h"
 #include "ifaces/GraphicsCapture.h"
 
 #include <QtCore/QDebug>
-#include <QtCore/QJsonObject>
 #include <QtCore/QMutexLocker>
 
-#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -92,36 +91,6 @@ QString consentName(const DeskCaptureContext& context)
     return context.deviceName.isEmpty() ? QStringLiteral("primary") : context.deviceName;
 }
 
-std::string savedRestoreToken(const QString& output)
-{
-    const QJsonValue tokens
-        = ConfigurationManager::instance()->globalValue(QLatin1String(WinRTCapturer::RestoreTokensKey));
-    return tokens.toObject().value(output).toString().toStdString();
-}
-
-void saveRestoreToken(const QString& output, const std::string& token)
-{
-    ConfigurationManager* configuration = ConfigurationManager::instance();
-    configuration->setGlobalValue(
-        QStringList {QLatin1String(WinRTCapturer::RestoreTokensKey), output}, QString::fromStdString(token));
-    configuration->saveGlobalValues();
-}
-
-/**
- * Whether the picked source can be @p context's output: the same size either
- * way round (a turned output keeps its unturned size in the stream), and the
- * same top left corner where the runtime tells one. Some back-ends put every
- * monitor at 0,0, so that corner only counts against a source elsewhere.
- */
-bool isContextOutput(const DeskCaptureContext& context, const ItemGrant& grant, const CaptureSize& size)
-{
-    const QSize picked(size.width, size.height);
-    if (picked != context.position.size() && picked.transposed() != context.position.size())
-        return false;
-    const QPoint corner(grant.sourceX, grant.sourceY);
-    return !grant.hasSourcePosition || corner.isNull() || corner == context.position.topLeft();
-}
-
 void logSystemVersion(const std::string& version)
 {
     const quint64 v = versionNumber(version);
@@ -185,7 +154,7 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
         ItemRequest request;
         request.monitor = newContext.monitor;
         if (userPicks)
-            request.restoreToken = savedRestoreToken(output);
+            request.restoreToken = ScreenCastConsent::restoreToken(output);
         std::shared_ptr<CaptureItem> item;
         ItemGrant grant;
         long hr = system->createItemForOutput(request, item, grant);
@@ -196,9 +165,10 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
         }
         CaptureSize pickedSize;
         const bool pickedOther = userPicks && !newContext.position.isEmpty() && item->size(pickedSize) >= 0
-            && !isContextOutput(newContext, grant, pickedSize);
+            && !isPickedOutput(grant, pickedSize, newContext.position.x(), newContext.position.y(),
+                newContext.position.width(), newContext.position.height());
         if (userPicks)
-            keepConsent(output, request, grant, pickedOther);
+            ScreenCastConsent::keep(output, request, grant, pickedOther);
         if (pickedOther) {
             const QRect& row = newContext.position;
             QString picked = QStringLiteral("%1x%2").arg(pickedSize.width).arg(pickedSize.height);
@@ -275,26 +245,6 @@ bool WinRTCapturer::init(DeskCaptureContext newContext)
         qCritical() << "[WinRTCapturer]: An unexpected exception occurred while initializing the winrt capture ";
     }
     return false;
-}
-
-void WinRTCapturer::keepConsent(
-    const QString& output, const ItemRequest& request, const ItemGrant& grant, bool pickedOther)
-{
-    if (grant.restoreTokenRefused) {
-        qInfo().noquote() << QStringLiteral(
-            "[WinRTCapturer]: The portal refused the consent kept for %1; the user was asked again")
-                                 .arg(output);
-    }
-    // A choice of another output is not this output's consent: the next start
-    // asks again rather than capture the wrong monitor for good.
-    const std::string kept = pickedOther ? std::string() : grant.restoreToken;
-    if (kept != request.restoreToken && (!kept.empty() || !request.restoreToken.empty()))
-        saveRestoreToken(output, kept);
-    static std::atomic<bool> toldPerSession {false};
-    if (grant.consent == CaptureConsent::PerSession && !toldPerSession.exchange(true)) {
-        qWarning() << "[WinRTCapturer]: The desktop portal keeps no consent beyond a session (it needs ScreenCast "
-                      "version 4 with restore tokens): the user is asked at every start";
-    }
 }
 
 void WinRTCapturer::borderlessAndEnableCursor()

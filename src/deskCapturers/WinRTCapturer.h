@@ -88,10 +88,6 @@ public:
 
 private:
     cv::Mat captureFrame();
-    /// Keeps the token that @p grant handed out for @p output, unless the user
-    /// picked another output, and says what needs saying.
-    static void keepConsent(const QString& output, const Orvanta::Ifaces::ItemRequest& request,
-        const Orvanta::Ifaces::ItemGrant& grant, bool pickedOther);
     void endSession();
 
     std::shared_ptr<Orvanta::Ifaces::GraphicsCaptureSystem> system;

@@ -7,6 +7,7 @@
 
 #include "MessageCapture.h"
 #include "TestFiles.h"
+#include "WaylandFixture.h"
 
 #include <QtGui/QImage>
 #include <QtGui/QPainter>
@@ -28,31 +29,6 @@ struct Output
 /// The fixture's desktop: two outputs, each painted one colour.
 const Output Left {QStringLiteral("HEADLESS-1"), QRect(0, 0, 1280, 720), QColor(0xc0, 0x30, 0x20)};
 const Output Right {QStringLiteral("HEADLESS-2"), QRect(1280, 0, 1920, 1080), QColor(0x20, 0x60, 0xc0)};
-
-QString fixtureFile(const char* variable)
-{
-    return QString::fromLocal8Bit(qgetenv(variable));
-}
-
-/// What "the user" picks in the portal's chooser from now on.
-void choose(const QString& output)
-{
-    QFile file(fixtureFile("ORVANTA_WAYLAND_CHOICE"));
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(output.toUtf8() + '\n');
-}
-
-/// How often the portal has asked the user so far.
-int questions()
-{
-    return readFile(fixtureFile("ORVANTA_WAYLAND_STARTS")).count('\n');
-}
-
-/// How many sessions the back-end restored from a token so far.
-int restoredSessions()
-{
-    return readFile(fixtureFile("ORVANTA_WAYLAND_PORTAL_LOG")).count("dbus: restoring session from data");
-}
 
 DeskCaptureContext contextOf(const Output& output, const QRect& position)
 {

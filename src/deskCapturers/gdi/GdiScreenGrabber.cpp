@@ -16,6 +16,11 @@ std::string Ifaces::platformScreenReadingObstacle()
     return {};
 }
 
+std::string Ifaces::platformScreenReadingPath()
+{
+    return {};
+}
+
 namespace Gdi {
 
 namespace {

@@ -10,6 +10,7 @@ namespace Orvanta {
 namespace Ifaces {
 
 class DisplayAdapter;
+class ConsentStore;
 class DisplayOutput;
 class GraphicsDevice;
 
@@ -37,6 +38,12 @@ public:
     virtual long duplicateOutput(const std::vector<int>& formats, std::unique_ptr<OutputDuplication>& duplication) = 0;
     /// The device's drawing context, for the resizer; null when the device has none.
     virtual std::shared_ptr<GpuScaler> deviceScaler() = 0;
+    /// Where a platform on which the user picks what is captured keeps that
+    /// consent per output; the others need none.
+    virtual void keepConsentIn(std::shared_ptr<ConsentStore> store)
+    {
+        (void)store;
+    }
 };
 
 /**

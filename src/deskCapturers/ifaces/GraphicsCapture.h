@@ -62,6 +62,45 @@ struct ItemGrant
     std::int32_t sourceY = 0;
 };
 
+/**
+ * Whether the source the user picked, of @p picked size, can be the output
+ * at @p x, @p y of @p width by @p height: the same size either way round (a
+ * turned output keeps its unturned size in a stream), and the same top left
+ * corner where the runtime tells one. Some back-ends put every monitor at
+ * 0,0, so that corner only counts against a source elsewhere.
+ */
+inline bool isPickedOutput(const ItemGrant& grant, const CaptureSize& picked, std::int32_t x, std::int32_t y,
+    std::int32_t width, std::int32_t height)
+{
+    const bool sameSize
+        = (picked.width == width && picked.height == height) || (picked.width == height && picked.height == width);
+    if (!sameSize)
+        return false;
+    const bool cornerUnknown = !grant.hasSourcePosition || (grant.sourceX == 0 && grant.sourceY == 0);
+    return cornerUnknown || (grant.sourceX == x && grant.sourceY == y);
+}
+
+/**
+ * Keeps the user's consent to capture, one restore token per output, from
+ * session to session and from process to process (the application's
+ * configuration). Used where the user, not the caller, picks the source.
+ */
+class ConsentStore
+{
+public:
+    virtual ~ConsentStore() = default;
+
+    /// The consent an earlier session of @p output handed out; empty for none.
+    virtual std::string restoreToken(const std::string& output) = 0;
+    /**
+     * Keeps what @p grant handed out for @p output after a session asked with
+     * @p request; @p pickedOther (the user picked another output than the one
+     * asked for) keeps nothing, so that the next session asks again.
+     */
+    virtual void keep(const std::string& output, const ItemRequest& request, const ItemGrant& grant, bool pickedOther)
+        = 0;
+};
+
 /// What can be captured: one monitor, with the size the runtime gives it.
 class CaptureItem
 {

@@ -8,6 +8,8 @@
 namespace Orvanta {
 namespace Ifaces {
 
+class ConsentStore;
+
 /// A rectangle of the virtual desktop; right and bottom are exclusive.
 struct ScreenRect
 {
@@ -52,6 +54,12 @@ public:
      * blit capturer turns it by the output's rotation.
      */
     virtual bool picturesAreTurned() const = 0;
+    /// Where a platform on which the user picks what is captured keeps that
+    /// consent per output; the others need none.
+    virtual void keepConsentIn(std::shared_ptr<ConsentStore> store)
+    {
+        (void)store;
+    }
 };
 
 /// A grabber of the platform the library was built for; each call makes a new one.
@@ -62,6 +70,9 @@ std::unique_ptr<ScreenGrabber> createPlatformScreenGrabber();
  * duplication and blit back-ends); empty where it can.
  */
 std::string platformScreenReadingObstacle();
+
+/// How the duplication and blit back-ends read this session's screen, for the log; empty where nothing is worth saying.
+std::string platformScreenReadingPath();
 
 } // namespace Ifaces
 } // namespace Orvanta

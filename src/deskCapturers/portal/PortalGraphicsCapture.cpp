@@ -432,6 +432,13 @@ long PortalGraphicsCapture::createCaptureDevice(
     return S_OK;
 }
 
+std::shared_ptr<Ifaces::CaptureDevice> PortalGraphicsCapture::createCpuCaptureDevice()
+{
+    auto device = std::make_shared<PortalDevice>();
+    device->scaler = std::make_shared<Cpu::SoftwareScaler>();
+    return device;
+}
+
 long PortalGraphicsCapture::queryOutputColorSpace(const std::shared_ptr<Ifaces::DisplayOutput>&)
 {
     return S_OK;

@@ -66,6 +66,9 @@ public:
     long createFreeThreadedPool(const Ifaces::CaptureDevice& device, int pixelFormat, int bufferCount,
         Ifaces::CaptureSize size, std::shared_ptr<Ifaces::CaptureFramePool>& pool) override;
 
+    /// A device whose streams come in memory the CPU reads (shared memory, never DMA-BUFs).
+    static std::shared_ptr<Ifaces::CaptureDevice> createCpuCaptureDevice();
+
     /// The monitor handle that stands for "the monitor the portal chooses".
     static constexpr std::uintptr_t PortalMonitor = 1;
 

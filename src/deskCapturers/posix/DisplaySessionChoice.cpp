@@ -3,6 +3,8 @@
 #include "ifaces/DesktopDuplicator.h"
 #include "ifaces/DisplaySystem.h"
 #include "ifaces/ScreenGrabber.h"
+#include "portal/ScreenCastDuplication.h"
+#include "portal/ScreenCastScreenGrabber.h"
 #include "wayland/WaylandCompositorAdapter.h"
 #include "wayland/WaylandConnection.h"
 #include "wayland/WaylandDisplaySystem.h"
@@ -45,6 +47,14 @@ bool isWaylandSession()
     return ::stat((runtime + "/wayland-0").c_str(), &socket) == 0 && S_ISSOCK(socket.st_mode);
 }
 
+bool readsScreenThroughScreenCast()
+{
+    if (!isWaylandSession())
+        return false;
+    std::shared_ptr<Wayland::WaylandConnection> connection;
+    return Wayland::WaylandConnection::open(nullptr, connection) >= 0 && !connection->hasScreencopy();
+}
+
 std::string screenReadingObstacle()
 {
     if (!isWaylandSession())
@@ -52,9 +62,19 @@ std::string screenReadingObstacle()
     std::shared_ptr<Wayland::WaylandConnection> connection;
     if (Wayland::WaylandConnection::open(nullptr, connection) < 0)
         return "the Wayland compositor cannot be reached";
-    if (!connection->hasScreencopy())
-        return "the Wayland compositor offers no wlr-screencopy-unstable-v1";
     return {};
+}
+
+std::string screenReadingPath()
+{
+    if (!isWaylandSession())
+        return {};
+    std::shared_ptr<Wayland::WaylandConnection> connection;
+    if (Wayland::WaylandConnection::open(nullptr, connection) < 0)
+        return {};
+    if (connection->hasScreencopy())
+        return "the compositor's wlr-screencopy-unstable-v1";
+    return "the desktop portal's screen cast, one session per output";
 }
 
 } // namespace Posix
@@ -68,6 +88,8 @@ std::shared_ptr<Ifaces::DisplaySystem> Ifaces::createPlatformDisplaySystem()
 
 std::unique_ptr<Ifaces::ScreenGrabber> Ifaces::createPlatformScreenGrabber()
 {
+    if (Posix::readsScreenThroughScreenCast())
+        return std::make_unique<Portal::ScreenCastScreenGrabber>(std::make_unique<Wayland::WaylandScreenGrabber>());
     if (Posix::isWaylandSession())
         return std::make_unique<Wayland::WaylandScreenGrabber>();
     return std::make_unique<X11::XcbScreenGrabber>();
@@ -78,6 +100,11 @@ std::string Ifaces::platformScreenReadingObstacle()
     return Posix::screenReadingObstacle();
 }
 
+std::string Ifaces::platformScreenReadingPath()
+{
+    return Posix::screenReadingPath();
+}
+
 std::unique_ptr<Ifaces::DesktopDuplicator> Ifaces::createPlatformDesktopDuplicator(
     std::shared_ptr<DisplayAdapter> adapter, std::shared_ptr<GraphicsDevice> device,
     std::shared_ptr<DisplayOutput> output)
@@ -85,8 +112,12 @@ std::unique_ptr<Ifaces::DesktopDuplicator> Ifaces::createPlatformDesktopDuplicat
     if (!adapter)
         return nullptr;
     // The adapter tells which display system the row came from, whatever the session is now.
-    if (std::dynamic_pointer_cast<Wayland::WaylandCompositorAdapter>(adapter))
+    if (const auto compositor = std::dynamic_pointer_cast<Wayland::WaylandCompositorAdapter>(adapter)) {
+        if (!compositor->connection()->hasScreencopy())
+            return std::make_unique<Portal::ScreenCastDuplicator>(
+                std::move(adapter), std::move(device), std::move(output));
         return std::make_unique<Wayland::WaylandDuplicator>(std::move(adapter), std::move(device), std::move(output));
+    }
     return std::make_unique<X11::XcbDuplicator>(std::move(adapter), std::move(device), std::move(output));
 }
 

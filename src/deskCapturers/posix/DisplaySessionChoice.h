@@ -13,8 +13,18 @@ namespace Posix {
  */
 bool isWaylandSession();
 
+/**
+ * Whether the duplication and blit modes read this session's screen through
+ * the desktop portal's screen cast: a Wayland compositor that lets no client
+ * copy its outputs.
+ */
+bool readsScreenThroughScreenCast();
+
 /// Why the duplication and blit modes cannot read this session's screen; empty where they can.
 std::string screenReadingObstacle();
+
+/// How the duplication and blit modes read this session's screen, for the log.
+std::string screenReadingPath();
 
 } // namespace Posix
 } // namespace Orvanta

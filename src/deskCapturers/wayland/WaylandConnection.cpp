@@ -382,6 +382,9 @@ bool WaylandConnection::output(const std::string& name, WaylandOutputInfo& info)
 
 bool WaylandConnection::hasScreencopy() const
 {
+    const char* ignored = std::getenv("ORVANTA_IGNORE_SCREENCOPY");
+    if (ignored && std::string(ignored) == "1")
+        return false;
     return m_screencopy != nullptr && m_shm != nullptr;
 }
 

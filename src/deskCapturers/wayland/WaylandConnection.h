@@ -68,7 +68,12 @@ public:
     /// The output named @p name; false if there is none now.
     bool output(const std::string& name, WaylandOutputInfo& info);
 
-    /// Whether the compositor lets clients copy its outputs (wlr-screencopy).
+    /**
+     * Whether the compositor lets clients copy its outputs (wlr-screencopy).
+     * The environment variable ORVANTA_IGNORE_SCREENCOPY set to 1 makes it
+     * false whatever the compositor offers, so that the screen-cast path of
+     * the duplication and blit modes can be tried on any compositor.
+     */
     bool hasScreencopy() const;
     wl_shm* shm() const;
     zwlr_screencopy_manager_v1* screencopyManager() const;

@@ -1,0 +1,44 @@
+#pragma once
+
+// What the Wayland fixtures hand the tests: the files of the portal's chooser
+// and log, named by the fixture's environment.
+
+#include "TestFiles.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QString>
+#include <QtTest/QTest>
+
+/// The file the fixture names in the environment variable @p variable.
+inline QString fixtureFile(const char* variable)
+{
+    return QString::fromLocal8Bit(qgetenv(variable));
+}
+
+/// What "the user" picks in the portal's chooser from now on.
+inline void choose(const QString& output)
+{
+    QFile file(fixtureFile("ORVANTA_WAYLAND_CHOICE"));
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(output.toUtf8() + '\n');
+}
+
+/// How often the portal has asked the user so far.
+inline int questions()
+{
+    return readFile(fixtureFile("ORVANTA_WAYLAND_STARTS")).count('\n');
+}
+
+/// How many sessions the back-end restored from a token so far.
+inline int restoredSessions()
+{
+    return readFile(fixtureFile("ORVANTA_WAYLAND_PORTAL_LOG")).count("dbus: restoring session from data");
+}
+
+/// Data rows for the two modes that copy the screen themselves.
+inline void addCopyModeRows()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("duplication") << 0;
+    QTest::newRow("blit") << 2;
+}
