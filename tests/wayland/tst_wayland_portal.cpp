@@ -236,9 +236,11 @@ void WaylandPortalTest::bothOutputsAtOnceEachGiveTheirOwn()
 void WaylandPortalTest::aStillOutputGivesItsFirstPictureAtItsFirstChange()
 {
     // The wlr back-end asks the compositor for changed pictures only: a session
-    // on an output where nothing moves gets no picture until something does.
-    // What earlier tests drew has settled first.
-    QTest::qWait(300);
+    // on an output where nothing moves may get no picture until something
+    // does. Whether the compositor repaints on its own in between (a client
+    // that went away, another output's change) is its business, so the test
+    // only holds that the first change brings the right picture at the latest,
+    // and that whatever came before it was the output's too.
     choose(Right.name);
     WinRTCapturer capturer;
     QCOMPARE(capturer.setCaptureContext(contextOf(Right)), 0L);
@@ -246,7 +248,11 @@ void WaylandPortalTest::aStillOutputGivesItsFirstPictureAtItsFirstChange()
     QElapsedTimer still;
     still.start();
     while (still.elapsed() < 500) {
-        QVERIFY(capturer.nextFrame().empty());
+        const cv::Mat early = capturer.nextFrame();
+        if (!early.empty()) {
+            const cv::Vec4b pixel = early.at<cv::Vec4b>(early.rows / 2, early.cols / 2);
+            QVERIFY2(near(pixel, Right.colour), qPrintable(describe(pixel)));
+        }
         QTest::qWait(20);
     }
     QVERIFY(!waitForColour(capturer, Right).empty());
