@@ -27,8 +27,8 @@ typedef void (*listener_function)(void);
 /* The events of zwlr_screencopy_frame_v1 version 3, in their order. */
 struct screencopy_frame_listener
 {
-    void (*buffer)(void* data, struct wl_proxy* frame, uint32_t format, uint32_t width, uint32_t height,
-        uint32_t stride);
+    void (*buffer)(
+        void* data, struct wl_proxy* frame, uint32_t format, uint32_t width, uint32_t height, uint32_t stride);
     void (*flags)(void* data, struct wl_proxy* frame, uint32_t flags);
     void (*ready)(void* data, struct wl_proxy* frame, uint32_t sec_hi, uint32_t sec_lo, uint32_t nsec);
     void (*failed)(void* data, struct wl_proxy* frame);

@@ -7,7 +7,10 @@
 
 #include <QtCore/QFile>
 #include <QtCore/QString>
+#include <QtGui/QColor>
 #include <QtTest/QTest>
+
+#include <opencv2/core.hpp>
 
 /// The file the fixture names in the environment variable @p variable.
 inline QString fixtureFile(const char* variable)
@@ -41,4 +44,15 @@ inline void addCopyModeRows()
     QTest::addColumn<int>("mode");
     QTest::newRow("duplication") << 0;
     QTest::newRow("blit") << 2;
+}
+
+/// Whether a frame's pixel (R, G, B, A) is @p colour, within @p tolerance a
+/// channel for what scaling may round.
+inline bool pixelIs(const cv::Mat& frame, int row, int col, const QColor& colour, int tolerance)
+{
+    if (frame.empty() || row >= frame.rows || col >= frame.cols)
+        return false;
+    const cv::Vec4b pixel = frame.at<cv::Vec4b>(row, col);
+    return qAbs(pixel[0] - colour.red()) <= tolerance && qAbs(pixel[1] - colour.green()) <= tolerance
+        && qAbs(pixel[2] - colour.blue()) <= tolerance;
 }
