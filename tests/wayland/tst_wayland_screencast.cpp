@@ -21,6 +21,8 @@
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTemporaryDir>
 #include <QtGui/QColor>
+#include <QtGui/QImage>
+#include <QtGui/QPainter>
 #include <QtTest/QTest>
 
 #include <opencv2/core.hpp>
@@ -125,6 +127,8 @@ private slots:
     void eachOutputGivesItsColour_data();
     void eachOutputGivesItsColour();
     void aStillOutputAnswersNothingChanged();
+    void aTurnedOutputComesAsItsUserSeesIt_data();
+    void aTurnedOutputComesAsItsUserSeesIt();
     void aChangingPictureArrives();
     void aSecondSessionOfAnOutputAsksNobody_data();
     void aSecondSessionOfAnOutputAsksNobody();
@@ -208,6 +212,84 @@ void TestWaylandScreenCast::eachOutputGivesItsColour()
                        "portal's screen cast, one session per output")
             .arg(mode)));
     QCOMPARE(messages.texts(QtWarningMsg), QStringList());
+}
+
+void TestWaylandScreenCast::aTurnedOutputComesAsItsUserSeesIt_data()
+{
+    addCopyModeRows();
+}
+
+void TestWaylandScreenCast::aTurnedOutputComesAsItsUserSeesIt()
+{
+    QFETCH(int, mode);
+    ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
+    // Four quadrants, drawn upright on the turned output by the compositor's
+    // own wallpaper, which runs as the desktop's user and must read the file.
+    const QColor colours[4] = {Qt::red, Qt::green, Qt::blue, Qt::white};
+    QImage picture(200, 200, QImage::Format_RGB32);
+    {
+        QPainter painter(&picture);
+        painter.fillRect(0, 0, 100, 100, colours[0]);
+        painter.fillRect(100, 0, 100, 100, colours[1]);
+        painter.fillRect(0, 100, 100, 100, colours[2]);
+        painter.fillRect(100, 100, 100, 100, colours[3]);
+    }
+    QTemporaryDir dir;
+    QVERIFY(QFile::setPermissions(dir.path(),
+        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther
+            | QFile::ExeOther));
+    const QString file = dir.filePath(QStringLiteral("quadrants.png"));
+    QVERIFY(picture.save(file));
+    auto swaymsg = [](const QStringList& arguments) {
+        QProcess process;
+        process.start(QStringLiteral("swaymsg"),
+            QStringList {QStringLiteral("-s"), qEnvironmentVariable("SWAYSOCK")} + arguments);
+        return process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit
+            && process.exitCode() == 0;
+    };
+    const QStringList showPicture {
+        QStringLiteral("output"), Left.name, QStringLiteral("bg"), file, QStringLiteral("stretch")};
+    QVERIFY(swaymsg({QStringLiteral("output"), Left.name, QStringLiteral("transform"), QStringLiteral("90")}));
+    QVERIFY(swaymsg(showPicture));
+    auto restore = qScopeGuard([&] {
+        swaymsg({QStringLiteral("output"), Left.name, QStringLiteral("transform"), QStringLiteral("normal")});
+        paint(Left.name, Left.colour);
+    });
+
+    const int sessions = portalSessions();
+    choose(Left.name);
+    DeskDuplManager registry;
+    QSharedPointer<IDeskCapture> capturer = registry.acquireCapturer(Left.capturerId);
+    QVERIFY(capturer);
+    capturer->setOutputSize(QSize(36, 64));
+    auto quadrantsOf = [&](const cv::Mat& frame) {
+        QString seen;
+        if (frame.cols != 36 || frame.rows != 64)
+            return seen;
+        for (const QPoint& at : {QPoint(9, 16), QPoint(27, 16), QPoint(9, 48), QPoint(27, 48)}) {
+            int found = -1;
+            for (int c = 0; c < 4; ++c) {
+                if (pixelIs(frame, at.y(), at.x(), colours[c], 3))
+                    found = c;
+            }
+            seen += found < 0 ? QStringLiteral("?") : QString::number(found);
+        }
+        return seen;
+    };
+    // The portal's back-end sends a picture when the output changes: the wallpaper is drawn again meanwhile.
+    QElapsedTimer waiting;
+    waiting.start();
+    QString seen;
+    while (waiting.elapsed() < 20000 && seen != QStringLiteral("0123")) {
+        seen = quadrantsOf(capturer->nextFrame());
+        if (seen != QStringLiteral("0123")) {
+            swaymsg(showPicture);
+            QTest::qWait(200);
+        }
+    }
+    QCOMPARE(seen, QStringLiteral("0123"));
+    QCOMPARE(capturer->originSize(), QSize(720, 1280));
+    QVERIFY2(portalSessions() > sessions, "the picture came through the desktop portal");
 }
 
 void TestWaylandScreenCast::aStillOutputAnswersNothingChanged()

@@ -1,6 +1,7 @@
 #include "portal/ScreenCastDuplication.h"
 
 #include "ResultCodes.h"
+#include "cpu/PictureTurn.h"
 #include "ifaces/DisplayAdapter.h"
 #include "ifaces/DisplayOutput.h"
 #include "portal/OutputCast.h"
@@ -29,8 +30,9 @@ std::string outputName(const std::shared_ptr<Ifaces::DisplayOutput>& output)
 
 } // namespace
 
-ScreenCastDuplication::ScreenCastDuplication(std::unique_ptr<OutputCast> cast)
+ScreenCastDuplication::ScreenCastDuplication(std::unique_ptr<OutputCast> cast, Ifaces::OutputRotation rotation)
     : m_cast(std::move(cast))
+    , m_rotation(rotation)
 {
 }
 
@@ -44,10 +46,11 @@ Ifaces::DuplicationDescription ScreenCastDuplication::description() const
 {
     Ifaces::DuplicationDescription description;
     const Ifaces::CaptureSize size = m_cast->size();
-    description.width = unsigned(size.width);
-    description.height = unsigned(size.height);
+    const bool quarter = Cpu::isQuarterTurn(m_rotation);
+    description.width = unsigned(quarter ? size.height : size.width);
+    description.height = unsigned(quarter ? size.width : size.height);
     description.format = kBgraFormat;
-    description.rotation = kUprightRotation;
+    description.rotation = Cpu::isTurned(m_rotation) ? int(m_rotation) : kUprightRotation;
     return description;
 }
 
@@ -81,7 +84,23 @@ long ScreenCastDuplication::frameSource(Ifaces::ScalerSource& source)
 {
     if (!m_frame)
         return DXGI_ERROR_INVALID_CALL;
-    return m_frame->texture(source);
+    const long hr = m_frame->texture(source);
+    if (hr < 0 || !Cpu::isTurned(m_rotation))
+        return hr;
+    const auto* pixels = static_cast<const std::uint8_t*>(source.pixels);
+    Cpu::turnPicture(pixels, source.bytesPerLine, source.width, source.height, m_rotation, m_turned);
+    const bool quarter = Cpu::isQuarterTurn(m_rotation);
+    const int width = quarter ? source.height : source.width;
+    const int height = quarter ? source.width : source.height;
+    source.pixels = m_turned.data();
+    source.width = width;
+    source.height = height;
+    source.bytesPerLine = std::size_t(width) * 4;
+    // The changed parts name places of the unturned picture: all of it changed.
+    source.changedRects = nullptr;
+    source.changedRectCount = 0;
+    source.series = nullptr;
+    return S_OK;
 }
 
 long ScreenCastDuplication::releaseFrame()
@@ -143,7 +162,7 @@ long ScreenCastDuplicator::duplicateOutput(
     std::unique_ptr<OutputCast> cast;
     if (const long hr = OutputCast::open(output, m_consent, cast); hr < 0)
         return hr;
-    duplication = std::make_unique<ScreenCastDuplication>(std::move(cast));
+    duplication = std::make_unique<ScreenCastDuplication>(std::move(cast), description.rotation);
     return S_OK;
 }
 

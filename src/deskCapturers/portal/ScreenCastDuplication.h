@@ -1,8 +1,10 @@
 #pragma once
 
 #include "ifaces/DesktopDuplicator.h"
+#include "ifaces/DisplayOutput.h"
 #include "ifaces/GraphicsCapture.h"
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -28,11 +30,16 @@ class OutputCast;
  * frame before, where the stream says so. The stream ending, or its pictures
  * changing size, answers DXGI_ERROR_ACCESS_LOST, so that the capturer opens
  * a new session.
+ *
+ * The stream's pictures come as the compositor draws a turned output, before
+ * its turn: they are turned here, as the user sees the output, as the
+ * duplication of the compositor's own copies does.
  */
 class ScreenCastDuplication final : public Ifaces::OutputDuplication
 {
 public:
-    explicit ScreenCastDuplication(std::unique_ptr<OutputCast> cast);
+    /// @p rotation: the output's.
+    ScreenCastDuplication(std::unique_ptr<OutputCast> cast, Ifaces::OutputRotation rotation);
     ~ScreenCastDuplication() override;
     ScreenCastDuplication(const ScreenCastDuplication&) = delete;
     ScreenCastDuplication& operator=(const ScreenCastDuplication&) = delete;
@@ -44,7 +51,9 @@ public:
 
 private:
     std::unique_ptr<OutputCast> m_cast;
+    Ifaces::OutputRotation m_rotation;
     std::unique_ptr<Ifaces::CapturedFrame> m_frame;
+    std::vector<std::uint8_t> m_turned;
 };
 
 /**

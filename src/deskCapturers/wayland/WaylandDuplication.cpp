@@ -4,6 +4,7 @@
 #include "WaylandCompositorAdapter.h"
 #include "WaylandConnection.h"
 #include "WaylandScreencopy.h"
+#include "cpu/PictureTurn.h"
 #include "ifaces/DisplayAdapter.h"
 
 #include <algorithm>
@@ -59,19 +60,8 @@ WaylandDuplication::WaylandDuplication(
 
 WaylandDuplication::~WaylandDuplication() = default;
 
-namespace {
-
-bool isQuarterTurn(Ifaces::OutputRotation rotation)
-{
-    return rotation == Ifaces::OutputRotation::Rotate90 || rotation == Ifaces::OutputRotation::Rotate270;
-}
-
-bool isTurned(Ifaces::OutputRotation rotation)
-{
-    return isQuarterTurn(rotation) || rotation == Ifaces::OutputRotation::Rotate180;
-}
-
-} // namespace
+using Cpu::isQuarterTurn;
+using Cpu::isTurned;
 
 Ifaces::DuplicationDescription WaylandDuplication::description() const
 {
@@ -106,44 +96,13 @@ long WaylandDuplication::acquireNextFrame(unsigned timeoutMilliseconds)
         return DXGI_ERROR_ACCESS_LOST;
     m_changedAll = m_firstFrame || m_copy->changedRects().empty();
     if (isTurned(m_geometry.rotation)) {
-        turnPicture();
+        Cpu::turnPicture(m_copy->pixels(), m_copy->bytesPerLine(), m_width, m_height, m_geometry.rotation, m_turned);
         // The changed parts are in the unturned picture's coordinates.
         m_changedAll = true;
     }
     m_firstFrame = false;
     m_frameHeld = true;
     return S_OK;
-}
-
-void WaylandDuplication::turnPicture()
-{
-    const int width = m_width;
-    const int height = m_height;
-    const std::size_t stride = m_copy->bytesPerLine();
-    const auto* from = m_copy->pixels();
-    m_turned.resize(std::size_t(width) * std::size_t(height) * 4);
-    auto* to = reinterpret_cast<std::uint32_t*>(m_turned.data());
-    const Ifaces::OutputRotation rotation = m_geometry.rotation;
-    // Rotate90 turns a quarter counter-clockwise, Rotate270 a quarter clockwise.
-    const int turnedWidth = isQuarterTurn(rotation) ? height : width;
-    for (int y = 0; y < height; ++y) {
-        const auto* line = reinterpret_cast<const std::uint32_t*>(from + stride * std::size_t(y));
-        for (int x = 0; x < width; ++x) {
-            int toX = 0;
-            int toY = 0;
-            if (rotation == Ifaces::OutputRotation::Rotate90) {
-                toX = y;
-                toY = width - 1 - x;
-            } else if (rotation == Ifaces::OutputRotation::Rotate270) {
-                toX = height - 1 - y;
-                toY = x;
-            } else {
-                toX = width - 1 - x;
-                toY = height - 1 - y;
-            }
-            to[std::size_t(toY) * std::size_t(turnedWidth) + std::size_t(toX)] = line[x];
-        }
-    }
 }
 
 long WaylandDuplication::frameSource(Ifaces::ScalerSource& source)

@@ -51,7 +51,6 @@ private:
     WaylandDuplication(
         std::shared_ptr<WaylandOutput> output, const Ifaces::OutputDescription& geometry, int width, int height);
     bool geometryChanged() const;
-    void turnPicture();
 
     std::shared_ptr<WaylandOutput> m_output;
     Ifaces::OutputDescription m_geometry;
