@@ -7,7 +7,10 @@
 
 #include <QtCore/QFile>
 #include <QtCore/QString>
+#include <QtCore/QTemporaryDir>
 #include <QtGui/QColor>
+#include <QtGui/QImage>
+#include <QtGui/QPainter>
 #include <QtTest/QTest>
 
 #include <opencv2/core.hpp>
@@ -55,4 +58,30 @@ inline bool pixelIs(const cv::Mat& frame, int row, int col, const QColor& colour
     const cv::Vec4b pixel = frame.at<cv::Vec4b>(row, col);
     return qAbs(pixel[0] - colour.red()) <= tolerance && qAbs(pixel[1] - colour.green()) <= tolerance
         && qAbs(pixel[2] - colour.blue()) <= tolerance;
+}
+
+/// The colours of quadrantPicture(): top left, top right, bottom left, bottom right.
+inline const QColor QuadrantColours[4] = {Qt::red, Qt::green, Qt::blue, Qt::white};
+
+/**
+ * Writes a picture of four quadrants in QuadrantColours into @p dir, for the
+ * compositor's own wallpaper to show upright on a turned output. sway runs
+ * wallpapers as the desktop's user, who must be able to read the file. The
+ * file's path, or an empty string when it could not be written.
+ */
+inline QString quadrantPicture(const QTemporaryDir& dir)
+{
+    QImage picture(200, 200, QImage::Format_RGB32);
+    {
+        QPainter painter(&picture);
+        painter.fillRect(0, 0, 100, 100, QuadrantColours[0]);
+        painter.fillRect(100, 0, 100, 100, QuadrantColours[1]);
+        painter.fillRect(0, 100, 100, 100, QuadrantColours[2]);
+        painter.fillRect(100, 100, 100, 100, QuadrantColours[3]);
+    }
+    const bool readable = QFile::setPermissions(dir.path(),
+        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther
+            | QFile::ExeOther);
+    const QString file = dir.filePath(QStringLiteral("quadrants.png"));
+    return readable && picture.save(file) ? file : QString();
 }

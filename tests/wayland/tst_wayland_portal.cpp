@@ -337,23 +337,10 @@ void WaylandPortalTest::aTurnedOutputGivesThePictureAsTheUserSeesIt()
 {
     QFETCH(QString, transform);
     // A picture with four quadrants, drawn upright on the turned output.
-    const QColor colours[4] = {Qt::red, Qt::green, Qt::blue, Qt::white};
-    QImage picture(200, 200, QImage::Format_RGB32);
-    {
-        QPainter painter(&picture);
-        painter.fillRect(0, 0, 100, 100, colours[0]);
-        painter.fillRect(100, 0, 100, 100, colours[1]);
-        painter.fillRect(0, 100, 100, 100, colours[2]);
-        painter.fillRect(100, 100, 100, 100, colours[3]);
-    }
-    // The compositor's own wallpaper shows it: sway runs that as the desktop's
-    // user, who must be able to read the file.
+    const auto& colours = QuadrantColours;
     QTemporaryDir dir;
-    QVERIFY(QFile::setPermissions(dir.path(),
-        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther
-            | QFile::ExeOther));
-    const QString file = dir.filePath(QStringLiteral("quadrants.png"));
-    QVERIFY(picture.save(file));
+    const QString file = quadrantPicture(dir);
+    QVERIFY(!file.isEmpty());
 
     QVERIFY(sway({QStringLiteral("output"), Left.name, QStringLiteral("transform"), transform}));
     QVERIFY(sway({QStringLiteral("output"), Left.name, QStringLiteral("bg"), file, QStringLiteral("stretch")}));

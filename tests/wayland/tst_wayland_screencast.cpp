@@ -223,23 +223,11 @@ void TestWaylandScreenCast::aTurnedOutputComesAsItsUserSeesIt()
 {
     QFETCH(int, mode);
     ConfigurationManager::instance()->setGlobalValue("screenCaptureMode", mode);
-    // Four quadrants, drawn upright on the turned output by the compositor's
-    // own wallpaper, which runs as the desktop's user and must read the file.
-    const QColor colours[4] = {Qt::red, Qt::green, Qt::blue, Qt::white};
-    QImage picture(200, 200, QImage::Format_RGB32);
-    {
-        QPainter painter(&picture);
-        painter.fillRect(0, 0, 100, 100, colours[0]);
-        painter.fillRect(100, 0, 100, 100, colours[1]);
-        painter.fillRect(0, 100, 100, 100, colours[2]);
-        painter.fillRect(100, 100, 100, 100, colours[3]);
-    }
+    // Four quadrants, drawn upright on the turned output by the compositor's own wallpaper.
+    const auto& colours = QuadrantColours;
     QTemporaryDir dir;
-    QVERIFY(QFile::setPermissions(dir.path(),
-        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther
-            | QFile::ExeOther));
-    const QString file = dir.filePath(QStringLiteral("quadrants.png"));
-    QVERIFY(picture.save(file));
+    const QString file = quadrantPicture(dir);
+    QVERIFY(!file.isEmpty());
     auto swaymsg = [](const QStringList& arguments) {
         QProcess process;
         process.start(QStringLiteral("swaymsg"),
