@@ -48,6 +48,8 @@ packages=(
     # portal with its wlroots back-end, and setpriv/xhost to run sway as a user
     libwayland-dev libwayland-bin wayland-protocols
     sway swaybg xwayland grim xdg-desktop-portal xdg-desktop-portal-wlr fuse3 util-linux
+    # the session-bus provider the desktop portal depends on (its fixture starts its own bus)
+    dbus-user-session
     # the example and its test pattern on Wayland: Qt's Wayland platform
     qtwayland5
     # audio tests against PipeWire's PulseAudio-compatible server
