@@ -97,13 +97,6 @@ cv::Mat GDICapturer::screenshot()
         qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
         return cv::Mat();
     }
-    if (!grabber->grab(monitor, rect, image)) {
-        qDebug() << "[GDICapturer]: Copying the rectangle" << rect.left << rect.top << rect.right << rect.bottom
-                 << "of monitor" << reinterpret_cast<void*>(monitor) << "failed";
-        qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
-        return cv::Mat();
-    }
-
     QSize size;
     {
         std::lock_guard<std::mutex> locker(outputSizeLock);
@@ -111,42 +104,65 @@ cv::Mat GDICapturer::screenshot()
     }
     const int W = size.width();
     const int H = size.height();
+    const int turn = rotation();
+    const bool quarterTurn = turn == int(OutputRotation::Rotate90) || turn == int(OutputRotation::Rotate270);
 
-    // A header on the grabber's memory. The frame, a buffer of its own, is
-    // scaled into straight from it (through a buffer kept from call to call
-    // where it is turned), and blue and red are exchanged on the small
-    // picture in place, so nothing delivered points into the grabber or is
-    // written again.
-    const cv::Mat copied(
-        image.height, image.width, CV_8UC4, const_cast<unsigned char*>(image.pixels), image.bytesPerLine);
+    // The frame, a buffer of its own, is scaled into straight from the
+    // grabber's memory (through a buffer kept from call to call where it is
+    // turned), band by band while the rest of the screen is still being
+    // copied. Blue and red are exchanged on the small picture in place, so
+    // nothing delivered points into the grabber or is written again.
     cv::Mat frame;
-    try {
-        switch (rotation()) {
-        case int(OutputRotation::Rotate90):
-            cv::resize(copied, scratch, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
-            cv::transpose(scratch, frame);
-            cv::flip(frame, frame, 0);
-            break;
-        case int(OutputRotation::Rotate180):
-            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
-            cv::flip(frame, frame, -1);
-            break;
-        case int(OutputRotation::Rotate270):
-            cv::resize(copied, scratch, cv::Size(H, W), 0, 0, cv::INTER_LINEAR);
-            cv::transpose(scratch, frame);
-            cv::flip(frame, frame, 1);
-            break;
-        default:
-            cv::resize(copied, frame, cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
-            break;
+    cv::Mat& scaled = quarterTurn ? scratch : frame;
+    const cv::Size scaledSize = quarterTurn ? cv::Size(H, W) : cv::Size(W, H);
+    const cv::Size copiedSize(int(rect.right - rect.left), int(rect.bottom - rect.top));
+    bands.plan(copiedSize, scaledSize);
+    std::string scalingFailure;
+    const auto scaleArrived = [&](const Orvanta::Ifaces::ScreenImage& image, int, int endRow) {
+        if (!scalingFailure.empty())
+            return;
+        try {
+            const cv::Mat copied(
+                image.height, image.width, CV_8UC4, const_cast<unsigned char*>(image.pixels), image.bytesPerLine);
+            if (copied.size() != copiedSize) {
+                // Not the picture the bands were planned for: it is scaled whole once complete.
+                if (endRow == image.height)
+                    cv::resize(copied, scaled, scaledSize, 0, 0, cv::INTER_LINEAR);
+                return;
+            }
+            bands.scaleArrived(copied, endRow, scaled);
+        } catch (const cv::Exception& exception) {
+            // An output size OpenCV can't scale to (such as 0) must not
+            // escape into the grabber, nor into the timer that polls.
+            scalingFailure = exception.what();
         }
-        // B, G, R, X becomes R, G, B, X; the fourth byte stays.
-        Orvanta::Cpu::swapRedAndBlue(frame.data, frame.total(), false);
-    } catch (const cv::Exception& exception) {
-        // An output size OpenCV can't scale to (such as 0) must not escape
-        // into the timer that polls.
-        qCritical() << "[GDICapturer]: Failed to scale the frame:" << exception.what();
+    };
+    if (!grabber->grabInBands(monitor, rect, bands.sourceBandEnds(), image, scaleArrived)) {
+        qDebug() << "[GDICapturer]: Copying the rectangle" << rect.left << rect.top << rect.right << rect.bottom
+                 << "of monitor" << reinterpret_cast<void*>(monitor) << "failed";
+        qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
         return cv::Mat();
     }
+    if (!scalingFailure.empty()) {
+        qCritical() << "[GDICapturer]: Failed to scale the frame:" << scalingFailure.c_str();
+        return cv::Mat();
+    }
+    switch (turn) {
+    case int(OutputRotation::Rotate90):
+        cv::transpose(scratch, frame);
+        cv::flip(frame, frame, 0);
+        break;
+    case int(OutputRotation::Rotate180):
+        cv::flip(frame, frame, -1);
+        break;
+    case int(OutputRotation::Rotate270):
+        cv::transpose(scratch, frame);
+        cv::flip(frame, frame, 1);
+        break;
+    default:
+        break;
+    }
+    // B, G, R, X becomes R, G, B, X; the fourth byte stays.
+    Orvanta::Cpu::swapRedAndBlue(frame.data, frame.total(), false);
     return frame;
 }

@@ -2,6 +2,7 @@
 
 #include "DeskCaptureContext.h"
 #include "IDeskCapture.h"
+#include "cpu/BandedResize.h"
 
 #include <mutex>
 
@@ -49,4 +50,6 @@ private:
     std::unique_ptr<Orvanta::Ifaces::ScreenGrabber> grabber;
     /// Scaled and turned pixels before the colour exchange; never delivered.
     cv::Mat scratch;
+    /// The scaling of the copy, band by band as the copy arrives.
+    Orvanta::Cpu::BandedResize bands;
 };

@@ -5,6 +5,8 @@
 
 #include <QtTest/QTest>
 
+#include <opencv2/imgproc.hpp>
+
 using Fakes::FakeScreenGrabber;
 using Fakes::OutputRotation;
 
@@ -30,6 +32,31 @@ bool isColour(const cv::Vec4b& pixel, int r, int g, int b)
     return pixel[0] == r && pixel[1] == g && pixel[2] == b;
 }
 
+/// Fills @p desktop with pixels that differ from row to row and pixel to pixel.
+void fillWithNoise(cv::Mat& desktop)
+{
+    cv::RNG random(0x5eed);
+    random.fill(desktop, cv::RNG::UNIFORM, 0, 256);
+}
+
+/// What a frame of @p screen scaled to @p size must be: one bilinear scaling
+/// of the whole, with red and blue exchanged.
+cv::Mat scaledWhole(const cv::Mat& screen, cv::Size size)
+{
+    cv::Mat scaled;
+    cv::resize(screen, scaled, size, 0, 0, cv::INTER_LINEAR);
+    cv::Mat frame;
+    cv::cvtColor(scaled, frame, cv::COLOR_BGRA2RGBA);
+    return frame;
+}
+
+double largestDifference(const cv::Mat& frame, const cv::Mat& expected)
+{
+    if (frame.size() != expected.size() || frame.type() != expected.type())
+        return -1;
+    return cv::norm(frame, expected, cv::NORM_INF);
+}
+
 } // namespace
 
 class TestGDICapturer : public QObject
@@ -51,6 +78,11 @@ private slots:
     void zeroOutputSizeIsNotCaughtBeforeScaling();
     void framesOwnTheirBuffers();
     void resolutionChangeKeepsTheOutputSize();
+    void framesAreScaledBandByBandAsTheCopyArrives();
+    void turnedFramesAreScaledBandByBand();
+    void aBandThatFailsGivesAnEmptyFrame();
+    void grabbersWithoutBandsAreScaledWhole();
+    void aPictureOfAnotherSizeIsScaledWhole();
 
 private:
     GDICapturer* makeCapturer(std::uintptr_t monitor, OutputRotation rotation = OutputRotation::Identity);
@@ -258,6 +290,74 @@ void TestGDICapturer::resolutionChangeKeepsTheOutputSize()
     QCOMPARE(m_grabber->lastRect.right, 1280L);
     QCOMPARE(frame.cols, 160);
     QCOMPARE(frame.rows, 90);
+}
+
+void TestGDICapturer::framesAreScaledBandByBandAsTheCopyArrives()
+{
+    fillWithNoise(m_grabber->desktop);
+    GDICapturer* capturer = makeCapturer(kLeft);
+    capturer->setOutputSize(QSize(320, 180));
+    const cv::Mat frame = capturer->nextFrame();
+    // Six bands of 180 rows, each scaled to 30 rows as it arrives; the fake's
+    // rows that have not arrived yet would show in the frame if read.
+    QCOMPARE(m_grabber->bandEndsAsked, (std::vector<int> {180, 360, 540, 720, 900, 1080}));
+    QCOMPARE(m_grabber->bandsHandedOn, 6);
+    QCOMPARE(largestDifference(frame, scaledWhole(m_grabber->desktop(cv::Rect(0, 0, 1920, 1080)), {320, 180})), 0.0);
+}
+
+void TestGDICapturer::turnedFramesAreScaledBandByBand()
+{
+    fillWithNoise(m_grabber->desktop);
+    GDICapturer* capturer = makeCapturer(kRight, OutputRotation::Rotate90);
+    capturer->setOutputSize(QSize(180, 320));
+    const cv::Mat frame = capturer->nextFrame();
+    QCOMPARE(m_grabber->bandsHandedOn, 6);
+    cv::Mat turned;
+    cv::transpose(scaledWhole(m_grabber->desktop(cv::Rect(1920, 0, 1920, 1080)), {320, 180}), turned);
+    cv::flip(turned, turned, 0);
+    QCOMPARE(largestDifference(frame, turned), 0.0);
+}
+
+void TestGDICapturer::aBandThatFailsGivesAnEmptyFrame()
+{
+    GDICapturer* capturer = makeCapturer(kLeft);
+    capturer->setOutputSize(QSize(320, 180));
+    m_grabber->failingBand = 3;
+    MessageCapture messages;
+    QVERIFY(capturer->nextFrame().empty());
+    QCOMPARE(m_grabber->bandsHandedOn, 3);
+    QCOMPARE(messages.texts(QtCriticalMsg), QStringList {"[GDICapturer]: Failed to get DBits errCode: 0"});
+    QCOMPARE(messages.texts(QtDebugMsg),
+        QStringList {"[GDICapturer]: Copying the rectangle 0 0 1920 1080 of monitor 0x11 failed"});
+    m_grabber->failingBand = -1;
+    QVERIFY(!capturer->nextFrame().empty());
+}
+
+void TestGDICapturer::grabbersWithoutBandsAreScaledWhole()
+{
+    fillWithNoise(m_grabber->desktop);
+    m_grabber->inBands = false;
+    GDICapturer* capturer = makeCapturer(kLeft);
+    capturer->setOutputSize(QSize(320, 180));
+    const cv::Mat frame = capturer->nextFrame();
+    QCOMPARE(m_grabber->grabs, 1);
+    QCOMPARE(m_grabber->bandsHandedOn, 0);
+    QCOMPARE(largestDifference(frame, scaledWhole(m_grabber->desktop(cv::Rect(0, 0, 1920, 1080)), {320, 180})), 0.0);
+}
+
+void TestGDICapturer::aPictureOfAnotherSizeIsScaledWhole()
+{
+    fillWithNoise(m_grabber->desktop);
+    m_grabber->inBands = false;
+    // The monitor is 1920x1080, yet the grabber hands on a smaller picture:
+    // the bands planned for the monitor don't fit it.
+    m_grabber->delivered = cv::Size(1280, 720);
+    GDICapturer* capturer = makeCapturer(kLeft);
+    capturer->setOutputSize(QSize(320, 180));
+    MessageCapture messages;
+    const cv::Mat frame = capturer->nextFrame();
+    QVERIFY(messages.all().isEmpty());
+    QCOMPARE(largestDifference(frame, scaledWhole(m_grabber->desktop(cv::Rect(0, 0, 1280, 720)), {320, 180})), 0.0);
 }
 
 QTEST_GUILESS_MAIN(TestGDICapturer)

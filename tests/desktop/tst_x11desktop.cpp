@@ -158,6 +158,7 @@ private slots:
     void bothMonitorsAreEnumerated();
     void outputsDescribeTheirMonitors();
     void monitorsAreClampedToTheScreen();
+    void bandsOfACopyArriveInOrderAndComplete();
     void randrRotationsBecomeClockwiseSteps();
     void eglDeviceWithoutTheXServer();
     void outputsOnSoftwareRenderersGetNoDevice();
@@ -257,6 +258,58 @@ void TestX11Desktop::outputsDescribeTheirMonitors()
     QCOMPARE(rect.left, 1920L);
     QCOMPARE(rect.right, 3840L);
     QVERIFY(!grabber.monitorRect(description.monitor + 1, rect));
+}
+
+void TestX11Desktop::bandsOfACopyArriveInOrderAndComplete()
+{
+    Orvanta::X11::XcbDisplaySystem system;
+    QCOMPARE(system.open(), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayAdapter> adapter;
+    QCOMPARE(system.enumAdapter(0, adapter), S_OK);
+    std::shared_ptr<Orvanta::Ifaces::DisplayOutput> output;
+    QCOMPARE(adapter->enumOutput(1, output), S_OK);
+    Orvanta::Ifaces::OutputDescription description;
+    QCOMPARE(output->describe(description), S_OK);
+
+    // A stripe in each band of the right monitor.
+    const QList<QPair<int, QColor>> stripes {
+        {55, QColor(255, 0, 0)}, {410, QColor(0, 255, 0)}, {1005, QColor(0, 0, 255)}};
+    for (const auto& stripe : stripes)
+        m_painter->fill(QRect(1920, stripe.first - 5, 1920, 10), stripe.second);
+
+    Orvanta::X11::XcbScreenGrabber grabber;
+    Orvanta::Ifaces::ScreenRect rect;
+    QVERIFY(grabber.monitorRect(description.monitor, rect));
+    const auto stripeIsThere = [](const Orvanta::Ifaces::ScreenImage& image, int row, const QColor& colour) {
+        const unsigned char* pixel = image.pixels + std::size_t(row) * image.bytesPerLine + 4 * 960;
+        return pixel[0] == colour.blue() && pixel[1] == colour.green() && pixel[2] == colour.red();
+    };
+    QList<QPair<int, int>> bands;
+    QList<bool> stripesSeen;
+    Orvanta::Ifaces::ScreenImage image;
+    QVERIFY(grabber.grabInBands(description.monitor, rect, {100, 500, 1080}, image,
+        [&](const Orvanta::Ifaces::ScreenImage& arrived, int firstRow, int endRow) {
+            // Each band is whole when it is handed on, before the next one is.
+            stripesSeen.append(stripeIsThere(arrived, stripes[bands.size()].first, stripes[bands.size()].second));
+            bands.append({firstRow, endRow});
+        }));
+    QCOMPARE(bands, (QList<QPair<int, int>> {{0, 100}, {100, 500}, {500, 1080}}));
+    QCOMPARE(stripesSeen, (QList<bool> {true, true, true}));
+    QCOMPARE(image.width, 1920);
+    QCOMPARE(image.height, 1080);
+
+    // Bands that don't cut the rectangle in order come as one.
+    bands.clear();
+    for (const std::vector<int>& wrong : {std::vector<int> {500, 400, 1080}, std::vector<int> {100, 500},
+             std::vector<int> {0, 1080}, std::vector<int> {}}) {
+        bands.clear();
+        QVERIFY(grabber.grabInBands(description.monitor, rect, wrong, image,
+            [&](const Orvanta::Ifaces::ScreenImage&, int firstRow, int endRow) {
+                bands.append({firstRow, endRow});
+            }));
+        QCOMPARE(bands, (QList<QPair<int, int>> {{0, 1080}}));
+    }
+    QVERIFY(stripeIsThere(image, 1005, stripes[2].second));
 }
 
 void TestX11Desktop::monitorsAreClampedToTheScreen()

@@ -2,8 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Orvanta {
 namespace Ifaces {
@@ -46,6 +48,30 @@ public:
      * it; false if nothing could be copied.
      */
     virtual bool grab(std::uintptr_t monitor, const ScreenRect& rect, ScreenImage& image) = 0;
+
+    /// Told that rows [firstRow, endRow) of the image being copied are in memory.
+    using BandArrived = std::function<void(const ScreenImage& image, int firstRow, int endRow)>;
+
+    /**
+     * Copies @p rect as grab() does, in bands of rows ending at @p bandEnds
+     * (ascending, the last one the rectangle's height), and hands each band to
+     * @p arrived as soon as it is in memory, so that the caller can work on it
+     * while the next one is copied. @p image describes the whole rectangle
+     * from the first call on; rows not yet handed on must not be read.
+     * @p arrived must not throw. False if a band could not be copied; the
+     * bands handed on before it were complete.
+     *
+     * A grabber that copies in one piece hands the whole on at once.
+     */
+    virtual bool grabInBands(std::uintptr_t monitor, const ScreenRect& rect, const std::vector<int>& bandEnds,
+        ScreenImage& image, const BandArrived& arrived)
+    {
+        (void)bandEnds;
+        if (!grab(monitor, rect, image))
+            return false;
+        arrived(image, 0, image.height);
+        return true;
+    }
 
     /**
      * True where the screen already holds a turned monitor as its user sees

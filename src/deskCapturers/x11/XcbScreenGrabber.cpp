@@ -12,6 +12,22 @@ namespace Orvanta {
 
 namespace X11 {
 
+namespace {
+
+/// Whether @p ends cut @p height rows into bands that are not empty.
+bool validBands(const std::vector<int>& ends, int height)
+{
+    int previous = 0;
+    for (const int end : ends) {
+        if (end <= previous || end > height)
+            return false;
+        previous = end;
+    }
+    return previous == height;
+}
+
+} // namespace
+
 XcbScreenGrabber::XcbScreenGrabber(std::string displayName)
     : m_displayName(std::move(displayName))
 {
@@ -100,6 +116,13 @@ void XcbScreenGrabber::releaseSegment()
 
 bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& rect, Ifaces::ScreenImage& image)
 {
+    return grabInBands(
+        monitor, rect, {int(rect.bottom - rect.top)}, image, [](const Ifaces::ScreenImage&, int, int) {});
+}
+
+bool XcbScreenGrabber::grabInBands(std::uintptr_t monitor, const Ifaces::ScreenRect& rect,
+    const std::vector<int>& bandEnds, Ifaces::ScreenImage& image, const BandArrived& arrived)
+{
     std::lock_guard<std::mutex> lock(m_mutex);
     const long width = rect.right - rect.left;
     const long height = rect.bottom - rect.top;
@@ -120,42 +143,62 @@ bool XcbScreenGrabber::grab(std::uintptr_t monitor, const Ifaces::ScreenRect& re
     xcb_connection_t* connection = m_connection->get();
     const std::size_t bytesPerLine = std::size_t(width) * 4;
     const std::size_t size = bytesPerLine * std::size_t(height);
-
-    if (m_connection->hasShm() && reserveSegment(size)) {
-        xcb_generic_error_t* error = nullptr;
-        xcb_shm_get_image_reply_t* reply = xcb_shm_get_image_reply(connection,
-            xcb_shm_get_image(connection, screen->root, std::int16_t(rect.left), std::int16_t(rect.top),
-                std::uint16_t(width), std::uint16_t(height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, m_segment, 0),
-            &error);
-        std::free(error);
-        if (!reply)
-            return false;
-        std::free(reply);
-        if (!layout.isPlainBgrx())
-            layout.toBgrx(m_segmentMemory, m_segmentMemory, std::size_t(width) * std::size_t(height));
-        image.pixels = m_segmentMemory;
-    } else {
-        xcb_generic_error_t* error = nullptr;
-        xcb_get_image_reply_t* reply = xcb_get_image_reply(connection,
-            xcb_get_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, screen->root, std::int16_t(rect.left),
-                std::int16_t(rect.top), std::uint16_t(width), std::uint16_t(height), ~0u),
-            &error);
-        std::free(error);
-        if (!reply)
-            return false;
-        if (std::size_t(xcb_get_image_data_length(reply)) < size) {
-            std::free(reply);
-            return false;
-        }
-        m_plainCopy.assign(xcb_get_image_data(reply), xcb_get_image_data(reply) + size);
-        std::free(reply);
-        if (!layout.isPlainBgrx())
-            layout.toBgrx(m_plainCopy.data(), m_plainCopy.data(), std::size_t(width) * std::size_t(height));
-        image.pixels = m_plainCopy.data();
-    }
     image.width = int(width);
     image.height = int(height);
     image.bytesPerLine = bytesPerLine;
+
+    if (m_connection->hasShm() && reserveSegment(size)) {
+        image.pixels = m_segmentMemory;
+        const std::vector<int> ends = validBands(bandEnds, int(height)) ? bandEnds : std::vector<int> {int(height)};
+        // Every band is asked for at once: the server copies the next band
+        // while the caller works on the one before.
+        std::vector<xcb_shm_get_image_cookie_t> requests;
+        requests.reserve(ends.size());
+        int first = 0;
+        for (const int end : ends) {
+            requests.push_back(xcb_shm_get_image(connection, screen->root, std::int16_t(rect.left),
+                std::int16_t(rect.top + first), std::uint16_t(width), std::uint16_t(end - first), ~0u,
+                XCB_IMAGE_FORMAT_Z_PIXMAP, m_segment, std::uint32_t(std::size_t(first) * bytesPerLine)));
+            first = end;
+        }
+        first = 0;
+        for (std::size_t band = 0; band < ends.size(); ++band) {
+            xcb_generic_error_t* error = nullptr;
+            xcb_shm_get_image_reply_t* reply = xcb_shm_get_image_reply(connection, requests[band], &error);
+            std::free(error);
+            if (!reply) {
+                for (std::size_t rest = band + 1; rest < ends.size(); ++rest)
+                    xcb_discard_reply(connection, requests[rest].sequence);
+                return false;
+            }
+            std::free(reply);
+            unsigned char* bandPixels = m_segmentMemory + std::size_t(first) * bytesPerLine;
+            if (!layout.isPlainBgrx())
+                layout.toBgrx(bandPixels, bandPixels, std::size_t(width) * std::size_t(ends[band] - first));
+            arrived(image, first, ends[band]);
+            first = ends[band];
+        }
+        return true;
+    }
+
+    xcb_generic_error_t* error = nullptr;
+    xcb_get_image_reply_t* reply = xcb_get_image_reply(connection,
+        xcb_get_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, screen->root, std::int16_t(rect.left),
+            std::int16_t(rect.top), std::uint16_t(width), std::uint16_t(height), ~0u),
+        &error);
+    std::free(error);
+    if (!reply)
+        return false;
+    if (std::size_t(xcb_get_image_data_length(reply)) < size) {
+        std::free(reply);
+        return false;
+    }
+    m_plainCopy.assign(xcb_get_image_data(reply), xcb_get_image_data(reply) + size);
+    std::free(reply);
+    if (!layout.isPlainBgrx())
+        layout.toBgrx(m_plainCopy.data(), m_plainCopy.data(), std::size_t(width) * std::size_t(height));
+    image.pixels = m_plainCopy.data();
+    arrived(image, 0, int(height));
     return true;
 }
 

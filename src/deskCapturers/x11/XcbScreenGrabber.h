@@ -30,6 +30,8 @@ public:
 
     bool monitorRect(std::uintptr_t monitor, Ifaces::ScreenRect& rect) override;
     bool grab(std::uintptr_t monitor, const Ifaces::ScreenRect& rect, Ifaces::ScreenImage& image) override;
+    bool grabInBands(std::uintptr_t monitor, const Ifaces::ScreenRect& rect, const std::vector<int>& bandEnds,
+        Ifaces::ScreenImage& image, const BandArrived& arrived) override;
     /// True: the X server composes a turned monitor into the root as its user sees it.
     bool picturesAreTurned() const override;
 
