@@ -1,6 +1,11 @@
 #include "AudioFFT.h"
 
 #include <cmath>
+#include <cstring>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
 
 namespace audiofft {
 
@@ -96,14 +101,14 @@ inline void butterfly(double* a, int j, int l, const GroupTwiddles& t)
     butterfly(a, j, l, t.w1r, t.w1i, t.w2r, t.w2i, t.w3r, t.w3i);
 }
 
+// Exchanges the complex values at j and k, each moved whole: a 16-byte copy
+// is one vector move where a pair of doubles would be two scalar ones.
 inline void swapPair(double* a, int j, int k)
 {
-    const double re = a[j];
-    const double im = a[j + 1];
-    a[j] = a[k];
-    a[j + 1] = a[k + 1];
-    a[k] = re;
-    a[k + 1] = im;
+    double value[2];
+    std::memcpy(value, a + j, sizeof value);
+    std::memcpy(a + j, a + k, sizeof value);
+    std::memcpy(a + k, value, sizeof value);
 }
 
 } // namespace
@@ -139,6 +144,11 @@ size_t AudioFFT::ComplexSize(size_t size)
 
 // --- the object layer -------------------------------------------------------
 
+OouraFFT::OouraFFT(InstructionSet wanted)
+    : set(runs(wanted) ? wanted : InstructionSet::Portable)
+{
+}
+
 void OouraFFT::init(size_t newSize)
 {
     if (newSize == size)
@@ -152,40 +162,6 @@ void OouraFFT::init(size_t newSize)
     const int size4 = static_cast<int>(size / 4);
     makewt(size4, ip.data(), w.data());
     makect(size4, ip.data(), w.data() + size4);
-}
-
-void OouraFFT::fft(const float* data, float* re, float* im)
-{
-    const size_t half = size / 2;
-    for (size_t i = 0; i < size; ++i)
-        buffer[i] = data[i];
-
-    rdft(static_cast<int>(size), +1, buffer.data(), ip.data(), w.data());
-
-    for (size_t k = 0; k < half; ++k) {
-        re[k] = static_cast<float>(buffer[2 * k]);
-        im[k] = static_cast<float>(-buffer[2 * k + 1]);
-    }
-    // The Nyquist bin travels in the imaginary slot of bin 0.
-    re[half] = -im[0];
-    im[0] = 0.0f;
-    im[half] = 0.0f;
-}
-
-void OouraFFT::ifft(float* data, const float* re, const float* im)
-{
-    const size_t half = size / 2;
-    for (size_t k = 0; k < half; ++k) {
-        buffer[2 * k] = re[k];
-        buffer[2 * k + 1] = -im[k];
-    }
-    buffer[1] = re[half];
-
-    rdft(static_cast<int>(size), -1, buffer.data(), ip.data(), w.data());
-
-    const double scale = 2.0 / static_cast<double>(size);
-    for (size_t i = 0; i < size; ++i)
-        data[i] = static_cast<float>(buffer[i] * scale);
 }
 
 // --- the numerical core -----------------------------------------------------
@@ -403,6 +379,263 @@ namespace {
     a[m + 1] = -a[m + 1];
 }
 
+// The stages of the complex transform and the real separation as plain C++,
+// for any processor.
+struct PortableStages
+{
+    static void forward(int n, double* a, const double* w)
+    {
+        cftfsub(n, a, w);
+    }
+    static void backward(int n, double* a, const double* w)
+    {
+        cftbsub(n, a, w);
+    }
+    static void separate(int n, double* a, int nc, const double* c)
+    {
+        rftfsub(n, a, nc, c);
+    }
+};
+
+// --- the same stages on 256-bit vectors --------------------------------------
+//
+// A vector holds two complex values as re, im, re, im. The radix-4 stages from
+// the second on run their butterflies on two neighbouring groups of values at
+// once, the first stage on two groups side by side; the arithmetic of each
+// value is the scalar one.
+
+#if defined(__x86_64__) || defined(__i386__)
+
+using Pair = __m256d;
+
+// (re, im) times (wr, wi) for each of the two values, wr and wi given per value.
+[[gnu::target("avx2,fma")]] inline Pair rotate(Pair x, Pair wr, Pair wi)
+{
+    return _mm256_fmaddsub_pd(wr, x, _mm256_mul_pd(wi, _mm256_permute_pd(x, 0b0101)));
+}
+
+// The twiddle factors of one group of a stage, spread over both values of a pair.
+struct PairTwiddles
+{
+    Pair w1r, w1i, w2r, w2i, w3r, w3i;
+};
+
+[[gnu::target("avx2,fma")]] inline PairTwiddles pairTwiddlesOf(const GroupTwiddles& t)
+{
+    return {_mm256_set1_pd(t.w1r), _mm256_set1_pd(t.w1i), _mm256_set1_pd(t.w2r), _mm256_set1_pd(t.w2i),
+        _mm256_set1_pd(t.w3r), _mm256_set1_pd(t.w3i)};
+}
+
+// The low value from the first group's twiddles, the high one from the second's.
+[[gnu::target("avx2,fma")]] inline PairTwiddles pairTwiddlesOf(const GroupTwiddles& low, const GroupTwiddles& high)
+{
+    return {_mm256_setr_pd(low.w1r, low.w1r, high.w1r, high.w1r), _mm256_setr_pd(low.w1i, low.w1i, high.w1i, high.w1i),
+        _mm256_setr_pd(low.w2r, low.w2r, high.w2r, high.w2r), _mm256_setr_pd(low.w2i, low.w2i, high.w2i, high.w2i),
+        _mm256_setr_pd(low.w3r, low.w3r, high.w3r, high.w3r), _mm256_setr_pd(low.w3i, low.w3i, high.w3i, high.w3i)};
+}
+
+// butterfly() on pairs: x0 to x3 are the four inputs, replaced by the outputs.
+[[gnu::target("avx2,fma")]] inline void butterfly(Pair& x0, Pair& x1, Pair& x2, Pair& x3, const PairTwiddles& t)
+{
+    const Pair s0 = _mm256_add_pd(x0, x1);
+    const Pair d0 = _mm256_sub_pd(x0, x1);
+    const Pair s1 = _mm256_add_pd(x2, x3);
+    const Pair d1 = _mm256_sub_pd(x2, x3);
+    const Pair d1Swapped = _mm256_permute_pd(d1, 0b0101);
+    x0 = _mm256_add_pd(s0, s1);
+    x2 = rotate(_mm256_sub_pd(s0, s1), t.w2r, t.w2i);
+    // (d0r - d1i, d0i + d1r) and (d0r + d1i, d0i - d1r).
+    x1 = rotate(_mm256_addsub_pd(d0, d1Swapped), t.w1r, t.w1i);
+    x3 = rotate(_mm256_addsub_pd(d0, _mm256_sub_pd(_mm256_setzero_pd(), d1Swapped)), t.w3r, t.w3i);
+}
+
+[[gnu::target("avx2,fma")]] inline void butterfly(Pair& x0, Pair& x1, Pair& x2, Pair& x3)
+{
+    const Pair s0 = _mm256_add_pd(x0, x1);
+    const Pair d0 = _mm256_sub_pd(x0, x1);
+    const Pair s1 = _mm256_add_pd(x2, x3);
+    const Pair d1 = _mm256_sub_pd(x2, x3);
+    const Pair d1Swapped = _mm256_permute_pd(d1, 0b0101);
+    x0 = _mm256_add_pd(s0, s1);
+    x2 = _mm256_sub_pd(s0, s1);
+    x1 = _mm256_addsub_pd(d0, d1Swapped);
+    x3 = _mm256_addsub_pd(d0, _mm256_sub_pd(_mm256_setzero_pd(), d1Swapped));
+}
+
+// The butterflies of values j and j + 2 of a group with a span of l doubles.
+[[gnu::target("avx2,fma")]] inline void butterflyAt(double* a, int j, int l, const PairTwiddles* t)
+{
+    Pair x0 = _mm256_loadu_pd(a + j);
+    Pair x1 = _mm256_loadu_pd(a + j + l);
+    Pair x2 = _mm256_loadu_pd(a + j + 2 * l);
+    Pair x3 = _mm256_loadu_pd(a + j + 3 * l);
+    if (t)
+        butterfly(x0, x1, x2, x3, *t);
+    else
+        butterfly(x0, x1, x2, x3);
+    _mm256_storeu_pd(a + j, x0);
+    _mm256_storeu_pd(a + j + l, x1);
+    _mm256_storeu_pd(a + j + 2 * l, x2);
+    _mm256_storeu_pd(a + j + 3 * l, x3);
+}
+
+// cft1st on pairs: the groups at k and k + 8, each of four single values.
+[[gnu::target("avx2,fma")]] inline void firstStageGroupsAt(double* a, int k, const PairTwiddles& t)
+{
+    const Pair low01 = _mm256_loadu_pd(a + k);
+    const Pair low23 = _mm256_loadu_pd(a + k + 4);
+    const Pair high01 = _mm256_loadu_pd(a + k + 8);
+    const Pair high23 = _mm256_loadu_pd(a + k + 12);
+    Pair x0 = _mm256_permute2f128_pd(low01, high01, 0x20);
+    Pair x1 = _mm256_permute2f128_pd(low01, high01, 0x31);
+    Pair x2 = _mm256_permute2f128_pd(low23, high23, 0x20);
+    Pair x3 = _mm256_permute2f128_pd(low23, high23, 0x31);
+    butterfly(x0, x1, x2, x3, t);
+    _mm256_storeu_pd(a + k, _mm256_permute2f128_pd(x0, x1, 0x20));
+    _mm256_storeu_pd(a + k + 4, _mm256_permute2f128_pd(x2, x3, 0x20));
+    _mm256_storeu_pd(a + k + 8, _mm256_permute2f128_pd(x0, x1, 0x31));
+    _mm256_storeu_pd(a + k + 12, _mm256_permute2f128_pd(x2, x3, 0x31));
+}
+
+[[gnu::target("avx2,fma")]] void cft1stWide(int n, double* a, const double* w)
+{
+    const double c = w[2]; // cos(pi/4)
+    const GroupTwiddles none {1.0, 0.0, 1.0, 0.0, 1.0, 0.0};
+    const GroupTwiddles eighth {c, c, 0.0, 1.0, -c, c};
+    firstStageGroupsAt(a, 0, pairTwiddlesOf(none, eighth));
+    int k1 = 0;
+    GroupTwiddles first, second;
+    for (int k = 16; k < n; k += 16) {
+        k1 += 2;
+        pairTwiddles(w, k1, first, second);
+        firstStageGroupsAt(a, k, pairTwiddlesOf(first, second));
+    }
+}
+
+[[gnu::target("avx2,fma")]] void cftmdlWide(int n, int l, double* a, const double* w)
+{
+    const int m = l << 2;
+    for (int j = 0; j < l; j += 4)
+        butterflyAt(a, j, l, nullptr);
+
+    const double c = w[2]; // cos(pi/4)
+    const PairTwiddles eighth = pairTwiddlesOf(GroupTwiddles {c, c, 0.0, 1.0, -c, c});
+    for (int j = m; j < l + m; j += 4)
+        butterflyAt(a, j, l, &eighth);
+
+    const int m2 = 2 * m;
+    int k1 = 0;
+    GroupTwiddles first, second;
+    for (int k = m2; k < n; k += m2) {
+        k1 += 2;
+        pairTwiddles(w, k1, first, second);
+        const PairTwiddles firstPair = pairTwiddlesOf(first);
+        const PairTwiddles secondPair = pairTwiddlesOf(second);
+        for (int j = k; j < l + k; j += 4)
+            butterflyAt(a, j, l, &firstPair);
+        for (int j = k + m; j < l + (k + m); j += 4)
+            butterflyAt(a, j, l, &secondPair);
+    }
+}
+
+// The complex stages of cftfsub or cftbsub, whose last stage conjugates.
+[[gnu::target("avx2,fma")]] void complexStagesWide(int n, double* a, const double* w, bool conjugate)
+{
+    if (n <= 8) {
+        if (conjugate)
+            cftbsub(n, a, w);
+        else
+            cftfsub(n, a, w);
+        return;
+    }
+    cft1stWide(n, a, w);
+    int l = 8;
+    while ((l << 2) < n) {
+        cftmdlWide(n, l, a, w);
+        l <<= 2;
+    }
+    const Pair signs = conjugate ? _mm256_setr_pd(0.0, -0.0, 0.0, -0.0) : _mm256_setzero_pd();
+    if ((l << 2) == n) {
+        for (int j = 0; j < l; j += 4) {
+            Pair x0 = _mm256_loadu_pd(a + j);
+            Pair x1 = _mm256_loadu_pd(a + j + l);
+            Pair x2 = _mm256_loadu_pd(a + j + 2 * l);
+            Pair x3 = _mm256_loadu_pd(a + j + 3 * l);
+            butterfly(x0, x1, x2, x3);
+            _mm256_storeu_pd(a + j, _mm256_xor_pd(x0, signs));
+            _mm256_storeu_pd(a + j + l, _mm256_xor_pd(x1, signs));
+            _mm256_storeu_pd(a + j + 2 * l, _mm256_xor_pd(x2, signs));
+            _mm256_storeu_pd(a + j + 3 * l, _mm256_xor_pd(x3, signs));
+        }
+    } else {
+        for (int j = 0; j < l; j += 4) {
+            const Pair x0 = _mm256_loadu_pd(a + j);
+            const Pair x1 = _mm256_loadu_pd(a + j + l);
+            _mm256_storeu_pd(a + j, _mm256_xor_pd(_mm256_add_pd(x0, x1), signs));
+            _mm256_storeu_pd(a + j + l, _mm256_xor_pd(_mm256_sub_pd(x0, x1), signs));
+        }
+    }
+}
+
+// rftfsub on pairs: values j and j + 2 against their mirrors n - j and n - j - 2.
+[[gnu::target("avx2,fma")]] void rftfsubWide(int n, double* a, int nc, const double* c)
+{
+    const int m = n >> 1;
+    const int ks = 2 * nc / m;
+    const Pair imaginarySigns = _mm256_setr_pd(0.0, -0.0, 0.0, -0.0);
+    int kk = 0;
+    int j = 2;
+    for (; j + 2 < m; j += 4) {
+        const int k = n - j;
+        const int kk0 = kk + ks;
+        const int kk1 = kk0 + ks;
+        kk = kk1;
+        const Pair wkr = _mm256_setr_pd(0.5 - c[nc - kk0], 0.5 - c[nc - kk0], 0.5 - c[nc - kk1], 0.5 - c[nc - kk1]);
+        const Pair wki = _mm256_setr_pd(c[kk0], c[kk0], c[kk1], c[kk1]);
+        const Pair front = _mm256_loadu_pd(a + j);
+        // Values k - 2 and k, turned into the order k, k - 2.
+        const Pair back = _mm256_permute2f128_pd(_mm256_loadu_pd(a + k - 2), _mm256_loadu_pd(a + k - 2), 0x01);
+        // (a[j] - a[k], a[j + 1] + a[k + 1]) rotated by (wkr, wki).
+        const Pair y = rotate(_mm256_addsub_pd(front, back), wkr, wki);
+        _mm256_storeu_pd(a + j, _mm256_sub_pd(front, y));
+        const Pair backOut = _mm256_add_pd(back, _mm256_xor_pd(y, imaginarySigns));
+        _mm256_storeu_pd(a + k - 2, _mm256_permute2f128_pd(backOut, backOut, 0x01));
+    }
+    for (; j < m; j += 2) {
+        const int k = n - j;
+        kk += ks;
+        const double wkr = 0.5 - c[nc - kk];
+        const double wki = c[kk];
+        const double xr = a[j] - a[k];
+        const double xi = a[j + 1] + a[k + 1];
+        const double yr = wkr * xr - wki * xi;
+        const double yi = wkr * xi + wki * xr;
+        a[j] -= yr;
+        a[j + 1] -= yi;
+        a[k] += yr;
+        a[k + 1] -= yi;
+    }
+}
+
+struct WideStages
+{
+    static void forward(int n, double* a, const double* w)
+    {
+        complexStagesWide(n, a, w, false);
+    }
+    static void backward(int n, double* a, const double* w)
+    {
+        complexStagesWide(n, a, w, true);
+    }
+    static void separate(int n, double* a, int nc, const double* c)
+    {
+        rftfsubWide(n, a, nc, c);
+    }
+};
+
+#endif
+
+template <typename Stages>
 [[gnu::always_inline]] inline void realTransform(int n, int isgn, double* a, int* ip, double* w)
 {
     const int nw = ip[0];
@@ -410,8 +643,8 @@ namespace {
     if (isgn >= 0) {
         if (n > 4) {
             bitrv2(n, ip + 2, a);
-            cftfsub(n, a, w);
-            rftfsub(n, a, nc, w + nw);
+            Stages::forward(n, a, w);
+            Stages::separate(n, a, nc, w + nw);
         } else if (n == 4) {
             cftfsub(n, a, w);
         }
@@ -424,7 +657,7 @@ namespace {
         if (n > 4) {
             rftbsub(n, a, nc, w + nw);
             bitrv2(n, ip + 2, a);
-            cftbsub(n, a, w);
+            Stages::backward(n, a, w);
         } else if (n == 4) {
             // A two-point complex transform is its own inverse.
             cftfsub(n, a, w);
@@ -432,35 +665,121 @@ namespace {
     }
 }
 
-// The whole transform built twice, the stages inlined into each: once for
-// processors with AVX2 and FMA, once for any x86-64. The choice is made once,
-// when the library is loaded, by an ordinary static initialiser rather than an
-// ifunc resolver, which would run before the sanitizers' runtimes are ready.
-[[gnu::target("avx2,fma")]] void transformWide(int n, int isgn, double* a, int* ip, double* w)
+// The whole of fft() and ifft() between the caller's floats and the work
+// buffer, so that the conversions are built for the same instruction set.
+template <typename Stages>
+[[gnu::always_inline]] inline void forwardBlock(int n, const float* __restrict data, float* __restrict re,
+    float* __restrict im, double* __restrict a, int* ip, double* w)
 {
-    realTransform(n, isgn, a, ip, w);
+    for (int i = 0; i < n; ++i)
+        a[i] = data[i];
+
+    realTransform<Stages>(n, +1, a, ip, w);
+
+    const int half = n / 2;
+    for (int k = 0; k < half; ++k) {
+        re[k] = static_cast<float>(a[2 * k]);
+        im[k] = static_cast<float>(-a[2 * k + 1]);
+    }
+    // The Nyquist bin travels in the imaginary slot of bin 0.
+    re[half] = -im[0];
+    im[0] = 0.0f;
+    im[half] = 0.0f;
 }
 
-void transformPortable(int n, int isgn, double* a, int* ip, double* w)
+template <typename Stages>
+[[gnu::always_inline]] inline void inverseBlock(int n, float* __restrict data, const float* __restrict re,
+    const float* __restrict im, double* __restrict a, int* ip, double* w)
 {
-    realTransform(n, isgn, a, ip, w);
+    const int half = n / 2;
+    for (int k = 0; k < half; ++k) {
+        a[2 * k] = re[k];
+        a[2 * k + 1] = -im[k];
+    }
+    a[1] = re[half];
+
+    realTransform<Stages>(n, -1, a, ip, w);
+
+    const double scale = 2.0 / static_cast<double>(n);
+    for (int i = 0; i < n; ++i)
+        data[i] = static_cast<float>(a[i] * scale);
 }
 
-using TransformFunction = void (*)(int, int, double*, int*, double*);
-
-TransformFunction chooseTransform()
+// Both directions built twice: once for processors with AVX2 and FMA, once
+// for any processor. The choice is made once, when the library is loaded, by
+// an ordinary static initialiser rather than an ifunc resolver, which would
+// run before the sanitizers' runtimes are ready.
+void forwardPortable(int n, const float* data, float* re, float* im, double* a, int* ip, double* w)
 {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") ? transformWide : transformPortable;
+    forwardBlock<PortableStages>(n, data, re, im, a, ip, w);
 }
 
-const TransformFunction transformForThisProcessor = chooseTransform();
+void inversePortable(int n, float* data, const float* re, const float* im, double* a, int* ip, double* w)
+{
+    inverseBlock<PortableStages>(n, data, re, im, a, ip, w);
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+
+[[gnu::target("avx2,fma")]] void forwardWide(
+    int n, const float* data, float* re, float* im, double* a, int* ip, double* w)
+{
+    forwardBlock<WideStages>(n, data, re, im, a, ip, w);
+}
+
+[[gnu::target("avx2,fma")]] void inverseWide(
+    int n, float* data, const float* re, const float* im, double* a, int* ip, double* w)
+{
+    inverseBlock<WideStages>(n, data, re, im, a, ip, w);
+}
+
+#endif
+
+struct Kernel
+{
+    void (*forward)(int, const float*, float*, float*, double*, int*, double*);
+    void (*inverse)(int, float*, const float*, const float*, double*, int*, double*);
+};
+
+Kernel kernelFor(OouraFFT::InstructionSet set)
+{
+#if defined(__x86_64__) || defined(__i386__)
+    if (set == OouraFFT::InstructionSet::Avx2Fma)
+        return {forwardWide, inverseWide};
+#endif
+    (void)set;
+    return {forwardPortable, inversePortable};
+}
 
 } // namespace
 
-void OouraFFT::rdft(int n, int isgn, double* a, int* ip, double* w)
+void OouraFFT::fft(const float* data, float* re, float* im)
 {
-    transformForThisProcessor(n, isgn, a, ip, w);
+    kernelFor(set).forward(static_cast<int>(size), data, re, im, buffer.data(), ip.data(), w.data());
+}
+
+void OouraFFT::ifft(float* data, const float* re, const float* im)
+{
+    kernelFor(set).inverse(static_cast<int>(size), data, re, im, buffer.data(), ip.data(), w.data());
+}
+
+OouraFFT::InstructionSet OouraFFT::fastestInstructionSet()
+{
+    static const InstructionSet fastest
+        = runs(InstructionSet::Avx2Fma) ? InstructionSet::Avx2Fma : InstructionSet::Portable;
+    return fastest;
+}
+
+bool OouraFFT::runs(InstructionSet candidate)
+{
+    if (candidate == InstructionSet::Portable)
+        return true;
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+#else
+    return false;
+#endif
 }
 
 // Twiddle table of the complex stages: cos and sin of the first octant,

@@ -37,8 +37,25 @@ public:
 class OouraFFT : public detail::AudioFFTImpl
 {
 public:
-    OouraFFT() = default;
+    /// The instruction sets the transform is built for; the arithmetic is the same.
+    enum class InstructionSet {
+        Portable,
+        Avx2Fma,
+    };
+
+    /// The fastest set that this processor runs, found once.
+    static InstructionSet fastestInstructionSet();
+    /// Whether this processor runs @p set.
+    static bool runs(InstructionSet set);
+
+    /// Transforms with @p set, or with the portable one where this processor doesn't run @p set.
+    explicit OouraFFT(InstructionSet set = fastestInstructionSet());
     ~OouraFFT() override = default;
+
+    InstructionSet instructionSet() const
+    {
+        return set;
+    }
 
     /// Builds the tables for `size`, a power of two of at least 4. Repeating
     /// it with the same size keeps the tables.
@@ -59,10 +76,10 @@ public:
     }
 
 private:
-    void rdft(int n, int isgn, double* a, int* ip, double* w);
     void makewt(int nw, int* ip, double* w);
     void makect(int nc, int* ip, double* c);
 
+    InstructionSet set;
     size_t size = 0;
     std::vector<int> ip;
     std::vector<double> w;

@@ -38,6 +38,8 @@ std::vector<float> randomBlock(size_t n, std::mt19937& generator)
 
 } // namespace
 
+Q_DECLARE_METATYPE(audiofft::OouraFFT::InstructionSet)
+
 class AudioFFTTest : public QObject
 {
     Q_OBJECT
@@ -55,6 +57,9 @@ private slots:
     void sineAtExactBin_data();
     void sineAtExactBin();
     void alwaysBuildsOouraImplementation();
+    void everyInstructionSetMatchesTheDirectDft_data();
+    void everyInstructionSetMatchesTheDirectDft();
+    void theFastestSetOfThisProcessorIsChosen();
 };
 
 void AudioFFTTest::complexSize()
@@ -247,6 +252,73 @@ void AudioFFTTest::alwaysBuildsOouraImplementation()
     auto* ooura = static_cast<audiofft::OouraFFT*>(fft.implementation());
     QVERIFY(ooura->tables().empty());
     QVERIFY(ooura->workArea().empty());
+}
+
+void AudioFFTTest::everyInstructionSetMatchesTheDirectDft_data()
+{
+    using Set = audiofft::OouraFFT::InstructionSet;
+    QTest::addColumn<Set>("set");
+    QTest::addColumn<int>("size");
+    for (const Set set : {Set::Portable, Set::Avx2Fma}) {
+        if (!audiofft::OouraFFT::runs(set))
+            continue;
+        const char* name = set == Set::Portable ? "portable" : "avx2+fma";
+        for (int size = 4; size <= 4096; size *= 2)
+            QTest::newRow(qPrintable(QStringLiteral("%1 %2").arg(name).arg(size))) << set << size;
+    }
+}
+
+void AudioFFTTest::everyInstructionSetMatchesTheDirectDft()
+{
+    QFETCH(audiofft::OouraFFT::InstructionSet, set);
+    QFETCH(int, size);
+    audiofft::OouraFFT fft(set);
+    QCOMPARE(fft.instructionSet(), set);
+    fft.init(size);
+
+    std::mt19937 generator(static_cast<unsigned>(size) * 13u);
+    const std::vector<float> input = randomBlock(size, generator);
+    std::vector<float> re(audiofft::AudioFFT::ComplexSize(size));
+    std::vector<float> im(re.size());
+    fft.fft(input.data(), re.data(), im.data());
+    const auto expected = referenceDft(input);
+    double largest = 0.0;
+    for (const auto& bin : expected)
+        largest = std::max(largest, std::abs(bin));
+    for (size_t k = 0; k < expected.size(); ++k) {
+        const double error = std::abs(std::complex<double>(re[k], im[k]) - expected[k]);
+        QVERIFY2(error <= 1e-6 * largest, qPrintable(QStringLiteral("bin %1").arg(k)));
+    }
+
+    std::vector<float> output(size);
+    fft.ifft(output.data(), re.data(), im.data());
+    for (int i = 0; i < size; ++i)
+        QVERIFY2(std::abs(output[i] - input[i]) <= 1e-6, qPrintable(QString::number(i)));
+}
+
+void AudioFFTTest::theFastestSetOfThisProcessorIsChosen()
+{
+    using Set = audiofft::OouraFFT::InstructionSet;
+    QVERIFY(audiofft::OouraFFT::runs(Set::Portable));
+#if defined(__x86_64__)
+    // The kernel's own view of the processor.
+    QFile cpuinfo("/proc/cpuinfo");
+    QVERIFY(cpuinfo.open(QIODevice::ReadOnly));
+    QStringList flags;
+    for (const QByteArray& line : cpuinfo.readAll().split('\n')) {
+        if (line.startsWith("flags")) {
+            flags = QString::fromLatin1(line.mid(line.indexOf(':') + 1)).split(' ', Qt::SkipEmptyParts);
+            break;
+        }
+    }
+    QVERIFY(!flags.isEmpty());
+    const bool wide = flags.contains("avx2") && flags.contains("fma");
+    QCOMPARE(audiofft::OouraFFT::runs(Set::Avx2Fma), wide);
+    QCOMPARE(audiofft::OouraFFT::fastestInstructionSet(), wide ? Set::Avx2Fma : Set::Portable);
+#endif
+    audiofft::AudioFFT fft;
+    QCOMPARE(static_cast<audiofft::OouraFFT*>(fft.implementation())->instructionSet(),
+        audiofft::OouraFFT::fastestInstructionSet());
 }
 
 QTEST_APPLESS_MAIN(AudioFFTTest)
