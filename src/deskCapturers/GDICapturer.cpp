@@ -113,35 +113,40 @@ cv::Mat GDICapturer::screenshot()
     // copied. Blue and red are exchanged on the small picture in place, so
     // nothing delivered points into the grabber or is written again.
     cv::Mat frame;
-    cv::Mat& scaled = quarterTurn ? scratch : frame;
-    const cv::Size scaledSize = quarterTurn ? cv::Size(H, W) : cv::Size(W, H);
+    cv::Mat& target = quarterTurn ? scratch : frame;
+    const cv::Size targetSize = quarterTurn ? cv::Size(H, W) : cv::Size(W, H);
     const cv::Size copiedSize(int(rect.right - rect.left), int(rect.bottom - rect.top));
-    bands.plan(copiedSize, scaledSize);
+    bands.plan(copiedSize, targetSize);
+    bool scaled = false;
     std::string scalingFailure;
-    const auto scaleArrived = [&](const Orvanta::Ifaces::ScreenImage& image, int, int endRow) {
-        if (!scalingFailure.empty())
-            return;
+    // OpenCV's refusals, such as of an output size of 0, must escape neither
+    // into the grabber nor into the timer that polls.
+    const auto scaleCaught = [&](auto&& scale) {
         try {
-            const cv::Mat copied(
-                image.height, image.width, CV_8UC4, const_cast<unsigned char*>(image.pixels), image.bytesPerLine);
-            if (copied.size() != copiedSize) {
-                // Not the picture the bands were planned for: it is scaled whole once complete.
-                if (endRow == image.height)
-                    cv::resize(copied, scaled, scaledSize, 0, 0, cv::INTER_LINEAR);
-                return;
-            }
-            bands.scaleArrived(copied, endRow, scaled);
+            scale();
         } catch (const cv::Exception& exception) {
-            // An output size OpenCV can't scale to (such as 0) must not
-            // escape into the grabber, nor into the timer that polls.
             scalingFailure = exception.what();
         }
+    };
+    const auto scaleArrived = [&](const Orvanta::Ifaces::ScreenImage& arrived, int, int endRow) {
+        const cv::Mat copied(
+            arrived.height, arrived.width, CV_8UC4, const_cast<unsigned char*>(arrived.pixels), arrived.bytesPerLine);
+        // A picture of another size than planned is scaled whole, once complete.
+        if (copied.size() != copiedSize || !scalingFailure.empty())
+            return;
+        scaleCaught([&] { bands.scaleArrived(copied, endRow, target); });
+        scaled = bands.finished();
     };
     if (!grabber->grabInBands(monitor, rect, bands.sourceBandEnds(), image, scaleArrived)) {
         qDebug() << "[GDICapturer]: Copying the rectangle" << rect.left << rect.top << rect.right << rect.bottom
                  << "of monitor" << reinterpret_cast<void*>(monitor) << "failed";
         qCritical() << "[GDICapturer]: Failed to get DBits errCode:" << 0;
         return cv::Mat();
+    }
+    if (!scaled && scalingFailure.empty()) {
+        const cv::Mat copied(
+            image.height, image.width, CV_8UC4, const_cast<unsigned char*>(image.pixels), image.bytesPerLine);
+        scaleCaught([&] { cv::resize(copied, target, targetSize, 0, 0, cv::INTER_LINEAR); });
     }
     if (!scalingFailure.empty()) {
         qCritical() << "[GDICapturer]: Failed to scale the frame:" << scalingFailure.c_str();
