@@ -497,6 +497,23 @@ struct PairTwiddles
     _mm256_storeu_pd(a + k + 12, _mm256_permute2f128_pd(x2, x3, 0x31));
 }
 
+// pairTwiddles() for table position k1 straight into vectors, the first
+// group's factors in the low value, the second's in the high one.
+[[gnu::target("avx2,fma")]] inline PairTwiddles pairTwiddlesAt(const double* w, int k1)
+{
+    // wk1 of both groups: re, im, re, im.
+    const Pair wk1 = _mm256_loadu_pd(w + 2 * k1);
+    // wk2 in both halves; the second group takes i times it.
+    const Pair wk2 = _mm256_broadcast_pd(reinterpret_cast<const __m128d*>(w + k1));
+    const Pair w1r = _mm256_movedup_pd(wk1);
+    const Pair w1i = _mm256_permute_pd(wk1, 0b1111);
+    const Pair w2r = _mm256_xor_pd(_mm256_permute_pd(wk2, 0b1100), _mm256_setr_pd(0.0, 0.0, -0.0, -0.0));
+    const Pair w2i = _mm256_permute_pd(wk2, 0b0011);
+    // wk3: wk1r - 2 f wk1i and 2 f wk1r - wk1i, f being the imaginary part of wk2.
+    const Pair twiceF = _mm256_add_pd(w2i, w2i);
+    return {w1r, w1i, w2r, w2i, _mm256_fnmadd_pd(twiceF, w1i, w1r), _mm256_fmsub_pd(twiceF, w1r, w1i)};
+}
+
 [[gnu::target("avx2,fma")]] void cft1stWide(int n, double* a, const double* w)
 {
     const double c = w[2]; // cos(pi/4)
@@ -504,11 +521,9 @@ struct PairTwiddles
     const GroupTwiddles eighth {c, c, 0.0, 1.0, -c, c};
     firstStageGroupsAt(a, 0, pairTwiddlesOf(none, eighth));
     int k1 = 0;
-    GroupTwiddles first, second;
     for (int k = 16; k < n; k += 16) {
         k1 += 2;
-        pairTwiddles(w, k1, first, second);
-        firstStageGroupsAt(a, k, pairTwiddlesOf(first, second));
+        firstStageGroupsAt(a, k, pairTwiddlesAt(w, k1));
     }
 }
 
