@@ -332,13 +332,14 @@ namespace {
 }
 
 // Separates the real spectrum from the complex transform of the even/odd
-// pairs, bin j against its mirror n - j.
-[[gnu::always_inline]] inline void rftfsub(int n, double* __restrict a, int nc, const double* __restrict c)
+// pairs, bin j against its mirror n - j. A caller that has separated the
+// bins before j itself, with kk its position in the table, passes both on.
+[[gnu::always_inline]] inline void rftfsub(
+    int n, double* __restrict a, int nc, const double* __restrict c, int firstJ = 2, int kk = 0)
 {
     const int m = n >> 1;
     const int ks = 2 * nc / m;
-    int kk = 0;
-    for (int j = 2; j < m; j += 2) {
+    for (int j = firstJ; j < m; j += 2) {
         const int k = n - j;
         kk += ks;
         const double wkr = 0.5 - c[nc - kk];
@@ -434,21 +435,8 @@ struct PairTwiddles
         _mm256_setr_pd(low.w3r, low.w3r, high.w3r, high.w3r), _mm256_setr_pd(low.w3i, low.w3i, high.w3i, high.w3i)};
 }
 
-// butterfly() on pairs: x0 to x3 are the four inputs, replaced by the outputs.
-[[gnu::target("avx2,fma")]] inline void butterfly(Pair& x0, Pair& x1, Pair& x2, Pair& x3, const PairTwiddles& t)
-{
-    const Pair s0 = _mm256_add_pd(x0, x1);
-    const Pair d0 = _mm256_sub_pd(x0, x1);
-    const Pair s1 = _mm256_add_pd(x2, x3);
-    const Pair d1 = _mm256_sub_pd(x2, x3);
-    const Pair d1Swapped = _mm256_permute_pd(d1, 0b0101);
-    x0 = _mm256_add_pd(s0, s1);
-    x2 = rotate(_mm256_sub_pd(s0, s1), t.w2r, t.w2i);
-    // (d0r - d1i, d0i + d1r) and (d0r + d1i, d0i - d1r).
-    x1 = rotate(_mm256_addsub_pd(d0, d1Swapped), t.w1r, t.w1i);
-    x3 = rotate(_mm256_addsub_pd(d0, _mm256_sub_pd(_mm256_setzero_pd(), d1Swapped)), t.w3r, t.w3i);
-}
-
+// butterfly() on pairs without rotation: x0 to x3 are the four inputs,
+// replaced by the outputs.
 [[gnu::target("avx2,fma")]] inline void butterfly(Pair& x0, Pair& x1, Pair& x2, Pair& x3)
 {
     const Pair s0 = _mm256_add_pd(x0, x1);
@@ -458,8 +446,17 @@ struct PairTwiddles
     const Pair d1Swapped = _mm256_permute_pd(d1, 0b0101);
     x0 = _mm256_add_pd(s0, s1);
     x2 = _mm256_sub_pd(s0, s1);
+    // (d0r - d1i, d0i + d1r) and (d0r + d1i, d0i - d1r).
     x1 = _mm256_addsub_pd(d0, d1Swapped);
     x3 = _mm256_addsub_pd(d0, _mm256_sub_pd(_mm256_setzero_pd(), d1Swapped));
+}
+
+[[gnu::target("avx2,fma")]] inline void butterfly(Pair& x0, Pair& x1, Pair& x2, Pair& x3, const PairTwiddles& t)
+{
+    butterfly(x0, x1, x2, x3);
+    x1 = rotate(x1, t.w1r, t.w1i);
+    x2 = rotate(x2, t.w2r, t.w2i);
+    x3 = rotate(x3, t.w3r, t.w3i);
 }
 
 // The butterflies of values j and j + 2 of a group with a span of l doubles.
@@ -616,20 +613,7 @@ struct PairTwiddles
         const Pair backOut = _mm256_add_pd(back, _mm256_xor_pd(y, imaginarySigns));
         _mm256_storeu_pd(a + k - 2, _mm256_permute2f128_pd(backOut, backOut, 0x01));
     }
-    for (; j < m; j += 2) {
-        const int k = n - j;
-        kk += ks;
-        const double wkr = 0.5 - c[nc - kk];
-        const double wki = c[kk];
-        const double xr = a[j] - a[k];
-        const double xi = a[j + 1] + a[k + 1];
-        const double yr = wkr * xr - wki * xi;
-        const double yi = wkr * xi + wki * xr;
-        a[j] -= yr;
-        a[j + 1] -= yi;
-        a[k] += yr;
-        a[k + 1] -= yi;
-    }
+    rftfsub(n, a, nc, c, j, kk);
 }
 
 struct WideStages
