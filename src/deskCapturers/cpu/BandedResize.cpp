@@ -10,7 +10,6 @@ namespace Cpu {
 
 void BandedResize::plan(cv::Size source, cv::Size target, int preferredBands)
 {
-    m_source = source;
     m_target = target;
     m_sourceEnds.clear();
     m_targetEnds.clear();

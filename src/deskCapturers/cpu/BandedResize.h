@@ -45,7 +45,6 @@ public:
     }
 
 private:
-    cv::Size m_source;
     cv::Size m_target;
     std::vector<int> m_sourceEnds;
     std::vector<int> m_targetEnds;
